@@ -1,0 +1,362 @@
+#include "log/logger.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <thread>
+
+#include "log/key_value_file.h"
+
+namespace {
+
+constexpr int kDefaultLevel = LOG_LEVEL_WARNING;
+constexpr size_t kAsyncBufferSize = 4096;
+
+// Counters that processes forked after Init must share live in anonymous
+// shared mappings; otherwise on the heap.
+template <typename T>
+T* AllocateCounter(bool shared) {
+  if (!shared) return new T(0);
+  void* p = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) return nullptr;
+  return new (p) T(0);
+}
+
+template <typename T>
+void FreeCounter(T* counter, bool shared) {
+  if (counter == nullptr) return;
+  if (shared) {
+    munmap(counter, sizeof(T));
+  } else {
+    delete counter;
+  }
+}
+
+bool CountersShared(const Logger::InitConfig& c) { return c.share_mode >= 2; }
+
+}  // namespace
+
+// Flushes the log stream from a thread of its own, so that a burst of
+// messages costs one write per 4096 bytes or per flush interval.
+class Logger::AsyncLoggingHandler {
+ public:
+  AsyncLoggingHandler() = default;
+  AsyncLoggingHandler(const AsyncLoggingHandler&) = delete;
+  AsyncLoggingHandler& operator=(const AsyncLoggingHandler&) = delete;
+
+  // Makes the handler's buffer the stream's own (full buffering).
+  void InstallBuffer(FILE* fp) { setvbuf(fp, buffer_, _IOFBF, sizeof(buffer_)); }
+
+  void SpawnThread(int flush_interval_ms) {
+    thread_ = std::thread([this, flush_interval_ms] { Loop(flush_interval_ms); });
+  }
+
+  void Stop() {
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      stop_ = true;
+    }
+    cond_.notify_all();
+    if (thread_.joinable()) thread_.join();
+  }
+
+  // Called under the log lock after a stamped write of n bytes.
+  void AddPending(size_t n) {
+    pending_ += n;
+    if (pending_ >= kAsyncBufferSize) {
+      if (Logger::log_fp != nullptr) fflush(Logger::log_fp);
+      pending_ = 0;
+    }
+  }
+  void ResetPending() { pending_ = 0; }
+
+ private:
+  void Loop(int flush_interval_ms) {
+    for (;;) {
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (stop_) break;
+        cond_.wait_until(lock, std::chrono::system_clock::now() +
+                                   std::chrono::milliseconds(flush_interval_ms),
+                         [this] { return stop_; });
+        if (stop_) break;
+      }
+      Logger::Lock();
+      if (Logger::log_fp != nullptr) fflush(Logger::log_fp);
+      pending_ = 0;
+      Logger::Unlock();
+    }
+    Logger::Lock();
+    if (Logger::log_fp != nullptr) fflush(Logger::log_fp);
+    pending_ = 0;
+    Logger::Unlock();
+  }
+
+  char buffer_[kAsyncBufferSize];
+  std::thread thread_;
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  bool stop_ = false;     // guarded by mutex_
+  size_t pending_ = 0;    // bytes written but not flushed; guarded by the log lock
+};
+
+Logger::InitConfig Logger::config;
+std::map<std::string, int> Logger::log_level;
+FILE* Logger::log_fp = stderr;
+std::string Logger::log_path;
+int32_t* Logger::log_size = nullptr;
+uint64_t* Logger::log_rotated_count_shared = nullptr;
+uint64_t Logger::log_rotated_count_private = 0;
+pthread_mutex_t* Logger::log_lock = nullptr;
+int Logger::log_flock = -1;
+bool Logger::log_initialized = true;
+Logger::AsyncLoggingHandler* Logger::async_handler = nullptr;
+
+int Logger::Init(int output_type, const std::string& path, const std::string& level_config_path,
+                 int rotate_count, int share_mode) {
+  InitConfig c;
+  c.output_type = output_type;
+  c.path = path;
+  c.level_config_path = level_config_path;
+  c.rotate_count = rotate_count;
+  c.share_mode = share_mode;
+  c.async = false;
+  c.flush_interval_ms = 500;
+  return Init(c);
+}
+
+int Logger::Init(const InitConfig& new_config) {
+  if (new_config.output_type == kFile) {
+    // Refuse before tearing anything down, so that a file that cannot be
+    // opened leaves the previous output in place.
+    if (new_config.path.empty()) return -1;
+    FILE* probe = fopen(new_config.path.c_str(), "ae");
+    if (probe == nullptr) return -1;
+    fclose(probe);
+  }
+  Shutdown();
+
+  config = new_config;
+  if (config.output_type != kFile) config.share_mode = 0;
+
+  if (config.share_mode > 1) {
+    std::string lock_path = config.path + ".lock";
+    log_flock = open(lock_path.c_str(), O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, 0777);
+  }
+  if (config.share_mode >= 1) {
+    log_lock = new pthread_mutex_t;
+    pthread_mutex_init(log_lock, nullptr);
+  }
+
+  const bool shared = CountersShared(config);
+  log_size = AllocateCounter<int32_t>(shared);
+  log_rotated_count_shared = AllocateCounter<uint64_t>(shared);
+  if (log_size == nullptr || log_rotated_count_shared == nullptr) {
+    Shutdown();
+    return -1;
+  }
+
+  log_level.clear();
+  log_level["default_component"] = kDefaultLevel;
+  if (!config.level_config_path.empty()) {
+    std::map<std::string, std::string> levels;
+    ReadKeyValueFile(config.level_config_path, &levels);
+    for (const auto& kv : levels) log_level[kv.first] = atoi(kv.second.c_str());
+  }
+
+  switch (config.output_type) {
+    case kSyslog:
+    case kStdout:
+    case kStderr:
+      log_fp = config.output_type == kSyslog ? nullptr
+               : config.output_type == kStdout ? stdout
+                                               : stderr;
+      log_path.clear();
+      *log_size = -1;
+      *log_rotated_count_shared = 0;
+      log_rotated_count_private = 0;
+      break;
+    case kFile:
+      if (OpenFile() != 0) {
+        Shutdown();
+        return -1;
+      }
+      *log_rotated_count_shared = 0;
+      log_rotated_count_private = 0;
+      break;
+    default:
+      log_fp = stderr;
+      break;
+  }
+
+  if (config.async && log_fp != nullptr) {
+    async_handler = new AsyncLoggingHandler;
+    async_handler->InstallBuffer(log_fp);
+    async_handler->SpawnThread(config.flush_interval_ms);
+  }
+
+  log_initialized = true;
+  return 0;
+}
+
+// Opens config.path for appending and sets the size counter to the file's
+// size.  Leaves no stream on failure.
+int Logger::OpenFile() {
+  log_fp = fopen(config.path.c_str(), "ae");
+  if (log_fp == nullptr) return -1;
+  log_path = config.path;
+  struct stat st;
+  if (stat(config.path.c_str(), &st) != 0) {
+    int err = errno;
+    fprintf(log_fp, "stat(%s): %s (%d)\n", config.path.c_str(), strerror(err), err);
+    *log_size = 0;
+  } else {
+    *log_size = static_cast<int32_t>(st.st_size);
+  }
+  if (async_handler != nullptr) async_handler->InstallBuffer(log_fp);
+  return 0;
+}
+
+bool Logger::IsLogEnabled(int level, const char* component) {
+  return log_initialized && level <= GetLevel(component);
+}
+
+int Logger::GetLevel(const std::string& component) {
+  auto it = log_level.find(component);
+  return it == log_level.end() ? kDefaultLevel : it->second;
+}
+
+void Logger::Lock() {
+  if (log_lock != nullptr) pthread_mutex_lock(log_lock);
+  if (log_flock >= 0) flock(log_flock, LOCK_EX);
+}
+
+void Logger::Unlock() {
+  if (log_flock >= 0) flock(log_flock, LOCK_UN);
+  if (log_lock != nullptr) pthread_mutex_unlock(log_lock);
+}
+
+void Logger::Log(int level, const char* component, const char* format, ...) {
+  if (!log_initialized) return;
+  if (config.output_type != kSyslog && log_fp == nullptr) return;
+  if (level > GetLevel(component)) return;
+
+  Lock();
+  if (config.output_type == kFile && config.share_mode >= 2 &&
+      *log_rotated_count_shared != log_rotated_count_private) {
+    // Another process rotated the file: follow it to the new one.
+    fclose(log_fp);
+    log_fp = nullptr;
+    if (OpenFile() == 0) log_rotated_count_private = *log_rotated_count_shared;
+  }
+  if (config.output_type != kSyslog && log_fp == nullptr) {
+    Unlock();
+    return;
+  }
+
+  va_list args;
+  va_start(args, format);
+  switch (config.output_type) {
+    case kSyslog:
+      vsyslog(LOG_ERR, format, args);
+      break;
+    case kStdout:
+    case kStderr:
+    case kFile: {
+      char stamp[32];
+      time_t now = time(nullptr);
+      struct tm local;
+      localtime_r(&now, &local);
+      strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S ", &local);
+      int stamp_len = fputs(stamp, log_fp) >= 0 ? static_cast<int>(strlen(stamp)) : 0;
+      int text_len = vfprintf(log_fp, format, args);
+      size_t n = static_cast<size_t>(stamp_len + (text_len > 0 ? text_len : 0));
+      if (async_handler == nullptr) {
+        fflush(log_fp);
+      } else {
+        async_handler->AddPending(n);
+      }
+      if (config.output_type == kFile) {
+        *log_size += static_cast<int32_t>(n);
+        if (*log_size > kRotateSize) {
+          Rotate();
+          *log_size = 0;
+        }
+      }
+      break;
+    }
+    default:
+      vfprintf(stderr, format, args);
+      break;
+  }
+  va_end(args);
+  Unlock();
+}
+
+// Called under the log lock.  Shifts path_0 .. path_{N-2} up by one, drops
+// path_{N-1}, and moves the current file to path_0.
+int Logger::Rotate() {
+  const int n = config.rotate_count;
+  char from[1024], to[1024];
+  for (int i = n - 2; i >= 0; --i) {
+    snprintf(from, sizeof(from), "%s_%d", config.path.c_str(), i);
+    snprintf(to, sizeof(to), "%s_%d", config.path.c_str(), i + 1);
+    rename(from, to);
+  }
+  snprintf(to, sizeof(to), "%s_%d", config.path.c_str(), n - 1);
+  unlink(to);
+
+  fclose(log_fp);
+  log_fp = nullptr;
+  snprintf(to, sizeof(to), "%s_%d", config.path.c_str(), 0);
+  if (rename(config.path.c_str(), to) != 0) return -1;
+  log_fp = fopen(config.path.c_str(), "ae");
+  if (log_fp == nullptr) return -1;
+  if (async_handler != nullptr) {
+    async_handler->InstallBuffer(log_fp);
+    async_handler->ResetPending();
+  }
+  ++*log_rotated_count_shared;
+  ++log_rotated_count_private;
+  return 0;
+}
+
+void Logger::Shutdown() {
+  log_initialized = false;
+  if (async_handler != nullptr) {
+    async_handler->Stop();
+    delete async_handler;
+    async_handler = nullptr;
+  }
+  if (config.output_type == kFile) {
+    if (log_fp != nullptr) fclose(log_fp);
+    log_fp = stdout;
+    log_path.clear();
+  }
+  const bool shared = CountersShared(config);
+  FreeCounter(log_size, shared);
+  FreeCounter(log_rotated_count_shared, shared);
+  log_size = nullptr;
+  log_rotated_count_shared = nullptr;
+  if (log_lock != nullptr) {
+    pthread_mutex_destroy(log_lock);
+    delete log_lock;
+    log_lock = nullptr;
+  }
+  if (log_flock >= 0) {
+    close(log_flock);
+    log_flock = -1;
+  }
+}
