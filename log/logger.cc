@@ -48,6 +48,19 @@ bool CountersShared(const Logger::InitConfig& c) { return c.share_mode >= 2; }
 
 }  // namespace
 
+namespace {
+// flock locks belong to an open file description, which a forked child
+// shares with its parent: a child must open the lock file anew before its
+// lock excludes anyone.
+pid_t flock_owner = 0;
+
+int OpenLockFile(const std::string& log_file) {
+  flock_owner = getpid();
+  std::string lock_path = log_file + ".lock";
+  return open(lock_path.c_str(), O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, 0777);
+}
+}  // namespace
+
 // Flushes the log stream from a thread of its own, so that a burst of
 // messages costs one write per 4096 bytes or per flush interval.
 class Logger::AsyncLoggingHandler {
@@ -151,10 +164,7 @@ int Logger::Init(const InitConfig& new_config) {
   config = new_config;
   if (config.output_type != kFile) config.share_mode = 0;
 
-  if (config.share_mode > 1) {
-    std::string lock_path = config.path + ".lock";
-    log_flock = open(lock_path.c_str(), O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, 0777);
-  }
+  if (config.share_mode > 1) log_flock = OpenLockFile(config.path);
   if (config.share_mode >= 1) {
     log_lock = new pthread_mutex_t;
     pthread_mutex_init(log_lock, nullptr);
@@ -238,8 +248,16 @@ int Logger::GetLevel(const std::string& component) {
   return it == log_level.end() ? kDefaultLevel : it->second;
 }
 
+
 void Logger::Lock() {
   if (log_lock != nullptr) pthread_mutex_lock(log_lock);
+  if (log_flock >= 0 && flock_owner != getpid()) {
+    int fd = OpenLockFile(config.path);
+    if (fd >= 0) {
+      close(log_flock);
+      log_flock = fd;
+    }
+  }
   if (log_flock >= 0) flock(log_flock, LOCK_EX);
 }
 
@@ -340,7 +358,9 @@ void Logger::Shutdown() {
     delete async_handler;
     async_handler = nullptr;
   }
-  if (config.output_type == kFile) {
+  // log_path is set only while this logger owns an open file, which makes a
+  // second Shutdown harmless.
+  if (config.output_type == kFile && !log_path.empty()) {
     if (log_fp != nullptr) fclose(log_fp);
     log_fp = stdout;
     log_path.clear();

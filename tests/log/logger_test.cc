@@ -1,0 +1,216 @@
+#include "log/logger.h"
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "log/log.h"
+#include "tests/common/temp_dir.h"
+
+namespace {
+
+// Every stamped write starts with "YYYY-MM-DDTHH:MM:SS ".
+constexpr size_t kStampSize = 20;
+
+bool Exists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+off_t SizeOf(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
+    lines.push_back(text.substr(start, nl - start));
+  }
+  if (start < text.size()) lines.push_back(text.substr(start));  // a torn tail
+  return lines;
+}
+
+class LoggerTest : public ::testing::Test {
+ protected:
+  void TearDown() override { Logger::Shutdown(); }
+  TempDir dir_;
+};
+
+TEST_F(LoggerTest, LevelsPerComponentFromTheLevelFile) {
+  std::string levels = dir_.Write("levels", "# component levels\nstream=7\nquiet = 2\n");
+  std::string log = dir_.File("monitor.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, levels, 50, 1));
+
+  for (const char* component : {"stream", "monitor_daemon", "quiet"}) {
+    LOG_CRIT(component, "crit %s", component);
+    LOG_ERROR(component, "error %s", component);
+    LOG_WARNING(component, "warning %s", component);
+    LOG_INFO(component, "info %s", component);
+    LOG_DEBUG(component, "debug %s", component);
+  }
+  std::string text = ReadFile(log);
+  // An unconfigured component keeps CRIT, ERROR and WARNING.
+  for (const char* kept : {"crit monitor_daemon", "error monitor_daemon",
+                           "warning monitor_daemon", "debug stream", "info stream",
+                           "crit quiet"}) {
+    EXPECT_NE(std::string::npos, text.find(kept)) << kept;
+  }
+  for (const char* dropped : {"info monitor_daemon", "debug monitor_daemon", "error quiet",
+                              "warning quiet"}) {
+    EXPECT_EQ(std::string::npos, text.find(dropped)) << dropped;
+  }
+  EXPECT_EQ(7, Logger::GetLevel("stream"));
+  EXPECT_EQ(4, Logger::GetLevel("never_configured"));
+  EXPECT_EQ(4, Logger::GetLevel("default_component"));
+}
+
+TEST_F(LoggerTest, ArgumentsAreEvaluatedOnlyWhenTheMessagePasses) {
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, dir_.File("a.log"), "", 50, 1));
+  int evaluated = 0;
+  auto count = [&evaluated] { return ++evaluated; };
+  LOG_DEBUG("monitor_daemon", "%d", count());
+  EXPECT_EQ(0, evaluated);
+  LOG_ERROR("monitor_daemon", "%d", count());
+  EXPECT_EQ(1, evaluated);
+}
+
+TEST_F(LoggerTest, StampedLineLayout) {
+  std::string log = dir_.File("a.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
+  LOG_ERROR("stream", "Error stack: %s", "a.b");
+  std::string text = ReadFile(log);
+  std::regex line(
+      R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d \( *\d{1,5}: *\d{1,5}\) \[ERROR\] logger_test\(\d+\): Error stack: a\.b\n)");
+  EXPECT_TRUE(std::regex_match(text, line)) << text;
+  char pid[16];
+  snprintf(pid, sizeof(pid), "(%5d:", static_cast<int>(getpid()));
+  EXPECT_NE(std::string::npos, text.find(pid)) << text;
+}
+
+TEST_F(LoggerTest, RotatesExactlyWhenTheCounterPassesTheLimit) {
+  std::string log = dir_.File("r.log");
+  // path_0 .. path_48 already hold older rotations.
+  for (int i = 0; i <= 48; ++i) dir_.Write("r.log_" + std::to_string(i), "old " + std::to_string(i));
+  // The counter starts at the file's size; 30 more bytes reach the limit.
+  dir_.Write("r.log", std::string(Logger::kRotateSize - 30, 'x'));
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
+
+  Logger::Log(LOG_LEVEL_ERROR, "c", "%s", std::string(30 - kStampSize, 'y').c_str());
+  EXPECT_EQ(Logger::kRotateSize, SizeOf(log));
+  EXPECT_EQ("old 0", ReadFile(log + "_0"));
+
+  Logger::Log(LOG_LEVEL_ERROR, "c", "z");  // byte 5,242,881 and beyond
+  EXPECT_EQ(0, SizeOf(log));
+  EXPECT_EQ(Logger::kRotateSize + static_cast<off_t>(kStampSize + 1), SizeOf(log + "_0"));
+  EXPECT_EQ("old 0", ReadFile(log + "_1"));
+  EXPECT_EQ("old 47", ReadFile(log + "_48"));
+  EXPECT_FALSE(Exists(log + "_49"));
+
+  // The counter restarted at 0: the next message goes to the new file.
+  Logger::Log(LOG_LEVEL_ERROR, "c", "after");
+  EXPECT_EQ(static_cast<off_t>(kStampSize + 5), SizeOf(log));
+}
+
+TEST_F(LoggerTest, SmallRotateCountsKeepOneNumberedFile) {
+  for (int count : {1, 2}) {
+    TempDir dir;
+    std::string log = dir.File("s.log");
+    dir.Write("s.log", std::string(Logger::kRotateSize, 'x'));
+    ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", count, 1));
+    Logger::Log(LOG_LEVEL_ERROR, "c", "first");
+    dir.Write("s.log", std::string(Logger::kRotateSize, 'x'));
+    Logger::Shutdown();
+    ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", count, 1));
+    Logger::Log(LOG_LEVEL_ERROR, "c", "second");
+    EXPECT_TRUE(Exists(log + "_0")) << count;
+    EXPECT_FALSE(Exists(log + "_1")) << count;
+    EXPECT_NE(std::string::npos, ReadFile(log + "_0").find("second")) << count;
+    Logger::Shutdown();
+  }
+}
+
+// Two processes forked after Init write one file through several
+// rotations; every line must survive exactly once and whole.
+TEST_F(LoggerTest, ProcessesSharingOneFileLoseAndTearNothing) {
+  std::string log = dir_.File("shared.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 2));
+  constexpr int kLines = 20000;
+  const std::string padding(300, 'p');
+
+  std::vector<pid_t> children;
+  for (int writer = 0; writer < 2; ++writer) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      for (int i = 0; i < kLines; ++i) {
+        Logger::Log(LOG_LEVEL_ERROR, "c", "line %d %06d %s end\n", writer, i, padding.c_str());
+      }
+      _exit(0);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+
+  std::vector<std::string> files = {log};
+  for (int i = 0; Exists(log + "_" + std::to_string(i)); ++i) files.push_back(log + "_" + std::to_string(i));
+  EXPECT_GE(files.size(), 3u) << "expected several rotations";
+
+  std::regex whole(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d line ([01]) (\d{6}) p{300} end)");
+  std::set<std::pair<int, int>> seen;
+  for (const std::string& f : files) {
+    for (const std::string& line : Lines(ReadFile(f))) {
+      std::smatch m;
+      ASSERT_TRUE(std::regex_match(line, m, whole)) << "torn line in " << f << ": " << line.substr(0, 80);
+      auto key = std::make_pair(std::stoi(m[1]), std::stoi(m[2]));
+      EXPECT_TRUE(seen.insert(key).second) << "duplicate " << key.first << "/" << key.second;
+    }
+  }
+  EXPECT_EQ(2u * kLines, seen.size());
+}
+
+TEST_F(LoggerTest, AsyncFlushWritesEverythingByShutdown) {
+  std::string log = dir_.File("async.log");
+  Logger::InitConfig config;
+  config.output_type = Logger::kFile;
+  config.path = log;
+  config.async = true;
+  config.flush_interval_ms = 20;
+  ASSERT_EQ(0, Logger::Init(config));
+
+  Logger::Log(LOG_LEVEL_ERROR, "c", "first\n");
+  // The background thread flushes within its interval.
+  for (int i = 0; i < 200 && ReadFile(log).find("first") == std::string::npos; ++i) usleep(10000);
+  EXPECT_NE(std::string::npos, ReadFile(log).find("first"));
+
+  for (int i = 0; i < 1000; ++i) Logger::Log(LOG_LEVEL_ERROR, "c", "message %d\n", i);
+  Logger::Shutdown();
+  EXPECT_EQ(1001u, Lines(ReadFile(log)).size());
+  EXPECT_NE(std::string::npos, ReadFile(log).find("message 999"));
+}
+
+TEST_F(LoggerTest, InitFailuresKeepThePreviousOutput) {
+  std::string log = dir_.File("keep.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
+  EXPECT_EQ(-1, Logger::Init(Logger::kFile, "", "", 50, 1));
+  EXPECT_EQ(-1, Logger::Init(Logger::kFile, dir_.File("missing/dir/x.log"), "", 50, 1));
+  LOG_ERROR("c", "still here");
+  EXPECT_NE(std::string::npos, ReadFile(log).find("still here"));
+
+  Logger::Shutdown();
+  EXPECT_FALSE(Logger::IsLogEnabled(LOG_LEVEL_CRIT, "c"));
+}
+
+}  // namespace
