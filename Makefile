@@ -26,5 +26,20 @@ bench: setup
 	cmake --build build-bench -j $(JOBS)
 	tools/run-bench.sh build-bench
 
+# libFuzzer on the wire decoder, five minutes (CI runs one minute of it
+# through ctest).
+fuzz: setup
+	tools/fuzz.sh 300
+
+# The whole suite under AddressSanitizer with UndefinedBehaviorSanitizer,
+# then under ThreadSanitizer, each in its own build folder.
+check-sanitize: setup
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVESTA_SANITIZE=address,undefined
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --output-on-failure -j $(JOBS) -LE fuzz
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVESTA_SANITIZE=thread
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -LE fuzz
+
 clean:
 	rm -rf build build-*
