@@ -7,5 +7,5 @@ while IFS= read -r b; do
   found=1
   echo "== $b"
   "$b" --benchmark_counters_tabular=true
-done < <(find "$build/bench" -type f -executable -name '*_bench' | sort)
+done < <(find "$build/bench" -path '*/CMakeFiles' -prune -o -type f -executable -print | sort)
 [ $found -eq 1 ] || echo "no benchmarks built"
