@@ -1,0 +1,170 @@
+// Helpers of the net_io tests: loopback listeners, child processes that are
+// always reaped, shell commands, and test files of a given size.
+#ifndef VESTA_TESTS_NET_IO_NET_IO_TEST_UTIL_H_
+#define VESTA_TESTS_NET_IO_NET_IO_TEST_UTIL_H_
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace net_io_test {
+
+// Tests write to peers that may have gone; the daemon ignores SIGPIPE too.
+inline bool IgnoreSigpipe() {
+  signal(SIGPIPE, SIG_IGN);
+  return true;
+}
+
+// A listening TCP socket on 127.0.0.1 and a free port.
+class Listener {
+ public:
+  explicit Listener(int backlog = 8) {
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    int one = 1;
+    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    struct sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
+    listen(fd_, backlog);
+    socklen_t len = sizeof(addr);
+    getsockname(fd_, reinterpret_cast<struct sockaddr*>(&addr), &len);
+    port_ = ntohs(addr.sin_port);
+  }
+  ~Listener() { close(fd_); }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  int Accept() const { return accept(fd_, nullptr, nullptr); }
+  int port() const { return port_; }
+  int fd() const { return fd_; }
+
+ private:
+  int fd_;
+  int port_;
+};
+
+// A port that was free a moment ago (for peers that bind it themselves).
+inline int FreePort() {
+  Listener l;
+  return l.port();
+}
+
+// True once something accepts connections on 127.0.0.1:port (up to ~10 s).
+inline bool WaitForPort(int port) {
+  for (int i = 0; i < 200; ++i) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    int rc = connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
+    close(fd);
+    if (rc == 0) return true;
+    usleep(50000);
+  }
+  return false;
+}
+
+// A child process running `argv`, killed and reaped when the object goes.
+// stdin/stdout/stderr of the child are the given files ("" = /dev/null).
+class ChildProcess {
+ public:
+  ChildProcess(const std::vector<std::string>& argv, const std::string& stdin_path = "",
+               const std::string& stdout_path = "") {
+    pid_ = fork();
+    if (pid_ == 0) {
+      setpgid(0, 0);
+      int in = open(stdin_path.empty() ? "/dev/null" : stdin_path.c_str(), O_RDONLY);
+      int out = open(stdout_path.empty() ? "/dev/null" : stdout_path.c_str(),
+                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      dup2(in, 0);
+      dup2(out, 1);
+      dup2(out, 2);
+      std::vector<char*> args;
+      for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+      args.push_back(nullptr);
+      execvp(args[0], args.data());
+      _exit(127);
+    }
+  }
+  ~ChildProcess() {
+    if (pid_ > 0 && !reaped_) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // Waits up to `seconds` for the child to end; its exit status or -1.
+  int Wait(int seconds) {
+    for (int i = 0; i < seconds * 20; ++i) {
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        reaped_ = true;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      }
+      usleep(50000);
+    }
+    return -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  bool reaped_ = false;
+};
+
+// Runs a shell command; returns its standard output.
+inline std::string Shell(const std::string& command, int* status = nullptr) {
+  std::string out;
+  FILE* p = popen(command.c_str(), "r");
+  if (p == nullptr) return out;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
+  int rc = pclose(p);
+  if (status != nullptr) *status = rc;
+  return out;
+}
+
+// SHA-256 of bytes [offset, offset + length) of a file, by the sha256sum tool.
+inline std::string Sha256Of(const std::string& path, unsigned long long offset = 0,
+                            long long length = -1) {
+  std::string cmd = "tail -c +" + std::to_string(offset + 1) + " '" + path + "'";
+  if (length >= 0) cmd += " | head -c " + std::to_string(length);
+  std::string out = Shell(cmd + " | sha256sum");
+  return out.substr(0, 64);
+}
+
+// Writes `size` bytes of a fixed pseudo-random pattern to `path`.
+inline void MakeFile(const std::string& path, size_t size, uint32_t seed = 1) {
+  FILE* f = fopen(path.c_str(), "wb");
+  std::vector<uint32_t> block(16384);
+  uint32_t x = seed;
+  for (size_t done = 0; done < size;) {
+    for (uint32_t& w : block) {
+      x ^= x << 13;
+      x ^= x >> 17;
+      x ^= x << 5;
+      w = x;
+    }
+    size_t n = std::min(size - done, block.size() * sizeof(uint32_t));
+    fwrite(block.data(), 1, n, f);
+    done += n;
+  }
+  fclose(f);
+}
+
+}  // namespace net_io_test
+
+#endif  // VESTA_TESTS_NET_IO_NET_IO_TEST_UTIL_H_
