@@ -373,6 +373,8 @@ int64_t BufferedIO::RecvFileMapped(File& file, uint64_t offset, uint64_t length)
     return -1;
   }
   if (length == 0) return 0;
+  struct stat st;
+  if (fstat(file.fd(), &st) < 0 || !S_ISREG(st.st_mode)) return 0;  // not mappable
   const uint64_t end = offset + length;
   if (ReserveFile(file.fd(), offset, end) != 0) {
     SetError(FileWriteError(errno));

@@ -142,8 +142,9 @@ class BufferedIO : public BufferedIOBase {
   // Socket-to-file receive straight into a shared mapping of `file`, which
   // is first extended to offset + length.  Returns the bytes received
   // (-1 with kErrNotSocket when not on a socket, kErrNoSpace/kErrTooLarge
-  // when the file cannot be extended).  May stop early without an error
-  // when the file cannot be mapped; the caller copies the rest.
+  // when the file cannot be extended).  Stops early without an error when
+  // the file is not a regular file or cannot be mapped; the caller copies
+  // the rest.
   virtual int64_t RecvFileMapped(File& file, uint64_t offset, uint64_t length);
 
   size_t BufferedReadBytes() const { return read_end_ - read_pos_; }
