@@ -1,0 +1,133 @@
+#!/usr/bin/env python3
+"""A simulated sync daemon for tests and the sandbox.
+
+Listens on the sync daemon's command socket ($VESTA_ROOT/tmp/tarn.sock by
+default), reads one value per connection, records it as one JSON line and
+answers by a small script.  Standard library only; the wire codec is
+tests/peers/pstream.py.
+
+Script (a JSON file, read again for every request so a test can change it
+between commands):
+
+    {"replies": {"get_status": {"connection_list": [...]},
+                 "pause": {"error": "busy"},
+                 "*": {"ack": "ok"}},
+     "close": ["resume"]}
+
+"replies" maps an action to the reply value ("*" for any other action;
+without either the reply is an empty map).  Actions listed in "close" get
+no reply at all: the connection is closed after the request was read.
+
+Record: one JSON object per request, {"request": value}, with integers as
+JSON numbers and strings as JSON strings, so a reader sees the types the
+daemon would see.
+
+Usage: sync_daemon.py [--socket PATH] [--record FILE] [--script FILE]
+                      [--ready FILE]
+"""
+
+import argparse
+import json
+import os
+import signal
+import socket
+import sys
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import pstream  # noqa: E402  (the shared wire codec)
+
+
+def default_socket_path():
+    root = os.environ.get("VESTA_ROOT", "")
+    return (root + "/tmp/tarn.sock") if root else "/tmp/tarn.sock"
+
+
+def load_script(path):
+    if not path:
+        return {}
+    try:
+        with open(path, encoding="utf-8") as f:
+            return json.load(f)
+    except (OSError, ValueError) as e:
+        print("sync_daemon: bad script %s: %s" % (path, e), file=sys.stderr)
+        return {}
+
+
+def reply_for(script, action):
+    replies = script.get("replies", {})
+    if action in replies:
+        return replies[action]
+    return replies.get("*", {})
+
+
+def to_json(value):
+    """PObject values as the codec returns them, made JSON-friendly."""
+    if isinstance(value, dict):
+        return {k: to_json(v) for k, v in value.items()}
+    if isinstance(value, list):
+        return [to_json(v) for v in value]
+    if isinstance(value, (bytes, bytearray)):
+        return {"buffer": value.hex()}
+    return value
+
+
+def serve_one(conn, args):
+    with conn:
+        conn.settimeout(10)
+        reader = conn.makefile("rb")
+        try:
+            request = pstream.read_value(reader)
+        except Exception as e:  # a client that sent garbage: record and drop
+            record(args, {"bad_request": str(e)})
+            return
+        record(args, {"request": to_json(request)})
+        script = load_script(args.script)
+        action = request.get("action", "") if isinstance(request, dict) else ""
+        if action in script.get("close", []):
+            return
+        conn.sendall(pstream.encode(reply_for(script, action)))
+
+
+def record(args, entry):
+    if not args.record:
+        return
+    with open(args.record, "a", encoding="utf-8") as f:
+        f.write(json.dumps(entry) + "\n")
+        f.flush()
+
+
+def main():
+    p = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    p.add_argument("--socket", default=default_socket_path())
+    p.add_argument("--record", default="")
+    p.add_argument("--script", default="")
+    p.add_argument("--ready", default="", help="file created once listening")
+    args = p.parse_args()
+
+    os.makedirs(os.path.dirname(args.socket) or ".", exist_ok=True)
+    if os.path.exists(args.socket):
+        os.unlink(args.socket)
+    server = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    server.bind(args.socket)
+    server.listen(16)
+
+    def stop(_signo, _frame):
+        server.close()
+        try:
+            os.unlink(args.socket)
+        except OSError:
+            pass
+        sys.exit(0)
+
+    signal.signal(signal.SIGTERM, stop)
+    signal.signal(signal.SIGINT, stop)
+    if args.ready:
+        with open(args.ready, "w") as f:
+            f.write(str(os.getpid()))
+    while True:
+        conn, _ = server.accept()
+        serve_one(conn, args)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,294 @@
+#!/usr/bin/env python3
+"""System tests of the real vesta-monitor binary.
+
+Each test builds a sandbox under a fresh VESTA_ROOT (service configuration,
+level file, configuration file with short periods), starts the daemon, talks
+to its socket with the wire codec of tests/peers/pstream.py or with raw
+bytes, and stops it.
+
+Usage: monitor_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
+"""
+
+import os
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "peers"))
+import pstream  # noqa: E402
+
+BINARY = None
+
+# The daemon notices a cleared run flag within its 3-s poll; joining the
+# workers adds at most one one-second sleep.
+STOP_LIMIT = 5.0
+
+
+def wait_for(predicate, limit=5.0, step=0.02):
+    deadline = time.monotonic() + limit
+    while time.monotonic() < deadline:
+        if predicate():
+            return True
+        time.sleep(step)
+    return predicate()
+
+
+def pid_alive(pid):
+    try:
+        os.kill(pid, 0)
+    except ProcessLookupError:
+        return False
+    except PermissionError:
+        return True
+    # A zombie still answers signal 0; it is gone for our purposes.
+    try:
+        with open("/proc/%d/stat" % pid) as f:
+            return f.read().split(")")[-1].split()[0] != "Z"
+    except OSError:
+        return False
+
+
+def vm_rss_kib(pid):
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+    return 0
+
+
+class Sandbox:
+    """One VESTA_ROOT with everything the daemon reads at start."""
+
+    def __init__(self, socket_path=None):
+        self.root = tempfile.mkdtemp(prefix="vesta-sys-")
+        self.volume = os.path.join(self.root, "volume1")
+        os.makedirs(os.path.join(self.volume, "@FernboxTandem", "log"))
+        etc = os.path.join(self.root, "var/packages/Fernbox/etc/tandem")
+        os.makedirs(etc)
+        with open(os.path.join(etc, "service.conf"), "w") as f:
+            f.write("volume=%s\n" % self.volume)
+        os.makedirs(os.path.join(self.root, "tmp"))
+        self.pid_file = os.path.join(self.root, "monitor.pid")
+        self.db = os.path.join(self.root, "system.sqlite")
+        self.socket = socket_path or os.path.join(self.root, "monitor.sock")
+        self.levels = os.path.join(self.root, "levels")
+        with open(self.levels, "w") as f:
+            f.write("monitor_daemon=7\nipc=7\nsystem_db_debug=6\n")
+        self.conf = os.path.join(self.root, "monitor.conf")
+        self.write_conf()
+        self.log = os.path.join(self.volume, "@FernboxTandem/log/tarn_monitor.log")
+
+    def write_conf(self, pid_file=None):
+        with open(self.conf, "w") as f:
+            f.write("pid_file=%s\nsystem_db_path=%s\nsocket_path=%s\n"
+                    "log_level_file=%s\nupdate_status_period=1\n"
+                    "list_share_period=1\n"
+                    % (pid_file or self.pid_file, self.db, self.socket, self.levels))
+
+    def env(self):
+        e = dict(os.environ)
+        e["VESTA_ROOT"] = self.root
+        return e
+
+    def start(self):
+        """Runs the binary; it returns once it has detached."""
+        r = subprocess.run([BINARY, self.conf], env=self.env(), timeout=20)
+        return r.returncode
+
+    def start_and_wait(self):
+        assert self.start() == 0
+        assert wait_for(lambda: os.path.exists(self.socket)), self.log_text()
+        return self.pid()
+
+    def pid(self):
+        with open(self.pid_file) as f:
+            return int(f.read().strip())
+
+    def log_text(self):
+        try:
+            with open(self.log, errors="replace") as f:
+                return f.read()
+        except OSError:
+            return ""
+
+    def files(self):
+        found = set()
+        for d, _, names in os.walk(self.root):
+            for n in names:
+                found.add(os.path.join(d, n))
+        return found
+
+    def request(self, value, raw=None):
+        """Sends one value (or raw bytes) and returns the decoded reply."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+            s.settimeout(10)
+            s.connect(self.socket)
+            s.sendall(raw if raw is not None else pstream.encode(value))
+            return pstream.read_value(s.makefile("rb"))
+
+    def stop_by_signal(self, signo):
+        pid = self.pid()
+        os.kill(pid, signo)
+        return self.wait_gone(pid)
+
+    def wait_gone(self, pid):
+        t0 = time.monotonic()
+        gone = wait_for(lambda: not pid_alive(pid), limit=10)
+        return gone, time.monotonic() - t0
+
+    def cleanup(self):
+        try:
+            pid = self.pid()
+            if pid_alive(pid):
+                os.kill(pid, signal.SIGKILL)
+        except (OSError, ValueError):
+            pass
+        shutil.rmtree(self.root, ignore_errors=True)
+
+
+class MonitorTest(unittest.TestCase):
+    def setUp(self):
+        self.box = Sandbox()
+
+    def tearDown(self):
+        self.box.cleanup()
+
+    def test_start_up_and_stop_by_request(self):
+        box = self.box
+        pid = box.start_and_wait()
+        self.assertTrue(pid_alive(pid))
+        self.assertEqual(0o666, stat.S_IMODE(os.stat(box.socket).st_mode))
+        self.assertTrue(stat.S_ISSOCK(os.stat(box.socket).st_mode))
+        self.assertTrue(os.path.exists(box.db))
+        self.assertTrue(wait_for(lambda: "monitor daemon starts receiving messages on "
+                                          "domain socket %s" % box.socket in box.log_text()))
+
+        # An action is answered after it ran: the empty value.
+        self.assertIsNone(box.request({"action": "stop"}))
+        gone, took = box.wait_gone(pid)
+        self.assertTrue(gone)
+        self.assertLess(took, STOP_LIMIT)
+        self.assertFalse(os.path.exists(box.socket))
+        self.assertFalse(os.path.exists(box.pid_file))
+        log = box.log_text()
+        stops = log.find("monitor daemon stops receiving messages")
+        self.assertGreaterEqual(stops, 0, log)
+        closed = log.find("SystemDB has been deinitialzed", stops)
+        self.assertGreater(closed, stops, log)
+
+    def test_sigterm_and_sigint_stop_within_the_poll(self):
+        for signo in (signal.SIGTERM, signal.SIGINT):
+            with self.subTest(signal=signo):
+                self.box.start_and_wait()
+                gone, took = self.box.stop_by_signal(signo)
+                self.assertTrue(gone)
+                self.assertLess(took, STOP_LIMIT)
+                self.assertFalse(os.path.exists(self.box.socket))
+                self.assertFalse(os.path.exists(self.box.pid_file))
+
+    def test_unbindable_socket_opens_nothing_and_removes_its_pid_file(self):
+        box = self.box
+        box.socket = os.path.join(box.root, "no-such-dir", "monitor.sock")
+        box.write_conf()
+        self.assertEqual(0, box.start())
+        self.assertTrue(wait_for(lambda: "failed to listen on socket '%s'" % box.socket
+                                 in box.log_text()), box.log_text())
+        self.assertTrue(wait_for(lambda: not os.path.exists(box.pid_file)))
+        self.assertFalse(os.path.exists(box.db))
+        log = box.log_text()
+        self.assertNotIn("UpdateListShareConnections", log)
+        self.assertNotIn("failed to initialize system database", log)
+
+    def test_second_instance_leaves_the_first_alone(self):
+        box = self.box
+        pid = box.start_and_wait()
+        self.assertEqual(0, box.start())
+        self.assertEqual(pid, box.pid())
+        self.assertTrue(pid_alive(pid))
+        self.assertEqual({"ack": "ok"}, box.request({"notify": "anything"}))
+
+    def test_stale_pid_file_does_not_block(self):
+        dead = subprocess.Popen(["true"])
+        dead.wait()
+        with open(self.box.pid_file, "w") as f:
+            f.write("%d\n" % dead.pid)
+        pid = self.box.start_and_wait()
+        self.assertNotEqual(dead.pid, pid)
+        self.assertTrue(pid_alive(pid))
+
+    def test_replies(self):
+        box = self.box
+        box.start_and_wait()
+        self.assertEqual({"ack": "ok"}, box.request({"notify": "error", "conn_id": 1,
+                                                     "sess_id": 0, "error_type": -18}))
+        self.assertEqual({"ack": "ok"}, box.request({"notify": "share_hook",
+                                                     "share_name": "docs", "type": "x"}))
+        self.assertEqual({"ack": "ok"}, box.request({"notify": "unknown"}))
+        self.assertIsNone(box.request({"action": "unknown"}))
+        self.assertIsNone(box.request({"action": "fast_monitor"}))
+        self.assertIsNone(box.request({"action": "refresh_session", "conn_id": 7}))
+        self.assertIsNone(box.request({}))
+        # Both members: acknowledged first, the action still runs.
+        self.assertEqual({"ack": "ok"}, box.request({"action": "stop", "notify": "x"}))
+        gone, _ = box.wait_gone(box.pid())
+        self.assertTrue(gone)
+
+    def test_bad_input_never_stops_the_daemon(self):
+        box = self.box
+        pid = box.start_and_wait()
+        bad = {
+            "unknown tag": b"\x07",
+            "null with length 1": b"\x00\x01",
+            "map key no string": b"\x42\x01\x01\x00\x40",
+            "integer length 200": b"\x01\xc8" + b"\x01" * 200,
+            "200000 nested arrays": b"\x41" * 200000,
+            "4 GiB buffer": b"\x20\xff\xff\xff\xff" + b"abc",
+            "binary": b"\x42\x10\x00\x01f\x30" + (5).to_bytes(8, "big") + b"hello\x40",
+            "closed at once": b"",
+            "half a request": b"\x42\x10\x00\x06act",
+        }
+
+        def send_raw(data):
+            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+                s.settimeout(10)
+                s.connect(box.socket)
+                try:
+                    if data:
+                        s.sendall(data)
+                    s.shutdown(socket.SHUT_WR)
+                    s.recv(16)  # the daemon drops us without a reply
+                except OSError:
+                    pass
+
+        # Warm up every path once before the memory baseline.
+        for data in bad.values():
+            send_raw(data)
+        self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
+        before_files = box.files()
+        before_root = set(os.listdir("/"))
+        rss_before = vm_rss_kib(pid)
+
+        for _ in range(5):
+            for name, data in bad.items():
+                with self.subTest(input=name):
+                    send_raw(data)
+                    self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
+        rss_after = vm_rss_kib(pid)
+        self.assertTrue(pid_alive(pid))
+        # Only the log may grow.
+        self.assertEqual(set(), box.files() - before_files)
+        # The daemon's working directory is "/": no stored binary there.
+        self.assertEqual(set(), set(os.listdir("/")) - before_root)
+        self.assertLess(rss_after - rss_before, 2048, (rss_before, rss_after))
+
+
+if __name__ == "__main__":
+    BINARY = os.path.abspath(sys.argv.pop(1))
+    unittest.main()
