@@ -62,6 +62,35 @@ class ReporterScope {
   Controller* controller_;
 };
 
+// A caller's file under a buffered stream of its own, with its own pacing,
+// positioned at `offset`: the block-by-block transfers read or write it so
+// that every block also passes through the channel's Read or Write.
+class LocalFile {
+ public:
+  LocalFile(int fd, int timeout) : fd_(fd) {
+    stream_.Attach(cat::File(fd));
+    stream_.SetController(&pacing_);
+    stream_.SetTimeout(timeout);
+  }
+  LocalFile(const LocalFile&) = delete;
+  LocalFile& operator=(const LocalFile&) = delete;
+
+  int Seek(uint64_t offset) {
+    cat::File file(fd_);
+    if (file.Seek(offset) == 0) return 0;
+    LOG_ERROR(kComponent, "Can't seek file to offset %llu.",
+              static_cast<unsigned long long>(offset));
+    return -1;
+  }
+
+  cat::BufferedIO& stream() { return stream_; }
+
+ private:
+  int fd_;                           // the caller's; not closed here
+  cat::BandwidthController pacing_;  // no limiter: moves at full speed
+  cat::BufferedIO stream_;           // uses pacing_, so declared after it
+};
+
 }  // namespace
 
 // Cancels on the caller's flag and tells the current progress reporter about
@@ -289,13 +318,7 @@ std::string Channel::GetHash() const {
       EVP_DigestFinal_ex(copy.get(), md, &len) != 1) {
     return std::string();
   }
-  static const char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (unsigned int i = 0; i < len; ++i) {
-    text += kDigits[md[i] >> 4];
-    text += kDigits[md[i] & 0xf];
-  }
-  return text;
+  return cat::HexText(md, len);
 }
 
 void Channel::ResetHash() {
@@ -442,21 +465,12 @@ int Channel::SendFileDigesting(int fd, uint64_t offset, uint64_t length,
     LOG_DEBUG(kComponent, "Write failed: channel has been closed.");
     return kErrIo;
   }
-  cat::File file(fd);
-  if (file.Seek(offset) < 0) {
-    LOG_ERROR(kComponent, "Can't seek file to offset %llu.",
-              static_cast<unsigned long long>(offset));
-    return kErrIo;
-  }
-  cat::BandwidthController pacing;
-  cat::BufferedIO source;
-  source.Attach(file);
-  source.SetController(&pacing);
-  source.SetTimeout(timeout_);
+  LocalFile source(fd, timeout_);
+  if (source.Seek(offset) != 0) return kErrIo;
   std::vector<char> block(static_cast<size_t>(std::min<uint64_t>(block_size_, length)));
   for (uint64_t sent = 0; sent < length;) {
     size_t want = static_cast<size_t>(std::min<uint64_t>(block.size(), length - sent));
-    if (source.Read(block.data(), want) != static_cast<ssize_t>(want)) return kErrIo;
+    if (source.stream().Read(block.data(), want) != static_cast<ssize_t>(want)) return kErrIo;
     if (Write(block.data(), want) != kOk) return kErrIo;
     if (reporter != nullptr) reporter->Update(want);
     sent += want;
@@ -505,17 +519,8 @@ int Channel::RecvFileCopyingCounted(int fd, uint64_t offset, uint64_t length,
                                     ProgressReporter* reporter, uint64_t* received) {
   if (received != nullptr) *received = 0;
   std::vector<char> block(block_size_);
-  cat::File file(fd);
-  if (file.Seek(offset) < 0) {
-    LOG_ERROR(kComponent, "Can't seek file to offset %llu.",
-              static_cast<unsigned long long>(offset));
-    return kErrIo;
-  }
-  cat::BandwidthController pacing;
-  cat::BufferedIO sink;
-  sink.Attach(file);
-  sink.SetController(&pacing);
-  sink.SetTimeout(timeout_);
+  LocalFile sink(fd, timeout_);
+  if (sink.Seek(offset) != 0) return kErrIo;
   for (uint64_t done = 0; done < length;) {
     size_t want = static_cast<size_t>(std::min<uint64_t>(block.size(), length - done));
     int rc = Read(block.data(), want);
@@ -523,19 +528,19 @@ int Channel::RecvFileCopyingCounted(int fd, uint64_t offset, uint64_t length,
       LOG_ERROR(kComponent, "Failed to read. (code: %d)", rc);
       return rc;
     }
-    ssize_t written = sink.Write(block.data(), want);
+    ssize_t written = sink.stream().Write(block.data(), want);
     if (written != static_cast<ssize_t>(want)) {
       LOG_ERROR(kComponent, "Failed to write. (rc: %d, error: %d)", static_cast<int>(written),
-                sink.GetError());
-      return FileReceiveCode(sink.GetError());
+                sink.stream().GetError());
+      return FileReceiveCode(sink.stream().GetError());
     }
     done += want;
     if (received != nullptr) *received = done;
     if (reporter != nullptr) reporter->Update(want);
   }
-  if (sink.Flush() != 0) {
-    LOG_ERROR(kComponent, "Failed to flush. (error: %d)", sink.GetError());
-    return FileReceiveCode(sink.GetError());
+  if (sink.stream().Flush() != 0) {
+    LOG_ERROR(kComponent, "Failed to flush. (error: %d)", sink.stream().GetError());
+    return FileReceiveCode(sink.stream().GetError());
   }
   return kOk;
 }

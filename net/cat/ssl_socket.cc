@@ -46,7 +46,9 @@ std::string CommonName(X509* cert) {
   return name;
 }
 
-std::string Hex(const unsigned char* data, size_t n) {
+}  // namespace
+
+std::string HexText(const unsigned char* data, size_t n) {
   static const char kDigits[] = "0123456789abcdef";
   std::string out;
   out.reserve(n * 2);
@@ -56,6 +58,8 @@ std::string Hex(const unsigned char* data, size_t n) {
   }
   return out;
 }
+
+namespace {
 
 int ClampToInt(size_t n) { return static_cast<int>(std::min<size_t>(n, INT_MAX)); }
 
@@ -92,7 +96,7 @@ std::string CertificateHash(X509* cert) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
   if (X509_digest(cert, EVP_sha256(), md, &len) != 1) return std::string();
-  return Hex(md, len);
+  return HexText(md, len);
 }
 
 SslSocket::~SslSocket() = default;

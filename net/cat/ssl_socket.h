@@ -48,6 +48,9 @@ bool HostMatches(const std::string& pattern, const std::string& host);
 // newlines.  "" on failure.
 std::string SignatureText(X509* cert);
 
+// Two lower-case hex digits per byte.
+std::string HexText(const unsigned char* data, size_t n);
+
 // SHA-256 of the whole certificate, 64 lower-case hex digits.  "" for null.
 std::string CertificateHash(X509* cert);
 
