@@ -1,0 +1,304 @@
+#include "sdk/fslib/fslib.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "tests/common/temp_dir.h"
+
+namespace {
+
+// statfs magic numbers, typed here from the kernel's list.
+constexpr long kExt4Magic = 0xEF53;
+constexpr long kBtrfsMagic = 0x9123683E;
+constexpr long kEcryptfsMagic = 0xF15F;
+
+// A file system made of named paths, each with a device number and a
+// file-system magic.  Paths not added do not exist.
+class FakeProbe : public FsProbe {
+ public:
+  FakeProbe() { Add("/", 1, kExt4Magic); }
+
+  void Add(const std::string& path, dev_t dev, long magic) { nodes_[path] = Node{dev, magic}; }
+
+  int Stat(const std::string& path, struct stat* st) const override {
+    auto it = nodes_.find(path);
+    if (it == nodes_.end()) {
+      errno = ENOENT;
+      return -1;
+    }
+    *st = {};
+    st->st_dev = it->second.dev;
+    st->st_mode = S_IFDIR | 0755;
+    return 0;
+  }
+
+  int StatFs(const std::string& path, struct statfs* st) const override {
+    auto it = nodes_.find(path);
+    if (it == nodes_.end()) {
+      errno = ENOENT;
+      return -1;
+    }
+    *st = {};
+    st->f_type = it->second.magic;
+    return 0;
+  }
+
+ private:
+  struct Node {
+    dev_t dev;
+    long magic;
+  };
+  std::map<std::string, Node> nodes_;
+};
+
+FileSystemProperty Expect(int fs_type, bool quota, bool snapshot, bool usb, bool on_btrfs,
+                          std::string tmp, std::string zephtify, std::string bin, std::string mount,
+                          std::string device) {
+  FileSystemProperty p;
+  p.fs_type = fs_type;
+  p.support_quota = quota;
+  p.support_snapshot = snapshot;
+  p.is_usb = usb;
+  p.is_mounted_on_btrfs = on_btrfs;
+  p.tmp_path = tmp;
+  p.zephtify_path = zephtify;
+  p.share_bin_path = bin;
+  p.mount_point_path = mount;
+  p.device_path = device;
+  return p;
+}
+
+std::string Describe(const FileSystemProperty& p) {
+  std::ostringstream out;
+  out << "{type " << p.fs_type << " quota " << p.support_quota << " snap " << p.support_snapshot
+      << " usb " << p.is_usb << " btrfs " << p.is_mounted_on_btrfs << " tmp " << p.tmp_path
+      << " zeph " << p.zephtify_path << " bin " << p.share_bin_path << " mount "
+      << p.mount_point_path << " dev '" << p.device_path << "'}";
+  return out.str();
+}
+
+class FslibTest : public ::testing::Test {
+ protected:
+  // The one mount table of these scenarios: a machine with several volumes.
+  void SetUp() override {
+    table_ = dir_.Write("mounts",
+                        "/dev/md0 / ext4 rw 0 0\n"
+                        "/dev/md2 /volume1 ext4 rw,relatime 0 0\n"
+                        "/dev/md3 /volume2 btrfs rw 0 0\n"
+                        "/dev/md4 /volume3 ext3 rw 0 0\n"
+                        "/dev/md5 /volume4 vfat rw 0 0\n"
+                        "/volume1/@secret /volume1/secret ecryptfs rw 0 0\n"
+                        "/volume2/@vault /volume2/vault ecryptfs rw 0 0\n"
+                        "q9remote /volume1/cloud q9fs rw 0 0\n"
+                        "/dev/sdq1 /volumeUSB1/usbshare vfat rw 0 0\n"
+                        "/dev/sdr1 /volumeUSB2/usb\\040disk ext4 rw 0 0\n"
+                        "/dev/md9 /mnt/deep/usb ecryptfs rw 0 0\n");
+    probe_.Add("/volume1", 2, kExt4Magic);
+    probe_.Add("/volume1/photo", 2, kExt4Magic);
+    probe_.Add("/volume1/photo/2024", 2, kExt4Magic);
+    probe_.Add("/volume2", 3, kBtrfsMagic);
+    probe_.Add("/volume2/music", 3, kBtrfsMagic);
+    probe_.Add("/volume2/sub", 30, kBtrfsMagic);  // a subvolume: own device, not in the table
+    probe_.Add("/volume2/sub/x", 30, kBtrfsMagic);
+    probe_.Add("/volume3", 4, kExt4Magic);
+    probe_.Add("/volume3/docs", 4, kExt4Magic);
+    probe_.Add("/volume4", 5, 0x4d44);
+    probe_.Add("/volume1/secret", 6, kEcryptfsMagic);
+    probe_.Add("/volume1/secret/a", 6, kEcryptfsMagic);
+    probe_.Add("/volume2/vault", 7, kEcryptfsMagic);
+    probe_.Add("/volume1/cloud", 8, 0x01021997);
+    probe_.Add("/volumeUSB1", 1, kExt4Magic);
+    probe_.Add("/volumeUSB1/usbshare", 9, 0x4d44);
+    probe_.Add("/volumeUSB1/usbshare/f", 9, 0x4d44);
+    probe_.Add("/volumeUSB2", 1, kExt4Magic);
+    probe_.Add("/volumeUSB2/usb disk", 10, kExt4Magic);
+    probe_.Add("/volume5", 11, kExt4Magic);  // mounted, but not in the table
+    probe_.Add("/mnt", 1, kExt4Magic);
+    probe_.Add("/mnt/deep", 12, kExt4Magic);  // its own device, absent from the table
+    probe_.Add("/mnt/deep/usb", 13, kEcryptfsMagic);
+  }
+
+  int Get(const std::string& path, FileSystemProperty* p) {
+    return GetFileSystemPropertyOfPath(path, p, table_, probe_);
+  }
+
+  TempDir dir_;
+  std::string table_;
+  FakeProbe probe_;
+};
+
+TEST_F(FslibTest, EachKindOfVolume) {
+  struct Row {
+    const char* path;
+    FileSystemProperty want;
+  };
+  const Row rows[] = {
+      {"/volume1/photo/2024",
+       Expect(1, true, false, false, false, "/volume1/@tmp", "/volume1", "/volume1", "/volume1",
+              "/dev/md2")},
+      {"/volume3/docs/",
+       Expect(4, true, false, false, false, "/volume3/@tmp", "/volume3", "/volume3", "/volume3",
+              "/dev/md4")},
+      {"/volume2/music",
+       Expect(2, false, true, false, false, "/volume2/@tmp", "/volume2", "/volume2", "/volume2",
+              "/dev/md3")},
+      {"/volume1/secret/a",
+       Expect(3, true, false, false, false, "/volume1/secret/@eaDir/@tmp", "/volume1/secret",
+              "/volume1", "/volume1/secret", "/dev/md2")},
+      {"/volume2/vault",
+       Expect(3, true, false, false, true, "/volume2/vault/@eaDir/@tmp", "/volume2/vault",
+              "/volume2", "/volume2/vault", "/volume2/@vault")},
+      {"/volume1/cloud",
+       Expect(5, false, false, false, false, "/volume1/cloud/@eaDir", "/volume1/cloud", "/volume1",
+              "/volume1/cloud", "")},
+      {"/volumeUSB1/usbshare/f",
+       Expect(0, false, false, true, false, "/volumeUSB1/usbshare/@tmp", "/volumeUSB1/usbshare",
+              "/volumeUSB1/usbshare/@sharebin", "/volumeUSB1/usbshare", "")},
+      {"/volumeUSB2/usb disk",
+       Expect(1, false, false, true, false, "/volumeUSB2/usb disk/@tmp", "/volumeUSB2/usb disk",
+              "/volumeUSB2/usb disk/@sharebin", "/volumeUSB2/usb disk", "")},
+      {"/volume2/sub/x",
+       Expect(2, true, true, false, false, "/volume2/@tmp", "/volume2", "/volume2", "/volume2/sub",
+              "")},
+      {"/volume2/./music/../sub//x",
+       Expect(2, true, true, false, false, "/volume2/@tmp", "/volume2", "/volume2", "/volume2/sub",
+              "")},
+  };
+  for (const Row& row : rows) {
+    FileSystemProperty got;
+    EXPECT_EQ(0, Get(row.path, &got)) << row.path;
+    EXPECT_EQ(Describe(row.want), Describe(got)) << row.path;
+  }
+}
+
+TEST_F(FslibTest, UnsyncableVolumesFail) {
+  FileSystemProperty untouched = Expect(9, true, true, true, true, "t", "z", "b", "m", "d");
+  const char* paths[] = {
+      "/volume4",        // vfat, not on a USB disk
+      "/volume5",        // its own device, absent from the table, not btrfs
+      "/volume9/none",   // does not exist
+      "/mnt/deep/usb",   // ecryptfs whose lower volume has no table entry
+  };
+  for (const char* path : paths) {
+    FileSystemProperty got = untouched;
+    EXPECT_EQ(-1, Get(path, &got)) << path;
+    EXPECT_EQ(untouched, got) << path;
+  }
+  FileSystemProperty got;
+  EXPECT_EQ(-1, GetFileSystemPropertyOfPath("/volume1", &got, dir_.File("no-such-table"), probe_));
+  EXPECT_FALSE(IsOnBtrfs("/volume9", probe_));
+  EXPECT_TRUE(IsOnBtrfs("/volume2/sub", probe_));
+}
+
+TEST_F(FslibTest, MountTableDecodesEscapesAndStacks) {
+  std::string table = dir_.Write("stacked",
+                                 "/dev/a /volume1 ext4 rw 0 0\n"
+                                 "/dev/b /my\\040share ext4 rw 0 0\n"
+                                 "/dev/c /volume1 btrfs rw 0 0\n");
+  std::vector<MountEntry> entries;
+  ASSERT_EQ(0, ReadMountTable(table, &entries));
+  ASSERT_EQ(3u, entries.size());
+  EXPECT_EQ((MountEntry{"/dev/b", "/my share", "ext4"}), entries[1]);
+  MountEntry top;
+  EXPECT_EQ(1, FindMountEntry("/volume1", &top, table));
+  EXPECT_EQ((MountEntry{"/dev/c", "/volume1", "btrfs"}), top);  // the last mount hides the first
+  EXPECT_EQ(0, FindMountEntry("/volume9", &top, table));
+  EXPECT_EQ(-1, FindMountEntry("/volume1", &top, dir_.File("absent")));
+}
+
+// This machine's root, against its own /proc/mounts read here line by line.
+TEST_F(FslibTest, ThisMachinesRoot) {
+  std::ifstream mounts("/proc/mounts");
+  std::string line, device, type;
+  while (std::getline(mounts, line)) {
+    std::istringstream fields(line);
+    std::string dev, dir, t;
+    fields >> dev >> dir >> t;
+    if (dir == "/") device = dev, type = t;
+  }
+  FileSystemProperty got;
+  const int ret = GetFileSystemPropertyOfPath("/", &got);
+  if (type == "ext4" || type == "ext3" || type == "btrfs") {
+    ASSERT_EQ(0, ret);
+    EXPECT_EQ(type == "ext4" ? 1 : type == "ext3" ? 4 : 2, got.fs_type);
+    EXPECT_EQ("/", got.mount_point_path);
+    EXPECT_EQ("/@tmp", got.tmp_path);
+    EXPECT_EQ(device, got.device_path);
+  } else if (type != "ecryptfs" && type != "q9fs") {
+    EXPECT_EQ(-1, ret) << "root is " << type;
+  }
+}
+
+TEST_F(FslibTest, MapFormKeysAndRoundTrip) {
+  FileSystemProperty p = Expect(3, true, false, false, true, "/v/s/@eaDir/@tmp", "/v/s", "/v",
+                                "/v/s", "/v/@s");
+  PObject map;
+  ASSERT_EQ(0, p.Serialize(&map));
+  ASSERT_TRUE(map.IsMap());
+  EXPECT_EQ(10u, map.AsMap().size());
+  EXPECT_EQ(3, map.Lookup("fs_type").AsInteger());
+  EXPECT_EQ(1, map.Lookup("support_quota").AsInteger());
+  EXPECT_EQ(0, map.Lookup("support_snapshot").AsInteger());
+  EXPECT_EQ(0, map.Lookup("is_usb").AsInteger());
+  EXPECT_EQ(1, map.Lookup("is_mounted_on_btrfs").AsInteger());
+  EXPECT_EQ("/v/s/@eaDir/@tmp", map.Lookup("tmp_path").AsString());
+  EXPECT_EQ("/v/s", map.Lookup("zephtify_path").AsString());
+  EXPECT_EQ("/v", map.Lookup("share_bin_path").AsString());
+  EXPECT_EQ("/v/s", map.Lookup("mount_point_path").AsString());
+  EXPECT_EQ("/v/@s", map.Lookup("device_path").AsString());
+
+  FileSystemProperty back;
+  ASSERT_EQ(0, back.Deserialize(map));
+  EXPECT_EQ(p, back);
+  EXPECT_EQ(-1, back.Deserialize(PObject("not a map")));
+  EXPECT_EQ(p, back);
+
+  PObject partial;
+  partial["tmp_path"] = "/x";
+  ASSERT_EQ(0, back.Deserialize(partial));
+  EXPECT_EQ(Expect(0, false, false, false, false, "/x", "", "", "", ""), back);
+
+  EXPECT_EQ(1, FsTypeOfName("ext4"));
+  EXPECT_EQ(2, FsTypeOfName("btrfs"));
+  EXPECT_EQ(3, FsTypeOfName("ecryptfs"));
+  EXPECT_EQ(4, FsTypeOfName("ext3"));
+  EXPECT_EQ(0, FsTypeOfName("q9fs"));
+  EXPECT_EQ(0, FsTypeOfName("EXT4"));
+}
+
+TEST_F(FslibTest, ExistenceAndRecursiveRemoval) {
+  EXPECT_FALSE(PathExists(""));
+  EXPECT_TRUE(PathExists(dir_.path()));
+  EXPECT_FALSE(PathExists(dir_.File("absent")));
+
+  // A tree with a link to a directory outside it, which must survive.
+  const std::string keep = dir_.File("keep");
+  ASSERT_EQ(0, mkdir(keep.c_str(), 0755));
+  dir_.Write("keep/precious", "x");
+  const std::string tree = dir_.File("tree");
+  ASSERT_EQ(0, mkdir(tree.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((tree + "/a").c_str(), 0755));
+  ASSERT_EQ(0, mkdir((tree + "/a/b").c_str(), 0755));
+  dir_.Write("tree/a/b/.hidden", "1");
+  dir_.Write("tree/a/file", "2");
+  ASSERT_EQ(0, symlink(keep.c_str(), (tree + "/a/link").c_str()));
+  ASSERT_EQ(0, symlink("/nowhere", (tree + "/dangling").c_str()));
+  EXPECT_FALSE(PathExists(tree + "/dangling"));
+
+  EXPECT_EQ(0, RemovePath(tree));
+  EXPECT_FALSE(PathExists(tree));
+  EXPECT_TRUE(PathExists(keep + "/precious"));
+  EXPECT_EQ(-1, RemovePath(tree));
+
+  const std::string file = dir_.Write("single", "y");
+  EXPECT_EQ(0, RemovePath(file));
+  EXPECT_FALSE(PathExists(file));
+}
+
+}  // namespace
