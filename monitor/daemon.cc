@@ -24,6 +24,10 @@ int Level() { return Daemon::log_level.load(std::memory_order_relaxed); }
 
 }  // namespace
 
+void Daemon::OpenSyslog() { openlog("", LOG_NDELAY, LOG_USER); }
+
+void Daemon::SyslogError(const char* message) { syslog(LOG_ERR, "%s", message); }
+
 int Daemon::IsRunning(const std::string& pid_file, pid_t* pid) {
   const char* path = pid_file.c_str();
   if (access(path, F_OK) != 0) {

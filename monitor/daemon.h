@@ -36,6 +36,11 @@ class Daemon {
   static int IgnoreSignal(int signo);
   static int SetSignalHandler(int signo, SignalHandler handler);
 
+  // Opens syslog with an empty identifier, LOG_NDELAY and LOG_USER.
+  static void OpenSyslog();
+  // Writes `message` to syslog at LOG_ERR, ungated.
+  static void SyslogError(const char* message);
+
   // Signal handlers: SIGINT/SIGTERM, SIGUSR1, SIGUSR2.
   static void stop(int signo, siginfo_t* info, void* context);
   static void increaseLogLevel(int signo, siginfo_t* info, void* context);

@@ -2,6 +2,13 @@
 // configuration (built-in defaults, overridden once by an optional key=value
 // file before Run), the state the three threads share, and the threads.
 //
+// Threads: Run and every request handler (HandleMessage, Dispatch and the
+// handlers below it) run on the main thread; the status thread and the
+// share-listing thread are started by StartWorkerThreads and stopped by
+// StopWorkerThreads, both from the main thread.  A worker leaves its loop
+// when its own running flag is cleared; SIGTERM sent to it cuts its current
+// one-second sleep short.
+//
 // Locks: state_mutex guards the connection status list and the share-listing
 // schedule (and update_status_period when the status thread reads it); it is
 // always taken before view_cache_mutex, which guards the server-view cache.
@@ -14,9 +21,16 @@
 #include <atomic>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string>
 
 #include "monitor/daemon.h"
+
+class Channel;
+class PObject;
+namespace SDK {
+class Notifier;
+}  // namespace SDK
 
 // The sync daemon's last reported view of one connection.
 struct ConnectionStatusEntry {
@@ -42,7 +56,49 @@ class MonitorDaemon : public Daemon {
   // read; -1 when it could not be opened or parsed, and nothing changed.
   int LoadConfig(const std::string& path);
 
+  // Start-up, message loop and clean-up of the daemon.  0 after an orderly
+  // stop, -1 when start-up failed; everything started is released either way.
   int Run() override;
+
+  // Starts whichever worker is not yet running: the status thread, then the
+  // share-listing thread.  -1 when a thread could not be created (one already
+  // started stays; StopWorkerThreads stops it).
+  int StartWorkerThreads();
+  // Clears each running worker's flag, wakes it with SIGTERM and joins it:
+  // the status thread first.  The process must have a SIGTERM handler.
+  void StopWorkerThreads();
+
+  // Serves one accepted connection: reads one request (binaries refused),
+  // replies and dispatches.  Takes ownership of `fd`.  0, or -1 when the
+  // request could not be read or the reply not written.
+  int HandleMessage(int fd);
+  // Routes a request by "action", then by "notify".  Always 0.
+  int Dispatch(const PObject& request, PObject* reply);
+  // "fast_monitor": list shares every 10 s for the next 30 s.  Always 0.
+  int EnableFastMonitor(const PObject& request, PObject* reply);
+  // "refresh_session": makes connection "conn_id" due for listing at once,
+  // rebuilding the schedule when it is not in it.  Always 0.
+  int RefreshSession(const PObject& request, PObject* reply);
+  // "notify": "error" from the sync daemon.  0, or -1 when the connection or
+  // session could not be read.
+  int HandleErrorNotification(const PObject& request, PObject* reply);
+  // "notify": "share_hook" from the storage server's share hooks.
+  int HandleShareHook(const PObject& request, PObject* reply);
+
+  // Rebuilds the share-listing schedule from the system database, keeping
+  // the last-listed time of connections that stay.  Takes state_mutex.
+  void UpdateListShareConnections();
+  // One status pass (status thread).  0 or -1.
+  int UpdateStatus();
+  // Lists one connection's shares, then marks it listed now.  0 or -1.
+  int ListShare(const ListShareScheduleEntry& entry);
+  // The first schedule entry that may be listed and is due at `now`;
+  // false when none is.  Takes state_mutex.
+  bool FindDueConnection(int32_t now, ListShareScheduleEntry* due);
+
+  // Bodies of the two workers; `arg` is the MonitorDaemon.
+  static void* StatusThreadMain(void* arg);
+  static void* ListShareThreadMain(void* arg);
 
   std::string pid_file = "/var/run/vesta-monitord.pid";
   std::string system_db_path = "/tmp/vesta-system-db.sqlite";
@@ -64,6 +120,23 @@ class MonitorDaemon : public Daemon {
   std::atomic<bool> list_share_thread_running{false};
   pthread_t status_thread{};
   std::atomic<bool> status_thread_running{false};
+
+  // Desktop notifications to administrators.
+  std::unique_ptr<SDK::Notifier> notifier;
+
+ private:
+  class RunGuard;
+
+  // Start-up steps of Run up to the running workers; -1 at the first failure.
+  int StartUp(RunGuard* run);
+  static int WriteReply(Channel* channel, const PObject& reply);
+  // The body of one listing, without the schedule update.
+  int ListShareConnection(const ListShareScheduleEntry& entry);
+  void StatusThreadLoop();
+  void ListShareThreadLoop();
+  // Ends fast monitoring once it has lasted 30 s (also when it is off).
+  void EndFastMonitorIfDue(int32_t now);
+  void MarkListed(uint64_t conn_id, int32_t now);
 };
 
 #endif  // VESTA_MONITOR_VESTA_MONITOR_H_
