@@ -1,0 +1,228 @@
+// The settings-file parser against files written by the test: every error
+// it can produce with its line number, the escapes, numbers, sets over
+// several lines and unknown keys.
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "config/service.h"
+#include "gtest/gtest.h"
+#include "tests/common/temp_dir.h"
+
+namespace {
+
+// A record with one field of every type, in two sections.
+struct Main {
+  int32_t num;
+  uint64_t big;
+  char* str;
+  ConfigStringSet set;
+};
+struct Other {
+  int32_t value;
+};
+struct Record {
+  Main main;
+  Other other;
+};
+
+const ConfigKey kMainKeys[] = {
+    {"num", kConfigInt32, offsetof(Main, num)},
+    {"big", kConfigUint64, offsetof(Main, big)},
+    {"str", kConfigString, offsetof(Main, str)},
+    {"set", kConfigStringSet, offsetof(Main, set)},
+    {"set_alias", kConfigStringSet, offsetof(Main, set)},
+    {"odd", 9, offsetof(Main, num)},
+};
+const ConfigKey kOtherKeys[] = {
+    {"value", kConfigInt32, offsetof(Other, value)},
+};
+// The second section's name is exactly 32 characters long.
+const char kLongSection[] = "abcdefghij-ABCDEFGHIJ_0123456789";
+const ConfigSection kSections[] = {
+    {"Main", offsetof(Record, main), kMainKeys, 6},
+    {kLongSection, offsetof(Record, other), kOtherKeys, 1},
+};
+const ConfigSchema kSchema = {kSections, 2};
+
+class ParserTest : public ::testing::Test {
+ protected:
+  void SetUp() override { memset(&record_, 0, sizeof(record_)); }
+  void TearDown() override {
+    ConfigStringClear(&record_.main.str);
+    ConfigStringSetClear(&record_.main.set);
+  }
+
+  // Parses `text`; keeps what went to standard output and error.
+  int Parse(const std::string& text) {
+    TearDown();
+    SetUp();
+    std::string path = dir_.Write("file.conf", text);
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    int rc = ParseConfigFile(path.c_str(), kSchema, &record_);
+    out_ = ::testing::internal::GetCapturedStdout();
+    err_ = ::testing::internal::GetCapturedStderr();
+    return rc;
+  }
+
+  std::vector<std::string> Set() const {
+    std::vector<std::string> v;
+    for (size_t i = 0; i < record_.main.set.count; ++i) v.push_back(record_.main.set.items[i]);
+    return v;
+  }
+
+  TempDir dir_;
+  Record record_;
+  std::string out_, err_;
+};
+
+struct ErrorCase {
+  const char* text;
+  const char* message;  // what standard error must say
+};
+
+TEST_F(ParserTest, EveryErrorWithItsLine) {
+  const std::string k33(33, 'k');
+  const std::string s33 = std::string(kLongSection) + "x";
+  const std::string long_string = "[Main]\nstr = \"" + std::string(4097, 'a') + "\"\n";
+  const std::string long_number = "[Main]\nbig = " + std::string(4096, '1') + "\n";
+  const std::string cases[][2] = {
+      {"[Main\n", "SECTION_MISSING_RIGHT_BRACKET at line 1"},
+      {"# c\n[Main# x]\n", "SECTION_MISSING_RIGHT_BRACKET at line 2"},
+      {"[]\n", "SECTION_MISSING_SECTION at line 1"},
+      {"[Ma in]\n", "SECTION_ILLEGAL_CHARACTER at line 1"},
+      {"[Ma.in]\n", "SECTION_ILLEGAL_CHARACTER at line 1"},
+      {"[" + s33 + "]\n", "SECTION_TOO_LONG at line 1"},
+      {"[Nope]\n", "SECTION_UNDEFINED_SECTION at line 1"},
+      {"[main]\n", "SECTION_UNDEFINED_SECTION at line 1"},
+      {"[Main]\n= 5\n", "KEY_MISSING_KEY at line 2"},
+      {"[Main]\n\"num\" = 5\n", "KEY_MISSING_KEY at line 2"},
+      {"[Main]\nnum 5\n", "KEY_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nnum: 5\n", "KEY_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nbogus\n", "KEY_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\n" + k33 + " = 1\n", "KEY_TOO_LONG at line 2"},
+      {"[Main]\nnum = +x\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
+      {"[Main]\nnum = .5\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
+      {"[Main]\nnum = -.5\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
+      {"[Main]\nnum = 5.\n", "VALUE_NUMERIC_MISSING_FRACTIONAL_PART at line 2"},
+      {"[Main]\nnum = 5.x\n", "VALUE_NUMERIC_MISSING_FRACTIONAL_PART at line 2"},
+      {"[Main]\nnum = x\n", "VALUE_NUMERIC_MISSING_VALUE at line 2"},
+      {"[Main]\nnum =\n", "VALUE_NUMERIC_MISSING_VALUE at line 2"},
+      {"[Main]\nnum = 0123\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
+      {"[Main]\nnum = 12a\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
+      {"[Main]\nnum = 1.5.2\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
+      {"[Main]\nstr = abc\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
+      {"[Main]\nset = abc\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
+      {"[Main]\nset = \"a\", b\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
+      {"[Main]\n\nstr = \"abc\n", "VALUE_STRING_MISSING_RIGHT_QUOTE at line 3"},
+      {"[Main]\nstr = \"abc", "VALUE_STRING_MISSING_RIGHT_QUOTE at line 2"},
+      {"[Main]\nstr = \"a\\qb\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nstr = \"a\x01" "b\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nstr = \"a\tb\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nstr = \"\\x4\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nstr = \"\\xg0\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nstr = \"\\400\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nstr = \"\\08\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nstr = \"\\\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nstr = \"\"\n", "VALUE_STRING_EMPTY at line 2"},
+      {"[Main]\nset = \"a\", \"\"\n", "VALUE_STRING_EMPTY at line 2"},
+      {"[Main]\nset = \"a\" \"b\"\n", "VALUE_SET_MISSING_SEPARATER at line 2"},
+      {long_string, "VALUE_TOO_LONG at line 2"},
+      {long_number, "VALUE_TOO_LONG at line 2"},
+      {"[Main] x\n", "LINE_NOT_ENDED at line 1"},
+      {"[Main]\nnum = 5 x\n", "LINE_NOT_ENDED at line 2"},
+      {"[Main]\nstr = \"a\" b\n", "LINE_NOT_ENDED at line 2"},
+      {"[Main]\nset = \"a\", \"b\" x\n", "LINE_NOT_ENDED at line 2"},
+      {"num = 1\n", "LINE_NOT_EXPECTED at line 1"},
+      {"\"a\"\n", "LINE_NOT_EXPECTED at line 1"},
+      {"[Main]\nset = \"a\",\nnum = 1\n", "LINE_NOT_EXPECTED at line 3"},
+      {"[Main]\nset = \"a\",\n[Main]\n", "LINE_NOT_EXPECTED at line 3"},
+      {"[Main]\nodd = 1\n", "INTERNAL_ERROR at line 2"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(kParseFailed, Parse(c[0])) << c[0];
+    EXPECT_EQ("parser: " + c[1] + "\n", err_) << c[0];
+  }
+  // A string of exactly 4096 bytes and a number of 4095 characters pass.
+  EXPECT_EQ(kParseOk, Parse("[Main]\nstr = \"" + std::string(4096, 'a') + "\"\n")) << err_;
+  EXPECT_EQ(4096u, strlen(record_.main.str));
+  EXPECT_EQ(kParseOk, Parse("[Main]\nnum = " + std::string(4095, '0').replace(0, 1, "1") +
+                            "\n")) << err_;
+}
+
+TEST_F(ParserTest, ErrorNamesAndMissingFile) {
+  // Typed here from the format's vocabulary, independently of the code.
+  const char* kNames[] = {
+      "NO_ERROR", "SECTION_MISSING_LEFT_BRACKET", "SECTION_MISSING_RIGHT_BRACKET",
+      "SECTION_MISSING_SECTION", "SECTION_ILLEGAL_CHARACTER", "SECTION_TOO_LONG",
+      "SECTION_UNDEFINED_SECTION", "KEY_MISSING_KEY", "KEY_ILLEGAL_CHARACTER", "KEY_TOO_LONG",
+      "KEY_UNDEFINED_KEY", "VALUE_NUMERIC_MISSING_INTEGER_PART",
+      "VALUE_NUMERIC_MISSING_FRACTIONAL_PART", "VALUE_NUMERIC_MISSING_VALUE",
+      "VALUE_NUMERIC_ILLEGAL_SYNTAX", "VALUE_STRING_MISSING_LEFT_QUOTE",
+      "VALUE_STRING_MISSING_RIGHT_QUOTE", "VALUE_STRING_ESCAPE_ILLEGAL_SEQUENCE",
+      "VALUE_STRING_ESCAPE_ILLEGAL_HEX_VALUE", "VALUE_STRING_ESCAPE_ILLEGAL_OCT_VALUE",
+      "VALUE_STRING_ILLEGAL_CHARACTER", "VALUE_STRING_EMPTY", "VALUE_SET_MISSING_SEPARATER",
+      "VALUE_TOO_LONG", "LINE_NOT_ENDED", "LINE_NOT_EXPECTED", "INTERNAL_ERROR"};
+  for (int i = 0; i <= 26; ++i) EXPECT_STREQ(kNames[i], ConfigErrorName(-i)) << i;
+  EXPECT_STREQ("Unknown error", ConfigErrorName(-27));
+  EXPECT_STREQ("Unknown error", ConfigErrorName(1));
+
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(kParseFailed, ParseConfigFile(dir_.File("missing").c_str(), kSchema, &record_));
+  EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
+}
+
+TEST_F(ParserTest, ValuesEscapesAndSets) {
+  const std::string text =
+      "  # leading comment\n"
+      "\n"
+      "[Main]   # section comment\n"
+      "num = -12.5\n"
+      "big\t=\t18446744073709551615 # max\n"
+      "str = \"first\"\n"
+      "str = \"\\a\\b\\f\\n\\r\\t\\v\\'\\\"\\\\\\?\\x41\\x4a\\xfF\\101\\377\\000z\"\n"
+      "set = \"a\" , \"b\",   # continues\n"
+      "\n"
+      "   # a comment between\n"
+      "  \"c\",\n"
+      "\"d\"\n"
+      "set_alias = \"e\"\n"
+      "[" + std::string(kLongSection) + "]\n"
+      "value = +0\n"
+      "[Main]\n"
+      "set = \"f\"\n";
+  ASSERT_EQ(kParseOk, Parse(text)) << err_;
+  EXPECT_EQ(-12, record_.main.num);
+  EXPECT_EQ(18446744073709551615ull, record_.main.big);
+  EXPECT_EQ(std::string("\a\b\f\n\r\t\v'\"\\?AJ\xff" "A\xff"), record_.main.str);
+  EXPECT_EQ((std::vector<std::string>{"a", "b", "c", "d", "e", "f"}), Set());
+  EXPECT_EQ(0, record_.other.value);
+  EXPECT_EQ("", out_);
+  EXPECT_EQ("", err_);
+
+  ASSERT_EQ(kParseOk, Parse("[Main]\nnum = 0\nbig = 0.25\n"));
+  EXPECT_EQ(0, record_.main.num);
+  EXPECT_EQ(0u, record_.main.big);
+
+  // Values stored before an error stay for the caller to clear.
+  EXPECT_EQ(kParseFailed, Parse("[Main]\nnum = 7\nset = \"x\"\nstr = bad\n"));
+  EXPECT_EQ(7, record_.main.num);
+  EXPECT_EQ((std::vector<std::string>{"x"}), Set());
+}
+
+TEST_F(ParserTest, UnknownKeysWarnAndAreSkipped) {
+  EXPECT_EQ(kParseUnknownKeys,
+            Parse("[Main]\nbogus = anything \"at all\n num = 3\nother_key=\n"));
+  EXPECT_EQ("warning: unknown key (bogus)\nwarning: unknown key (other_key)\n", out_);
+  EXPECT_EQ("", err_);
+  EXPECT_EQ(3, record_.main.num);
+  // A key of another section is unknown here.
+  EXPECT_EQ(kParseUnknownKeys, Parse("[Main]\nvalue = 1\n"));
+  // The continuation of an unknown set is read as a key line.
+  EXPECT_EQ(kParseFailed, Parse("[Main]\nbogus = \"a\",\n  \"b\"\n"));
+  EXPECT_EQ("parser: KEY_MISSING_KEY at line 3\n", err_);
+}
+
+}  // namespace
