@@ -74,9 +74,8 @@ def to_json(value):
 def serve_one(conn, args):
     with conn:
         conn.settimeout(10)
-        reader = conn.makefile("rb")
         try:
-            request = pstream.read_value(reader)
+            request = pstream.recv_value(conn)
         except Exception as e:  # a client that sent garbage: record and drop
             record(args, {"bad_request": str(e)})
             return
@@ -85,7 +84,7 @@ def serve_one(conn, args):
         action = request.get("action", "") if isinstance(request, dict) else ""
         if action in script.get("close", []):
             return
-        conn.sendall(pstream.encode(reply_for(script, action)))
+        pstream.send_value(conn, reply_for(script, action))
 
 
 def record(args, entry):

@@ -131,7 +131,7 @@ class Sandbox:
             s.settimeout(10)
             s.connect(self.socket)
             s.sendall(raw if raw is not None else pstream.encode(value))
-            return pstream.read_value(s.makefile("rb"))
+            return pstream.recv_value(s)
 
     def stop_by_signal(self, signo):
         pid = self.pid()
@@ -225,7 +225,7 @@ class MonitorTest(unittest.TestCase):
 
     def test_replies(self):
         box = self.box
-        box.start_and_wait()
+        pid = box.start_and_wait()
         self.assertEqual({"ack": "ok"}, box.request({"notify": "error", "conn_id": 1,
                                                      "sess_id": 0, "error_type": -18}))
         self.assertEqual({"ack": "ok"}, box.request({"notify": "share_hook",
@@ -237,7 +237,7 @@ class MonitorTest(unittest.TestCase):
         self.assertIsNone(box.request({}))
         # Both members: acknowledged first, the action still runs.
         self.assertEqual({"ack": "ok"}, box.request({"action": "stop", "notify": "x"}))
-        gone, _ = box.wait_gone(box.pid())
+        gone, _ = box.wait_gone(pid)
         self.assertTrue(gone)
 
     def test_bad_input_never_stops_the_daemon(self):
