@@ -1,0 +1,372 @@
+"""Encoder and decoder of the daemon's tagged wire format, for test peers.
+
+Standard library only.  Every value starts with a one-byte tag; every
+multi-byte number is big-endian:
+
+    tag   kind        body
+    0x00  null        one byte 0x00
+    0x01  integer     one byte N, then N bytes of the value (two's complement
+                      when N = 8)
+    0x10  string      16-bit length L, then L bytes
+    0x20  buffer      32-bit length L, then L bytes
+    0x30  binary      64-bit length L, then L bytes of file content
+    0x40  end         closes an array, a map or a binary_ex
+    0x41  array       the elements, then 0x40
+    0x42  map         per member: key (a string value), value; then 0x40
+    0x43  binary_ex   members "binary" (a binary) and "send_hash" (a string)
+                      in map form, then 0x40
+
+Python representation:
+
+    None                 null
+    int                  integer (signed 64-bit; wider values are cut)
+    str / bytes          string (str is sent as UTF-8); decoded as str when
+                         the bytes are UTF-8, else bytes (text=False: bytes)
+    list                 array
+    dict                 map (str or bytes keys)
+    Buffer(data)         buffer
+    Binary(data)         binary: the file content itself
+    BinaryEx(data, ...)  binary_ex: content, digest name and digest texts
+
+The writer behaves like the daemon's: members in bytewise key order, a key
+whose first character is '_' sent without it, an integer in 1, 2, 4 or 8
+bytes (as unsigned: below 2**8, below 2**16, upper half zero, else 8), and a
+string cut to its length modulo 65536.
+
+    data = encode({"action": "stop"})
+    value = decode(data)
+    send_value(sock, value); reply = recv_value(sock)
+"""
+
+import hashlib
+import struct
+
+TAG_NULL = 0x00
+TAG_INTEGER = 0x01
+TAG_STRING = 0x10
+TAG_BUFFER = 0x20
+TAG_BINARY = 0x30
+TAG_END = 0x40
+TAG_ARRAY = 0x41
+TAG_MAP = 0x42
+TAG_BINARY_EX = 0x43
+
+MAX_DEPTH = 128
+
+# Error codes as the daemon's decoder reports them.
+ERR_STREAM = -1
+ERR_CHANNEL = -2
+ERR_MALFORMED = -5
+
+
+class PStreamError(Exception):
+    """A value could not be decoded; `code` is -2 (input ended) or -5."""
+
+    def __init__(self, code, message):
+        super().__init__("%s (%d)" % (message, code))
+        self.code = code
+
+
+class Buffer:
+    """An in-memory byte block."""
+
+    __slots__ = ("data",)
+
+    def __init__(self, data=b""):
+        self.data = bytes(data)
+
+    def __eq__(self, other):
+        return isinstance(other, Buffer) and self.data == other.data
+
+    def __repr__(self):
+        return "Buffer(%d bytes)" % len(self.data)
+
+
+class Binary:
+    """A file's byte range; on the wire only its content travels."""
+
+    __slots__ = ("data",)
+
+    def __init__(self, data=b""):
+        self.data = bytes(data)
+
+    def __eq__(self, other):
+        return isinstance(other, Binary) and self.data == other.data
+
+    def __repr__(self):
+        return "Binary(%d bytes)" % len(self.data)
+
+
+class BinaryEx:
+    """A file's byte range with a digest.
+
+    Encoding: when `send_hash` is None and `hash_algo` is set, the digest
+    text (lower-case hex) of `data` is computed with hashlib; with neither,
+    an empty hash travels.  Decoding fills `data` and `send_hash`, and
+    `recv_hash` with the digest of the data when `hash_algo` is given to
+    the decoder.
+    """
+
+    __slots__ = ("data", "hash_algo", "send_hash", "recv_hash")
+
+    def __init__(self, data=b"", hash_algo="", send_hash=None, recv_hash=""):
+        self.data = bytes(data)
+        self.hash_algo = hash_algo
+        self.send_hash = send_hash
+        self.recv_hash = recv_hash
+
+    def wire_hash(self):
+        if self.send_hash is not None:
+            return self.send_hash
+        if self.hash_algo:
+            return hashlib.new(self.hash_algo, self.data).hexdigest()
+        return ""
+
+    def __eq__(self, other):
+        return (isinstance(other, BinaryEx) and self.data == other.data and
+                self.wire_hash() == other.wire_hash())
+
+    def __repr__(self):
+        return "BinaryEx(%d bytes, send_hash=%r)" % (len(self.data), self.send_hash)
+
+
+# ---- encoding ----
+
+def _as_bytes(text):
+    return text.encode("utf-8") if isinstance(text, str) else bytes(text)
+
+
+def _encode_string(text, out):
+    raw = _as_bytes(text)
+    n = len(raw) & 0xFFFF
+    out += struct.pack(">BH", TAG_STRING, n)
+    out += raw[:n]
+
+
+def _encode_integer(value, out):
+    bits = value & 0xFFFFFFFFFFFFFFFF
+    if bits < 1 << 8:
+        out += struct.pack(">BBB", TAG_INTEGER, 1, bits)
+    elif bits < 1 << 16:
+        out += struct.pack(">BBH", TAG_INTEGER, 2, bits)
+    elif bits >> 32 == 0:
+        out += struct.pack(">BBI", TAG_INTEGER, 4, bits)
+    else:
+        out += struct.pack(">BBQ", TAG_INTEGER, 8, bits)
+
+
+def _encode(value, out):
+    if value is None:
+        out += bytes([TAG_NULL, 0])
+    elif isinstance(value, bool):
+        _encode_integer(int(value), out)
+    elif isinstance(value, int):
+        _encode_integer(value, out)
+    elif isinstance(value, (str, bytes, bytearray)):
+        _encode_string(value, out)
+    elif isinstance(value, Buffer):
+        out += struct.pack(">BI", TAG_BUFFER, len(value.data))
+        out += value.data
+    elif isinstance(value, Binary):
+        out += struct.pack(">BQ", TAG_BINARY, len(value.data))
+        out += value.data
+    elif isinstance(value, BinaryEx):
+        out.append(TAG_BINARY_EX)
+        _encode_string("binary", out)
+        out += struct.pack(">BQ", TAG_BINARY, len(value.data))
+        out += value.data
+        _encode_string("send_hash", out)
+        _encode_string(value.wire_hash(), out)
+        out.append(TAG_END)
+    elif isinstance(value, (list, tuple)):
+        out.append(TAG_ARRAY)
+        for element in value:
+            _encode(element, out)
+        out.append(TAG_END)
+    elif isinstance(value, dict):
+        out.append(TAG_MAP)
+        for key in sorted(value, key=_as_bytes):
+            raw = _as_bytes(key)
+            _encode_string(raw[1:] if raw[:1] == b"_" else raw, out)
+            _encode(value[key], out)
+        out.append(TAG_END)
+    else:
+        raise TypeError("no wire form for %r" % type(value))
+
+
+def encode(value):
+    """The bytes of one value."""
+    out = bytearray()
+    _encode(value, out)
+    return bytes(out)
+
+
+# ---- decoding ----
+
+class _BytesReader:
+    def __init__(self, data):
+        self.data = memoryview(data)
+        self.pos = 0
+
+    def read(self, n):
+        if self.pos + n > len(self.data):
+            raise PStreamError(ERR_CHANNEL, "input ended after %d bytes" % len(self.data))
+        chunk = bytes(self.data[self.pos:self.pos + n])
+        self.pos += n
+        return chunk
+
+
+class _SocketReader:
+    def __init__(self, sock):
+        self.sock = sock
+
+    def read(self, n):
+        parts = []
+        while n > 0:
+            chunk = self.sock.recv(min(n, 1 << 20))
+            if not chunk:
+                raise PStreamError(ERR_CHANNEL, "peer closed")
+            parts.append(chunk)
+            n -= len(chunk)
+        return b"".join(parts)
+
+
+def _merge(target, value):
+    """A repeated key decodes into the member the first one made: arrays
+    append, maps merge, a second file range is written on after the first
+    (same file, from where the first ended), anything else replaces."""
+    if isinstance(target, Binary) and isinstance(value, Binary):
+        return Binary(target.data + value.data)
+    if isinstance(target, BinaryEx) and isinstance(value, BinaryEx):
+        return BinaryEx(target.data + value.data, value.hash_algo, value.send_hash,
+                        value.recv_hash)
+    if isinstance(target, list) and isinstance(value, list):
+        return target + value
+    if isinstance(target, dict) and isinstance(value, dict):
+        merged = dict(target)
+        for k, v in value.items():
+            merged[k] = _merge(merged[k], v) if k in merged else v
+        return merged
+    return value
+
+
+class _Decoder:
+    def __init__(self, reader, text, hash_algo):
+        self.reader = reader
+        self.text = text
+        self.hash_algo = hash_algo
+        self.depth = 0
+
+    def read_int(self, width):
+        return int.from_bytes(self.reader.read(width), "big")
+
+    def string(self):
+        raw = self.reader.read(self.read_int(2))
+        if self.text:
+            try:
+                return raw.decode("utf-8")
+            except UnicodeDecodeError:
+                pass
+        return raw
+
+    def key(self, tag):
+        if tag != TAG_STRING:
+            raise PStreamError(ERR_MALFORMED, "expect string, but get tag %u" % tag)
+        return self.string()
+
+    def enter(self):
+        if self.depth >= MAX_DEPTH:
+            raise PStreamError(ERR_MALFORMED, "nested deeper than %d" % MAX_DEPTH)
+        self.depth += 1
+
+    def value(self):
+        return self.tagged(self.read_int(1))
+
+    def tagged(self, tag):
+        if tag == TAG_NULL:
+            length = self.read_int(1)
+            if length != 0:
+                raise PStreamError(ERR_MALFORMED, "expect length 0, but we've got %u" % length)
+            return None
+        if tag == TAG_INTEGER:
+            width = self.read_int(1)
+            if width > 8:
+                raise PStreamError(ERR_MALFORMED, "integer of %d bytes" % width)
+            bits = self.read_int(width)
+            return bits - (1 << 64) if bits >= 1 << 63 else bits
+        if tag == TAG_STRING:
+            return self.string()
+        if tag == TAG_BUFFER:
+            return Buffer(self.reader.read(self.read_int(4)))
+        if tag == TAG_BINARY:
+            return Binary(self.reader.read(self.read_int(8)))
+        if tag == TAG_ARRAY:
+            self.enter()
+            items = []
+            while True:
+                t = self.read_int(1)
+                if t == TAG_END:
+                    break
+                items.append(self.tagged(t))
+            self.depth -= 1
+            return items
+        if tag == TAG_MAP:
+            self.enter()
+            members = {}
+            while True:
+                t = self.read_int(1)
+                if t == TAG_END:
+                    break
+                k = self.key(t)
+                v = self.value()
+                members[k] = _merge(members[k], v) if k in members else v
+            self.depth -= 1
+            return members
+        if tag == TAG_BINARY_EX:
+            self.enter()
+            ex = BinaryEx(hash_algo=self.hash_algo)
+            while True:
+                t = self.read_int(1)
+                if t == TAG_END:
+                    break
+                k = _as_bytes(self.key(t))
+                v = self.value()
+                if k == b"binary" and isinstance(v, Binary):
+                    ex.data = v.data
+                    if self.hash_algo:
+                        ex.recv_hash = hashlib.new(self.hash_algo, v.data).hexdigest()
+                elif k == b"send_hash" and isinstance(v, (str, bytes)):
+                    ex.send_hash = v if isinstance(v, str) else v.decode("latin-1")
+            self.depth -= 1
+            return ex
+        raise PStreamError(ERR_MALFORMED, "unknown tag %u" % tag)
+
+
+def decode_prefix(data, text=True, hash_algo=""):
+    """Decodes the value at the start of `data`: (value, bytes used)."""
+    reader = _BytesReader(data)
+    value = _Decoder(reader, text, hash_algo).value()
+    return value, reader.pos
+
+
+def decode(data, text=True, hash_algo=""):
+    """Decodes exactly one value; trailing bytes are an error (-5)."""
+    value, used = decode_prefix(data, text, hash_algo)
+    if used != len(data):
+        raise PStreamError(ERR_MALFORMED, "%d bytes after the value" % (len(data) - used))
+    return value
+
+
+def recv_value(sock, text=True, hash_algo=""):
+    """Reads one value from a connected socket, no byte more."""
+    return _Decoder(_SocketReader(sock), text, hash_algo).value()
+
+
+def send_value(sock, value):
+    sock.sendall(encode(value))
+
+
+def wire_form(value):
+    """`value` as it reads back after one trip: keys without their leading
+    '_', long strings cut, text that is not UTF-8 as bytes."""
+    return decode(encode(value))
