@@ -37,6 +37,9 @@ class ConnectionUpdater {
   // Stores `sync_id` as config_table's sync_id.
   int SetSyncId(uint64_t sync_id);
 
+  // The open handle (null while closed), for statements that call
+  // remove_signature.  Owned here; valid until destruction.
+  sqlite3* db() const { return db_.get(); }
   const std::string& signature_dir() const { return signature_dir_; }
 
  private:

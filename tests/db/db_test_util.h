@@ -72,6 +72,8 @@ class DirectDb {
   DirectDb(const DirectDb&) = delete;
   DirectDb& operator=(const DirectDb&) = delete;
 
+  sqlite3* Get() const { return db_; }
+
   void Exec(const std::string& sql) {
     char* error = nullptr;
     int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error);

@@ -1,0 +1,79 @@
+// Base64 in its four modes against published vectors, the output limit and
+// the decoder's refusals.
+#include "db/base64.h"
+
+#include <string>
+
+#include "gtest/gtest.h"
+
+namespace {
+
+std::string Encode(const std::string& in, int mode) {
+  std::string out = "junk";
+  EXPECT_EQ(0, Base64Encode(in, mode, &out)) << mode;
+  return out;
+}
+
+TEST(Base64Test, ModesAndVectors) {
+  // The standard's own vectors.
+  const char* kVectors[][2] = {{"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},
+                               {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
+                               {"foobar", "Zm9vYmFy"}};
+  for (const auto& v : kVectors) {
+    EXPECT_EQ(v[1], Encode(v[0], kBase64Standard));
+    std::string unpadded = v[1];
+    unpadded.erase(unpadded.find_last_not_of('=') + 1);
+    EXPECT_EQ(unpadded, Encode(v[0], kBase64StandardNoPad));
+    std::string back;
+    ASSERT_EQ(0, Base64Decode(v[1], kBase64Standard, &back));
+    EXPECT_EQ(v[0], back);
+    ASSERT_EQ(0, Base64Decode(unpadded, kBase64StandardNoPad, &back));
+    EXPECT_EQ(v[0], back);
+  }
+  // The two alphabets differ in the last two characters only.
+  const std::string bytes("\xfb\xff\xbf", 3);
+  EXPECT_EQ("+/+/", Encode(bytes, kBase64Standard));
+  EXPECT_EQ("-_-_", Encode(bytes, kBase64UrlSafe));
+  EXPECT_EQ("-_8=", Encode(bytes.substr(0, 2), kBase64UrlSafe));
+  EXPECT_EQ("-_8", Encode(bytes.substr(0, 2), kBase64UrlSafeNoPad));
+  std::string back;
+  ASSERT_EQ(0, Base64Decode("-_-_", kBase64UrlSafeNoPad, &back));
+  EXPECT_EQ(bytes, back);
+  EXPECT_EQ(-1, Base64Decode("+/+/", kBase64UrlSafe, &back));
+  EXPECT_EQ("", back);
+  EXPECT_EQ(-1, Base64Decode("-_-_", kBase64Standard, &back));
+
+  // Every byte value, every mode.
+  std::string all;
+  for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
+  for (int mode = 0; mode < 4; ++mode) {
+    for (size_t n = 250; n <= 256; ++n) {
+      ASSERT_EQ(0, Base64Decode(Encode(all.substr(0, n), mode), mode, &back));
+      EXPECT_EQ(all.substr(0, n), back) << mode << " " << n;
+    }
+  }
+}
+
+TEST(Base64Test, LimitAndRefusals) {
+  std::string out;
+  EXPECT_EQ(0, Base64Encode(std::string(2304, 'a'), kBase64Standard, &out));
+  EXPECT_EQ(3072u, out.size());
+  EXPECT_EQ(-1, Base64Encode(std::string(2305, 'a'), kBase64Standard, &out));
+  EXPECT_EQ("", out);
+  EXPECT_EQ(0, Base64Encode(std::string(2303, 'a'), kBase64UrlSafeNoPad, &out));
+  EXPECT_EQ(3071u, out.size());
+  EXPECT_EQ(-1, Base64Encode(std::string(2305, 'a'), kBase64UrlSafeNoPad, &out));
+  // A 16384-bit signature fits.
+  EXPECT_EQ(0, Base64Encode(std::string(2048, 'a'), kBase64Standard, &out));
+  EXPECT_EQ(-1, Base64Encode("a", 4, &out));
+  EXPECT_EQ(-1, Base64Encode("a", -1, &out));
+
+  const char* kBad[] = {"Zg=", "Z===", "Zm9v=", "Z", "Zm9vY", "Zm 9v", "Zm9v\n", "Z=g=", "Zm=v"};
+  for (const char* b : kBad) {
+    EXPECT_EQ(-1, Base64Decode(b, kBase64Standard, &out)) << b;
+    EXPECT_EQ("", out) << b;
+  }
+  EXPECT_EQ(-1, Base64Decode("Zg==", 7, &out));
+}
+
+}  // namespace

@@ -1,0 +1,312 @@
+// Filter files (written text pinned literally, write-then-load of every
+// byte value, the load rules), the filter database clean-up and the
+// encryption-driven maximum name length.
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "config/service.h"
+#include "db/client-updater-util.h"
+#include "db/filter-db-util.h"
+#include "db/system-db.h"
+#include "gtest/gtest.h"
+#include "tests/common/temp_dir.h"
+#include "tests/db/db_test_util.h"
+
+namespace {
+
+void Add(ConfigStringSet* set, const std::string& value) {
+  ASSERT_EQ(0, ConfigStringSetAppend(set, value.data(), value.size()));
+}
+
+void SetString(char** field, const std::string& value) {
+  ConfigStringClear(field);
+  *field = strdup(value.c_str());
+}
+
+std::vector<std::string> Items(const ConfigStringSet& set) {
+  std::vector<std::string> v;
+  for (size_t i = 0; i < set.count; ++i) v.push_back(set.items[i]);
+  return v;
+}
+
+std::string Str(const char* s) { return s ? s : "<null>"; }
+
+// Compares every field of two configs.
+void ExpectSameConfig(const FilterConfig& a, const FilterConfig& b) {
+  EXPECT_EQ(a.version.major, b.version.major);
+  EXPECT_EQ(a.version.minor, b.version.minor);
+  EXPECT_EQ(Str(a.common.black_char), Str(b.common.black_char));
+  EXPECT_EQ(Items(a.common.black_prefix), Items(b.common.black_prefix));
+  EXPECT_EQ(Items(a.common.black_suffix), Items(b.common.black_suffix));
+  EXPECT_EQ(Items(a.common.black_name), Items(b.common.black_name));
+  EXPECT_EQ(Items(a.common.black_dir_prefix), Items(b.common.black_dir_prefix));
+  EXPECT_EQ(a.common.max_length, b.common.max_length);
+  EXPECT_EQ(a.common.max_path, b.common.max_path);
+  EXPECT_EQ(Str(a.file.black_char), Str(b.file.black_char));
+  EXPECT_EQ(Items(a.file.black_prefix), Items(b.file.black_prefix));
+  EXPECT_EQ(Items(a.file.black_suffix), Items(b.file.black_suffix));
+  EXPECT_EQ(Items(a.file.black_glob), Items(b.file.black_glob));
+  EXPECT_EQ(Items(a.file.black_ext), Items(b.file.black_ext));
+  EXPECT_EQ(Items(a.file.black_name), Items(b.file.black_name));
+  EXPECT_EQ(a.file.max_size, b.file.max_size);
+  EXPECT_EQ(Str(a.directory.black_char), Str(b.directory.black_char));
+  EXPECT_EQ(Items(a.directory.black_name), Items(b.directory.black_name));
+  EXPECT_EQ(Items(a.directory.black_prefix), Items(b.directory.black_prefix));
+  EXPECT_EQ(Items(a.directory.black_suffix), Items(b.directory.black_suffix));
+  EXPECT_EQ(Items(a.ea.black_ea_name), Items(b.ea.black_ea_name));
+}
+
+class FilterFileTest : public ::testing::Test {
+ protected:
+  TempDir dir_;
+};
+
+TEST_F(FilterFileTest, WrittenTextAndQuoting) {
+  FilterFile f;
+  f.Lock();
+  FilterConfig& c = f.config();
+  c.version.major = 1;
+  c.version.minor = 3;
+  SetString(&c.common.black_char, "\\/:*?\"<>|");
+  for (const char* p : {"a1", "a2", "a3", "a4", "a5"}) Add(&c.common.black_prefix, p);
+  Add(&c.common.black_dir_prefix, "@eaDir");
+  c.common.max_length = 255;
+  for (const char* e : {"e1", "e2", "e3", "e4", "e5", "e6", "e7"}) Add(&c.file.black_ext, e);
+  Add(&c.file.black_name, "tab\there $HOME @x `y`");
+  Add(&c.file.black_glob, "\x01\x1f\x7f\x80\xff\n\v\f\r");
+  c.file.max_size = 1099511627776ull;
+  Add(&c.ea.black_ea_name, "user.x");
+  f.Unlock();
+  ASSERT_EQ(0, f.Write(dir_.File("blacklist.filter")));
+  EXPECT_EQ(
+      "[Version]\n"
+      "major = 1\n"
+      "minor = 3\n"
+      "\n"
+      "[Common]\n"
+      "black_char = \"\\\\/:*?\\\"<>|\"\n"
+      "black_prefix = \"a1\", \"a2\", \"a3\", \"a4\", \"a5\"\n"
+      "\n"
+      "black_dir_prefix = \"\\x40eaDir\"\n"
+      "max_length = 255\n"
+      "max_path = 0\n"
+      "\n"
+      "[File]\n"
+      "black_ext = \"e1\", \"e2\", \"e3\", \"e4\", \"e5\", \n"
+      "\"e6\", \"e7\"\n"
+      "black_name = \"tab\\there \\x24HOME \\x40x \\x60y\\x60\"\n"
+      "black_glob = \"\\x01\\x1f\\x7f\\x80\\xff\\n\\v\\f\\x0d\"\n"
+      "max_size = 1099511627776\n"
+      "\n"
+      "[Directory]\n"
+      "\n"
+      "[EA]\n"
+      "black_ea_name = \"user.x\"\n"
+      "\n",
+      ReadFile(dir_.File("blacklist.filter")));
+
+  FilterFile back;
+  ASSERT_EQ(0, back.Load(dir_.File("blacklist.filter")));
+  ExpectSameConfig(f.config(), back.config());
+
+  EXPECT_EQ(-1, f.Write(dir_.File("missing/blacklist.filter")));
+}
+
+TEST_F(FilterFileTest, EveryByteValueRoundTrips) {
+  FilterFile f;
+  FilterConfig& c = f.config();
+  c.version.major = 1;
+  std::string all;
+  for (int b = 1; b < 256; ++b) all += static_cast<char>(b);
+  SetString(&c.common.black_char, all);
+  SetString(&c.file.black_char, all.substr(100));
+  SetString(&c.directory.black_char, "\"");
+  // Elements of one byte each, 255 of them over 51 lines.
+  for (int b = 1; b < 256; ++b) Add(&c.directory.black_name, std::string(1, static_cast<char>(b)));
+  for (int i = 0; i < 16; ++i) Add(&c.file.black_suffix, all.substr(i * 16, 16));
+  Add(&c.ea.black_ea_name, std::string(1000, '$'));  // 4000 escaped bytes: kept whole
+  c.common.max_path = 4096;
+  ASSERT_EQ(0, f.Write(dir_.File("f")));
+  FilterFile back;
+  ASSERT_EQ(0, back.Load(dir_.File("f")));
+  ExpectSameConfig(f.config(), back.config());
+
+  // An escaped text over 4095 bytes is cut at a whole escape.
+  FilterFile longer;
+  Add(&longer.config().ea.black_ea_name, std::string(1100, '@'));
+  Add(&longer.config().ea.black_ea_name, std::string(5000, 'z'));
+  ASSERT_EQ(0, longer.Write(dir_.File("g")));
+  FilterFile cut;
+  ASSERT_EQ(0, cut.Load(dir_.File("g")));
+  ASSERT_EQ(2u, cut.config().ea.black_ea_name.count);
+  EXPECT_EQ(std::string(1023, '@'), cut.config().ea.black_ea_name.items[0]);
+  EXPECT_EQ(std::string(4095, 'z'), cut.config().ea.black_ea_name.items[1]);
+}
+
+TEST_F(FilterFileTest, LoadRulesAliasesAndMaxima) {
+  const std::string body =
+      "[Common]\nblack_path_prefix_selective_sync = \"p\"\nmax_length = 143\n"
+      "[File]\nblack_ext_selective_sync = \"x\"\nblack_name_selective_sync = \"n\"\n"
+      "max_size_selective_sync = 10\nfuture_key = \"?\"\n";
+  FilterFile f;
+  ASSERT_EQ(0, f.Load(dir_.Write("later", "[Version]\nmajor = 1\nminor = 2\n" + body)));
+  EXPECT_EQ((std::vector<std::string>{"p"}), Items(f.config().common.black_dir_prefix));
+  EXPECT_EQ((std::vector<std::string>{"x"}), Items(f.config().file.black_ext));
+  EXPECT_EQ((std::vector<std::string>{"n"}), Items(f.config().file.black_name));
+  EXPECT_EQ(10u, f.config().file.max_size);
+  // The alias keys are never written.
+  ASSERT_EQ(0, f.Write(dir_.File("out")));
+  EXPECT_EQ(std::string::npos, ReadFile(dir_.File("out")).find("selective_sync"));
+
+  // Unknown keys in a file of minor 0, or of another major: refused, emptied.
+  EXPECT_EQ(-1, f.Load(dir_.Write("minor0", "[Version]\nmajor = 1\nminor = 0\n" + body)));
+  EXPECT_EQ(0u, f.config().common.black_dir_prefix.count);
+  EXPECT_EQ(0u, f.config().common.max_length);
+  EXPECT_EQ(-1, f.Load(dir_.Write("major2", "[Version]\nmajor = 2\nminor = 1\n" + body)));
+  EXPECT_EQ(-1, f.Load(dir_.Write("broken", "[Version]\nmajor = 1\n[Common]\nmax_length = x\n")));
+  EXPECT_EQ(0, f.config().version.major);
+  EXPECT_EQ(-1, f.Load(dir_.File("absent")));
+  // Without unknown keys any version loads.
+  ASSERT_EQ(0, f.Load(dir_.Write("plain", "[Version]\nmajor = 0\nminor = 0\n[EA]\n")));
+
+  EXPECT_EQ(0, f.SetMaximum(kFilterMaxLength, 143));
+  EXPECT_EQ(0, f.SetMaximum(kFilterMaxPath, 4095));
+  EXPECT_EQ(-1, f.SetMaximum(9, 1));
+  EXPECT_EQ(-1, f.SetMaximum(0, 1));
+  EXPECT_EQ(143u, f.config().common.max_length);
+  EXPECT_EQ(4095u, f.config().common.max_path);
+  EXPECT_EQ(0u, f.config().file.max_size);
+}
+
+TEST_F(FilterFileTest, CleanUpFilterDatabase) {
+  LogCapture log(dir_);
+  const std::string missing = dir_.File("filter.sqlite");
+  EXPECT_EQ(0, CleanUpFilterDBBySession(missing, 3));
+  EXPECT_TRUE(log.Contains("filter db is not exist"));
+  struct stat st;
+  EXPECT_NE(0, stat(missing.c_str(), &st));
+
+  const char kTable[] =
+      " (sess_id INTEGER NOT NULL, sync_id INTEGER NOT NULL, filter_type INTEGER NOT NULL, "
+      "filter_desc TEXT NOT NULL, PRIMARY KEY (sess_id, filter_type, filter_desc) ON CONFLICT "
+      "IGNORE);";
+  const std::string rows = " VALUES (3, 1, 1, 'a'), (3, 1, 2, 'b'), (4, 1, 1, 'a');";
+  {
+    DirectDb db(missing);
+    for (const char* t : {"white_list_table", "filter_table", "filter_range_table"}) {
+      db.Exec(std::string("CREATE TABLE ") + t + kTable);
+      db.Exec(std::string("INSERT INTO ") + t + rows);
+    }
+    EXPECT_TRUE(IsTableExist(db.Get(), "filter_table"));
+    EXPECT_FALSE(IsTableExist(db.Get(), "no_such_table"));
+    EXPECT_FALSE(IsTableExist(db.Get(), "filter_table' OR '1'='1"));
+  }
+  ASSERT_EQ(0, CleanUpFilterDBBySession(missing, 3));
+  EXPECT_TRUE(log.Contains("CleanUpFilterDBBySession Done '" + missing + "' 3"));
+  {
+    DirectDb db(missing);
+    EXPECT_EQ("4", db.Value("SELECT group_concat(sess_id) FROM filter_table;"));
+    EXPECT_EQ("4", db.Value("SELECT group_concat(sess_id) FROM filter_range_table;"));
+    EXPECT_EQ("3", db.Value("SELECT count(*) FROM white_list_table;"));
+  }
+
+  // Without filter_range_table nothing is deleted.
+  const std::string partial = dir_.File("partial.sqlite");
+  {
+    DirectDb db(partial);
+    db.Exec(std::string("CREATE TABLE filter_table") + kTable);
+    db.Exec("INSERT INTO filter_table" + rows);
+  }
+  EXPECT_EQ(0, CleanUpFilterDBBySession(partial, 3));
+  EXPECT_TRUE(log.Contains("Filter event table does not exist, bail out"));
+  DirectDb db(partial);
+  EXPECT_EQ("3", db.Value("SELECT count(*) FROM filter_table;"));
+
+  // A file that is not a database.
+  const std::string junk = dir_.Write("junk.sqlite", std::string(4096, 'j'));
+  EXPECT_EQ(0, CleanUpFilterDBBySession(junk, 3));  // no tables can be seen: nothing to do
+  EXPECT_TRUE(log.Contains("IsTableExist: sqlite3_prepare_v2: file is not a database (26)"));
+}
+
+class FilterMaxLengthTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
+    DirectDb db(dir_.File("system.sqlite"));
+    db.Exec("INSERT INTO session_table (id, is_encryption) VALUES (1, 1), (2, 0);");
+  }
+  void TearDown() override {
+    SystemDB::deinitialize();
+    unsetenv("VESTA_ROOT");
+  }
+
+  std::string Filter(const std::string& name, int max_length) {
+    return dir_.Write(name, "[Version]\nmajor = 1\nminor = 1\n[Common]\nmax_length = " +
+                                std::to_string(max_length) + "\n[EA]\nblack_ea_name = \"k\"\n");
+  }
+  uint64_t MaxLength(const std::string& path) {
+    FilterFile f;
+    EXPECT_EQ(0, f.Load(path));
+    return f.config().common.max_length;
+  }
+
+  TempDir dir_;
+  LogCapture log_{dir_};
+};
+
+TEST_F(FilterMaxLengthTest, FollowsTheEncryptionState) {
+  std::string enc0 = Filter("enc0", 0);
+  ASSERT_EQ(0, SetSessionFilterMaxLength(1, enc0));
+  EXPECT_EQ(143u, MaxLength(enc0));
+  // Other content survives the rewrite.
+  FilterFile f;
+  ASSERT_EQ(0, f.Load(enc0));
+  EXPECT_EQ((std::vector<std::string>{"k"}), Items(f.config().ea.black_ea_name));
+
+  // Unchanged files are not rewritten (the text keeps its own layout).
+  std::string enc255 = Filter("enc255", 255);
+  std::string before = ReadFile(enc255);
+  ASSERT_EQ(0, SetSessionFilterMaxLength(1, enc255));
+  EXPECT_EQ(before, ReadFile(enc255));
+  std::string plain0 = Filter("plain0", 0);
+  before = ReadFile(plain0);
+  ASSERT_EQ(0, SetSessionFilterMaxLength(2, plain0));
+  EXPECT_EQ(before, ReadFile(plain0));
+
+  std::string plain143 = Filter("plain143", 143);
+  ASSERT_EQ(0, SetSessionFilterMaxLength(2, plain143));
+  EXPECT_EQ(0u, MaxLength(plain143));
+
+  std::string broken = dir_.Write("broken", "[Common]\nmax_length = x\n");
+  EXPECT_EQ(-1, SetSessionFilterMaxLength(1, broken));
+  EXPECT_TRUE(log_.Contains("Failed to Load Filter."));
+  EXPECT_EQ("[Common]\nmax_length = x\n", ReadFile(broken));
+}
+
+TEST_F(FilterMaxLengthTest, AppliesToTheSessionsOwnFile) {
+  setenv("VESTA_ROOT", dir_.path().c_str(), 1);
+  const std::string volume = dir_.path() + "/volume1";
+  ASSERT_EQ(0, system(("mkdir -p '" + dir_.path() + "/var/packages/Fernbox/etc/tandem' '" +
+                       volume + "/@FernboxTandem/session/1/conf'")
+                          .c_str()));
+  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "volume=" + volume + "\n");
+
+  EXPECT_EQ(-1, ApplySessionFilterMaxLength(1));
+  const std::string path = volume + "/@FernboxTandem/session/1/conf/blacklist.filter";
+  EXPECT_TRUE(log_.Contains("blacklist path '" + path + "' is not exists"));
+
+  dir_.Write("volume1/@FernboxTandem/session/1/conf/blacklist.filter",
+             "[Version]\nmajor = 1\nminor = 0\n");
+  ASSERT_EQ(0, ApplySessionFilterMaxLength(1));
+  EXPECT_EQ(143u, MaxLength(path));
+
+  unlink((dir_.path() + "/var/packages/Fernbox/etc/tandem/service.conf").c_str());
+  EXPECT_EQ(-1, ApplySessionFilterMaxLength(1));
+  EXPECT_TRUE(log_.Contains("get session conf folder path fail[id=1]"));
+}
+
+}  // namespace
