@@ -1,0 +1,222 @@
+// IPCServer and IPCSender over real UNIX sockets: replacing stale files,
+// long paths, the wait time-out, closing, and one exchange per connection.
+#include "ipc/ipc.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "log/logger.h"
+#include "stream/PObject.h"
+#include "stream/stream.h"
+#include "tests/common/temp_dir.h"
+
+namespace {
+
+bool IsSocket(const std::string& path, mode_t* mode = nullptr) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return false;
+  if (mode != nullptr) *mode = st.st_mode & 07777;
+  return S_ISSOCK(st.st_mode);
+}
+
+bool Exists(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
+}
+
+// The server side of one exchange: read a request on an accepted
+// descriptor, answer with {"echo": request}.
+int ServeOne(int fd) {
+  Channel channel;
+  if (channel.Open(fd, false) != 0) return -1;
+  PObject request, reply;
+  PStream in;
+  if (in.Recv(&channel, &request) != 0) return -1;
+  reply["echo"] = request;
+  PStream out;
+  return out.Send(&channel, reply);
+}
+
+class IPCTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    path_ = dir_.File("monitor.sock");
+    Logger::Init(Logger::kFile, dir_.File("test.log"), "", 2, 0);
+  }
+  void TearDown() override { Logger::Shutdown(); }
+
+  std::string Log() {
+    fflush(Logger::log_fp);
+    return ReadFile(dir_.File("test.log"));
+  }
+
+  TempDir dir_;
+  std::string path_;
+};
+
+TEST_F(IPCTest, ListenReplacesStaleFileAndCloseRemovesIt) {
+  dir_.Write("monitor.sock", "left over by an earlier run");
+  IPCServer server;
+  ASSERT_EQ(0, server.Listen(path_, 8));
+  mode_t mode;
+  ASSERT_TRUE(IsSocket(path_, &mode));
+  EXPECT_EQ(0666u, mode);
+
+  // A second Listen fails and leaves the first socket alone.
+  EXPECT_EQ(-1, server.Listen(dir_.File("other.sock"), 8));
+  EXPECT_FALSE(Exists(dir_.File("other.sock")));
+  EXPECT_TRUE(IsSocket(path_));
+
+  server.Close();
+  EXPECT_FALSE(Exists(path_));
+  EXPECT_EQ(-1, server.Accept());
+  EXPECT_EQ(0, server.WaitForConnection());
+  server.Close();  // harmless twice
+
+  // Listening again after Close works; the destructor removes the file.
+  {
+    IPCServer again;
+    ASSERT_EQ(0, again.Listen(path_, 1));
+  }
+  EXPECT_FALSE(Exists(path_));
+}
+
+TEST_F(IPCTest, LongPathIsBoundUnderItsFirst107Bytes) {
+  std::string long_path = dir_.path() + "/";
+  while (long_path.size() < 130) long_path += "d";
+  const std::string bound = long_path.substr(0, 107);
+  // A stale socket under the cut name is replaced too.
+  dir_.Write(bound.substr(dir_.path().size() + 1), "stale");
+
+  IPCServer server;
+  ASSERT_EQ(0, server.Listen(long_path, 4));
+  EXPECT_TRUE(IsSocket(bound));
+  EXPECT_FALSE(Exists(long_path));
+
+  // A client reaches it under the cut name.
+  std::thread client([&] {
+    IPCSender sender;
+    ASSERT_EQ(0, sender.Connect(bound));
+    PObject request("x"), reply;
+    EXPECT_EQ(0, sender.SendRequest(request, true, &reply));
+  });
+  ASSERT_EQ(1, server.WaitForConnection());
+  int fd = server.Accept();
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(0, ServeOne(fd));
+  client.join();
+
+  server.Close();
+  EXPECT_FALSE(Exists(bound));
+}
+
+TEST_F(IPCTest, FailuresLeaveNothingBehind) {
+  IPCServer server;
+  EXPECT_EQ(-1, server.Listen("", 4));
+  EXPECT_EQ(-1, server.Listen(dir_.File("no/such/dir/sock"), 4));
+  EXPECT_NE(std::string::npos, Log().find("bind: No such file or directory (2)"));
+  EXPECT_FALSE(server.IsListening());
+  EXPECT_EQ(-1, server.Accept());
+
+  IPCSender sender;
+  EXPECT_EQ(-1, sender.Connect(dir_.File("nobody-listens")));
+  PObject reply;
+  EXPECT_EQ(-1, sender.SendRequest(PObject(1), true, &reply));
+}
+
+TEST_F(IPCTest, WaitTimesOutAfterThreeSeconds) {
+  IPCServer server;
+  ASSERT_EQ(0, server.Listen(path_, 4));
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(0, server.WaitForConnection());
+  double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_GE(waited, 2.9);
+  EXPECT_LT(waited, 30.0);
+}
+
+TEST_F(IPCTest, ExchangeAndSendWithoutWaiting) {
+  IPCServer server;
+  ASSERT_EQ(0, server.Listen(path_, 4));
+
+  // wait = false: returns once written, before the server has even accepted.
+  PObject request;
+  request["action"] = "stop";
+  request["long"] = std::string(20000, 'z');
+  {
+    IPCSender sender;
+    ASSERT_EQ(0, sender.Connect(path_));
+    PObject untouched(5);
+    EXPECT_EQ(0, sender.SendRequest(request, false, &untouched));
+    EXPECT_EQ(5, untouched.AsInteger());
+    ASSERT_EQ(1, server.WaitForConnection());
+    int fd = server.Accept();
+    ASSERT_GE(fd, 0);
+    Channel channel;
+    ASSERT_EQ(0, channel.Open(fd, false));
+    PObject got;
+    PStream in;
+    ASSERT_EQ(0, in.Recv(&channel, &got));
+    EXPECT_TRUE(got == request);
+  }
+
+  // wait = true: the reply is read through the Receive slot.
+  struct CountingSender : IPCSender {
+    int Receive(PObject* reply) override {
+      ++receives;
+      return IPCSender::Receive(reply);
+    }
+    int receives = 0;
+  };
+  std::thread serve([&] {
+    ASSERT_EQ(1, server.WaitForConnection());
+    int fd = server.Accept();
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(0, ServeOne(fd));
+  });
+  CountingSender sender;
+  ASSERT_EQ(0, sender.Connect(path_));
+  PObject reply;
+  EXPECT_EQ(0, sender.SendRequest(request, true, &reply));
+  serve.join();
+  EXPECT_EQ(1, sender.receives);
+  EXPECT_TRUE(reply.Lookup("echo") == request);
+
+  // A server that closes without answering: the receive fails.
+  std::thread silent([&] {
+    ASSERT_EQ(1, server.WaitForConnection());
+    close(server.Accept());
+  });
+  IPCSender unlucky;
+  ASSERT_EQ(0, unlucky.Connect(path_));
+  silent.join();
+  EXPECT_EQ(-1, unlucky.Receive(&reply));
+}
+
+TEST_F(IPCTest, RepliesCarryingFilesAreRefused) {
+  IPCServer server;
+  ASSERT_EQ(0, server.Listen(path_, 4));
+  std::string file = dir_.Write("payload", "abc");
+  std::thread serve([&] {
+    ASSERT_EQ(1, server.WaitForConnection());
+    Channel channel;
+    ASSERT_EQ(0, channel.Open(server.Accept(), false));
+    PObject request;
+    PStream in;
+    ASSERT_EQ(0, in.Recv(&channel, &request));
+    PStream out;
+    out.Send(&channel, PObject(PObject::binary_type{0, 3, file}));
+  });
+  IPCSender sender;
+  ASSERT_EQ(0, sender.Connect(path_));
+  PObject reply;
+  EXPECT_EQ(-1, sender.SendRequest(PObject(1), true, &reply));
+  serve.join();
+}
+
+}  // namespace
