@@ -54,7 +54,12 @@ int ReadProxy(const ZephProxyInfo* info, const ZephProxySetting* setting, ProxyI
   p->use_proxy = true;
   p->use_system_proxy = false;
   p->proxy_ip = host;
-  p->proxy_port = static_cast<uint16_t>(std::strtoul(port, nullptr, 10));
+  char* end = nullptr;
+  const unsigned long number = std::strtoul(port, &end, 10);
+  if (*end != '\0' || number > 65535) {
+    LOG_WARNING("autoconn_debug", "proxy port '%s' is not a port number", port);
+  }
+  p->proxy_port = static_cast<uint16_t>(number);  // keeps the low 16 bits
 
   const char* user = ZEPHProxySettingAttrStrGet(setting, ZEPH_PROXY_SETTING_USERNAME);
   const char* password = ZEPHProxySettingAttrStrGet(setting, ZEPH_PROXY_SETTING_PASSWORD);
