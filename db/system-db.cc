@@ -229,16 +229,16 @@ void ReadConnectionRow(sqlite3_stmt* stmt, ConnectionEntry* e) {
 }
 
 // Drops trailing "/" and "\" unless the folder is made of nothing else.
-std::string StripSyncFolder(const std::string& folder) {
-  size_t end = folder.find_last_not_of("/\\");
-  return end == std::string::npos ? folder : folder.substr(0, end + 1);
+void StripSyncFolder(std::string* folder) {
+  size_t end = folder->find_last_not_of("/\\");
+  if (end != std::string::npos) folder->resize(end + 1);
 }
 
 // Drops trailing "/" unless the path is exactly the root.
-std::string StripRemotePath(const std::string& path) {
-  if (path == "/") return path;
-  size_t end = path.find_last_not_of('/');
-  return end == std::string::npos ? std::string() : path.substr(0, end + 1);
+void StripRemotePath(std::string* path) {
+  if (*path == "/") return;
+  size_t end = path->find_last_not_of('/');
+  path->resize(end == std::string::npos ? 0 : end + 1);
 }
 
 std::string StoredRemotePath(const std::string& path) { return path == "/" ? path : path + "/"; }
@@ -249,7 +249,8 @@ void ReadSessionRow(sqlite3_stmt* stmt, SessionInfo* s) {
   s->share_name = ColumnText(stmt, kShareName);
   s->view_id = ColumnId(stmt, kViewId);
   s->share_version = sqlite3_column_int(stmt, kShareVersion);
-  s->sync_folder = StripSyncFolder(ColumnText(stmt, kSyncFolder));
+  s->sync_folder = ColumnText(stmt, kSyncFolder);
+  StripSyncFolder(&s->sync_folder);
   s->perm_mode = sqlite3_column_int(stmt, kPermMode);
   s->is_read_only = ColumnNonZero(stmt, kIsReadOnly);
   s->is_daemon_enable = ColumnNonZero(stmt, kIsDaemonEnable);
@@ -258,7 +259,8 @@ void ReadSessionRow(sqlite3_stmt* stmt, SessionInfo* s) {
   s->ignore_local_remove = ColumnNonZero(stmt, kIgnoreLocalRemove);
   s->conflict_policy = ColumnText(stmt, kConflictPolicy);
   s->rename_conflict = ColumnNonZero(stmt, kRenameConflict);
-  s->remote_path = StripRemotePath(ColumnText(stmt, kRemotePath));
+  s->remote_path = ColumnText(stmt, kRemotePath);
+  StripRemotePath(&s->remote_path);
   s->is_encryption = ColumnIsOne(stmt, kIsEncryption);
   s->is_mounted = ColumnIsOne(stmt, kIsMounted);
   s->attribute_check_strength = sqlite3_column_int(stmt, kAttributeCheckStrength);
