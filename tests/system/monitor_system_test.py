@@ -248,6 +248,26 @@ class MonitorTest(unittest.TestCase):
         gone, _ = box.wait_gone(pid)
         self.assertTrue(gone)
 
+    def test_monitorctl(self):
+        ctl = os.environ.get("VESTA_MONITORCTL")
+        if not ctl:
+            self.skipTest("VESTA_MONITORCTL not set")
+        box = self.box
+        pid = box.start_and_wait()
+
+        def run(*args):
+            r = subprocess.run([ctl, "--socket", box.socket] + list(args),
+                               capture_output=True, text=True, timeout=10)
+            return r.returncode, r.stdout.strip()
+
+        self.assertEqual((0, '{"ack":"ok"}'), run("notify-error", "1", "0", "-18"))
+        self.assertEqual((0, '{"ack":"ok"}'), run("share-hook", "docs", "encrypt", "0"))
+        self.assertEqual((0, "null"), run("refresh-session", "3"))
+        self.assertEqual((2, ""), run("refresh-session", "x"))
+        self.assertEqual((0, "null"), run("send", '{"action": "stop"}'))
+        self.assertTrue(box.wait_gone(pid)[0])
+        self.assertEqual(1, run("stop")[0])
+
     def test_bad_input_never_stops_the_daemon(self):
         box = self.box
         pid = box.start_and_wait()
