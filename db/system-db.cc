@@ -372,6 +372,25 @@ int UpdateAndSelectId(const char* op, const char* what, const char* update,
   return 0;
 }
 
+// Reads the integer columns of the first row of `formatted` (a statement
+// from sqlite3_mprintf, taken over) into `out[0..count)`.  1 found, 0 no
+// row, -1 failure (logged under `op`).
+int SelectInts(const char* op, char* formatted, int* const* out, int count) {
+  SqliteText sql(formatted);
+  if (!sql) {
+    LOG_ERROR(kComponent, "sqlite3_mprintf failed");
+    return -1;
+  }
+  std::lock_guard<std::mutex> lock(SystemDB::m_dbMutex);
+  SqliteStatement stmt;
+  if (PrepareLocked(op, sql.get(), &stmt) != 0) return -1;
+  int found = StepOnce(stmt.get());
+  if (found == 1) {
+    for (int i = 0; i < count; ++i) *out[i] = sqlite3_column_int(stmt.get(), i);
+  }
+  return found;
+}
+
 // Reads every row of `sql` into `rows` with `read`.  0, or -1 on failure.
 template <typename Record>
 int SelectRows(const char* op, const char* sql, void (*read)(sqlite3_stmt*, Record*),
@@ -667,49 +686,31 @@ int SystemDB::updateSessionInfo(SessionInfo* session) {
 
 int SystemDB::getSessionStatusAndErr(uint64_t session_id, int* session_status,
                                      int* session_error, int* conn_status, int* conn_error) {
-  SqliteText sql(sqlite3_mprintf(
-      "SELECT st.status, st.error, ct.status, ct.error FROM session_table AS st, "
-      "connection_table AS ct WHERE st.id = %llu AND ct.id = st.conn_id;",
-      static_cast<ull>(session_id)));
-  if (!sql) {
-    LOG_ERROR(kComponent, "sqlite3_mprintf failed");
-    return -1;
-  }
-  std::lock_guard<std::mutex> lock(m_dbMutex);
-  SqliteStatement stmt;
-  if (PrepareLocked("getSessionStatusAndErr", sql.get(), &stmt) != 0) return -1;
-  int found = StepOnce(stmt.get());
-  if (found < 0) return -1;
+  int* const out[] = {session_status, session_error, conn_status, conn_error};
+  int found = SelectInts("getSessionStatusAndErr",
+                         sqlite3_mprintf("SELECT st.status, st.error, ct.status, ct.error FROM "
+                                         "session_table AS st, connection_table AS ct WHERE "
+                                         "st.id = %llu AND ct.id = st.conn_id;",
+                                         static_cast<ull>(session_id)),
+                         out, 4);
   if (found == 0) {
     LOG_DEBUG(kComponent, "cannnot get getSessionStatusAndErr %llu", static_cast<ull>(session_id));
-    return -1;
   }
-  *session_status = sqlite3_column_int(stmt.get(), 0);
-  *session_error = sqlite3_column_int(stmt.get(), 1);
-  *conn_status = sqlite3_column_int(stmt.get(), 2);
-  *conn_error = sqlite3_column_int(stmt.get(), 3);
-  return 0;
+  return found == 1 ? 0 : -1;
 }
 
 int SystemDB::getSessionErr(uint64_t session_id, int* error) {
-  SqliteText sql(sqlite3_mprintf("SELECT error from session_table WHERE id = %llu;",
-                                 static_cast<ull>(session_id)));
-  if (!sql) {
-    LOG_ERROR(kComponent, "sqlite3_mprintf failed");
-    return -1;
-  }
-  std::lock_guard<std::mutex> lock(m_dbMutex);
-  SqliteStatement stmt;
-  if (PrepareLocked("getSessionErr", sql.get(), &stmt) != 0) return -1;
-  int found = StepOnce(stmt.get());
-  if (found < 0) return -1;
+  int* const out[] = {error};
+  int found = SelectInts(
+      "getSessionErr",
+      sqlite3_mprintf("SELECT error from session_table WHERE id = %llu;",
+                      static_cast<ull>(session_id)),
+      out, 1);
   if (found == 0) {
     LOG_WARNING(kComponent, "cannnot get error code for session %llu",
                 static_cast<ull>(session_id));
-    return -1;
   }
-  *error = sqlite3_column_int(stmt.get(), 0);
-  return 0;
+  return found == 1 ? 0 : -1;
 }
 
 int SystemDB::getConnectionErr(uint64_t conn_id, int* error) {
