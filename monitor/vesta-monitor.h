@@ -79,18 +79,20 @@ class MonitorDaemon : public Daemon {
   // "refresh_session": makes connection "conn_id" due for listing at once,
   // rebuilding the schedule when it is not in it.  Always 0.
   int RefreshSession(const PObject& request, PObject* reply);
-  // "notify": "error" from the sync daemon.  0, or -1 when the connection or
-  // session could not be read.
+  // "notify": "error" from the sync daemon, and "notify": "share_hook" from
+  // the storage server's share hooks.  For now both only log the request
+  // and return 0; their handling arrives with the error handler and the
+  // share events.
   int HandleErrorNotification(const PObject& request, PObject* reply);
-  // "notify": "share_hook" from the storage server's share hooks.
   int HandleShareHook(const PObject& request, PObject* reply);
 
   // Rebuilds the share-listing schedule from the system database, keeping
   // the last-listed time of connections that stay.  Takes state_mutex.
   void UpdateListShareConnections();
-  // One status pass (status thread).  0 or -1.
+  // One status pass (status thread).  0 or -1.  For now an empty pass.
   int UpdateStatus();
-  // Lists one connection's shares, then marks it listed now.  0 or -1.
+  // Lists one connection's shares (for now an empty listing), then marks it
+  // listed now.  0 or -1.
   int ListShare(const ListShareScheduleEntry& entry);
   // The first schedule entry that may be listed and is due at `now`;
   // false when none is.  Takes state_mutex.
