@@ -5,7 +5,7 @@
 // This header holds the general pieces: the last-error record, the
 // key=value file lookup, and the string list and string table that other
 // calls fill.  Shares, users, notifications and proxy settings have headers
-// of their own beside this one.  platform/README.md describes the files.
+// of their own beside this one.  README.md describes the files.
 //
 // Thread-safety: every call may be made from any thread; the error record
 // is per thread.  Callers in the daemon still hold SDK::ReentrantMutex

@@ -1,5 +1,5 @@
 // Stand-in for the storage server's proxy settings, read from the key=value
-// file FixedPath("/etc/vesta/proxy.conf") (keys in platform/README.md).  A
+// file FixedPath("/etc/vesta/proxy.conf") (keys in README.md).  A
 // missing file means no proxy is configured; a malformed one makes both
 // Init calls fail.  An attribute whose key is absent or empty reads as none.
 #ifndef VESTA_PLATFORM_PROXY_H_

@@ -1,6 +1,6 @@
 // Stand-in for the storage server's shared-folder library.  A shared folder
 // NAME exists when FixedPath("/etc/vesta/shares/NAME.conf") does; that
-// key=value file describes it (platform/README.md lists the keys).  A share
+// key=value file describes it (README.md lists the keys).  A share
 // with no file does not exist.
 //
 // Attribute queries answer 1 (yes), 0 (no), or -1 when the file holds a
