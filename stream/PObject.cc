@@ -339,55 +339,26 @@ const PObject& PObject::Lookup(std::string_view key) const {
 
 // ---- mutable access ----
 
-PObject::array_type& PObject::MutableArray() {
-  if (type_ != kArray) {
-    array_type* payload = new array_type();
+// Makes the value a T of kind `kind`, keeping the payload when it already
+// is one.
+template <typename T>
+T& PObject::MutablePayload(Type kind) {
+  if (type_ != kind) {
+    T* payload = new T();
     Clear();
     SetPointer(payload);
-    type_ = kArray;
+    type_ = kind;
   }
-  return *Pointer<array_type>();
+  return *Pointer<T>();
 }
 
-PObject::map_type& PObject::MutableMap() {
-  if (type_ != kMap) {
-    map_type* payload = new map_type();
-    Clear();
-    SetPointer(payload);
-    type_ = kMap;
-  }
-  return *Pointer<map_type>();
-}
-
-PObject::binary_type& PObject::MutableBinary() {
-  if (type_ != kBinary) {
-    binary_type* payload = new binary_type();
-    Clear();
-    SetPointer(payload);
-    type_ = kBinary;
-  }
-  return *Pointer<binary_type>();
-}
-
+PObject::array_type& PObject::MutableArray() { return MutablePayload<array_type>(kArray); }
+PObject::map_type& PObject::MutableMap() { return MutablePayload<map_type>(kMap); }
+PObject::binary_type& PObject::MutableBinary() { return MutablePayload<binary_type>(kBinary); }
 PObject::binary_ex_type& PObject::MutableBinaryEx() {
-  if (type_ != kBinaryEx) {
-    binary_ex_type* payload = new binary_ex_type();
-    Clear();
-    SetPointer(payload);
-    type_ = kBinaryEx;
-  }
-  return *Pointer<binary_ex_type>();
+  return MutablePayload<binary_ex_type>(kBinaryEx);
 }
-
-PObject::buffer_type& PObject::MutableBuffer() {
-  if (type_ != kBuffer) {
-    buffer_type* payload = new buffer_type();
-    Clear();
-    SetPointer(payload);
-    type_ = kBuffer;
-  }
-  return *Pointer<buffer_type>();
-}
+PObject::buffer_type& PObject::MutableBuffer() { return MutablePayload<buffer_type>(kBuffer); }
 
 PObject& PObject::operator[](std::string_view key) {
   map_type& members = MutableMap();

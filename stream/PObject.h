@@ -211,6 +211,8 @@ class PObject {
   T* Pointer() const;
   template <typename T>
   void SetPointer(T* p);
+  template <typename T>
+  T& MutablePayload(Type kind);
   void SetString(std::string_view text);
   void CopyFrom(const PObject& other);
   void MoveFrom(PObject& other) noexcept;
