@@ -1,6 +1,5 @@
 #include "db/connection-updater.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,41 +7,11 @@
 #include <memory>
 
 #include "log/log.h"
+#include "sdk/fslib/fslib.h"
 
 namespace {
 
 const char kComponent[] = "connection_updater";
-
-// True when something exists at `path`; an empty path does not exist.
-bool PathExists(const std::string& path) {
-  struct stat st;
-  return !path.empty() && stat(path.c_str(), &st) == 0;
-}
-
-struct DirCloser {
-  void operator()(DIR* d) const { closedir(d); }
-};
-
-// Removes `path`: a directory's entries first, then the directory itself.
-// Symbolic links are removed, never followed.  0, or -1 when something could
-// not be removed.
-int RemoveRecursive(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return -1;
-  if (!S_ISDIR(st.st_mode)) return unlink(path.c_str());
-  int result = 0;
-  {
-    std::unique_ptr<DIR, DirCloser> dir(opendir(path.c_str()));
-    if (!dir) return -1;
-    while (struct dirent* entry = readdir(dir.get())) {
-      const std::string name = entry->d_name;
-      if (name == "." || name == "..") continue;
-      if (RemoveRecursive(path + "/" + name) != 0) result = -1;
-    }
-  }
-  if (rmdir(path.c_str()) != 0) result = -1;
-  return result;
-}
 
 }  // namespace
 
@@ -67,7 +36,7 @@ void SqliteRemoveSignatureFunction(sqlite3_context* context, int argc, sqlite3_v
     const char* sign_dir = static_cast<const char*>(sqlite3_user_data(context));
     if (node != 0 && sign_dir != nullptr) {
       // A signature that is not there is as good as removed.
-      RemoveRecursive(std::string(sign_dir) + "/" + SignatureRelativePath(node));
+      RemovePath(std::string(sign_dir) + "/" + SignatureRelativePath(node));
     }
   }
   sqlite3_result_int(context, 0);

@@ -9,18 +9,13 @@
 
 #include "db/client-updater-util.h"
 #include "log/log.h"
+#include "sdk/fslib/fslib.h"
 
 namespace {
 
 const char kComponent[] = "filter_db_util_debug";
 
 using ull = unsigned long long;
-
-// True when something exists at `path`; an empty path does not exist.
-bool PathExists(const std::string& path) {
-  struct stat st;
-  return !path.empty() && stat(path.c_str(), &st) == 0;
-}
 
 #define FILTER_KEY(name, type, section, field) {name, type, offsetof(section, field)}
 
