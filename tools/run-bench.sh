@@ -9,3 +9,7 @@ while IFS= read -r b; do
   "$b" --benchmark_counters_tabular=true
 done < <(find "$build/bench" -path '*/CMakeFiles' -prune -o -type f -executable -print | sort)
 [ $found -eq 1 ] || echo "no benchmarks built"
+
+# The daemon's idle footprint: resident memory and CPU over an idle minute.
+echo "== bench/monitor/idle.sh"
+bench/monitor/idle.sh "$build"
