@@ -414,6 +414,16 @@ void AppendText(const char* name, const std::string& value, std::string* out) {
   AppendQuoted(value, out);
 }
 
+// "offset", "length" and "path" of a binary or binary_ex.
+template <typename Range>
+void AppendFileRange(const Range& r, std::string* out) {
+  AppendUnsigned("offset", r.offset, out);
+  out->append(", ");
+  AppendUnsigned("length", r.length, out);
+  out->append(", ");
+  AppendText("path", r.path, out);
+}
+
 void AppendJson(const PObject& value, std::string* out) {
   switch (value.GetType()) {
     case PObject::kNull:
@@ -454,25 +464,15 @@ void AppendJson(const PObject& value, std::string* out) {
       AppendUnsigned("data_length", value.AsBuffer().length, out);
       out->push_back('}');
       return;
-    case PObject::kBinary: {
-      const PObject::binary_type& b = value.AsBinary();
+    case PObject::kBinary:
       out->push_back('{');
-      AppendUnsigned("offset", b.offset, out);
-      out->append(", ");
-      AppendUnsigned("length", b.length, out);
-      out->append(", ");
-      AppendText("path", b.path, out);
+      AppendFileRange(value.AsBinary(), out);
       out->push_back('}');
       return;
-    }
     case PObject::kBinaryEx: {
       const PObject::binary_ex_type& b = value.AsBinaryEx();
       out->push_back('{');
-      AppendUnsigned("offset", b.offset, out);
-      out->append(", ");
-      AppendUnsigned("length", b.length, out);
-      out->append(", ");
-      AppendText("path", b.path, out);
+      AppendFileRange(b, out);
       out->append(", ");
       AppendText("send_hash", b.send_hash, out);
       out->append(", ");
