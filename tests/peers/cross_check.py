@@ -87,7 +87,15 @@ def exchange(path, data, half_close=False):
     """Sends raw bytes, returns every byte of the answer."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
         s.settimeout(30)
-        s.connect(path)
+        # The file appears at bind, a moment before the peer listens.
+        for attempt in range(500):
+            try:
+                s.connect(path)
+                break
+            except (ConnectionRefusedError, FileNotFoundError):
+                if attempt == 499:
+                    raise
+                time.sleep(0.01)
         s.sendall(data)
         if half_close:
             s.shutdown(socket.SHUT_WR)
