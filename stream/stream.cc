@@ -663,8 +663,11 @@ int PStream::ReadKey(uint8_t tag, std::string* key) {
   return rc;
 }
 
-int PStream::ReadMap(PObject* target) {
-  PObject::map_type& members = target->MutableMap();
+// Reads the members of a map or a binary_ex up to its end marker: each key
+// is pushed on the key path while `read_member(key)` decodes its value.
+// The opening "{" is dumped here; the caller dumps the closing "}".
+template <typename ReadMember>
+int PStream::ReadMembers(ReadMember read_member) {
   if (dump_) LOG_DEBUG(kComponent, "%s{", Indent());
   int rc = EnterContainer();
   if (rc != kOk) return rc;
@@ -676,14 +679,22 @@ int PStream::ReadMap(PObject* target) {
     if (tag == kTagEnd) break;
     rc = ReadKey(tag, &key);
     if (rc != kOk) return rc;
-    // A repeated key decodes into the member the first one made.
-    auto it = members.try_emplace(key).first;
     key_path_.push_back(key);
-    rc = ReadTaggedValue(&it->second);
+    rc = read_member(key);
     if (rc != kOk) return rc;
     key_path_.pop_back();
   }
   --depth_;
+  return kOk;
+}
+
+int PStream::ReadMap(PObject* target) {
+  PObject::map_type& members = target->MutableMap();
+  int rc = ReadMembers([&](const std::string& key) -> int {
+    // A repeated key decodes into the member the first one made.
+    return ReadTaggedValue(&members.try_emplace(key).first->second);
+  });
+  if (rc != kOk) return rc;
   if (dump_) LOG_DEBUG(kComponent, "%s}", Indent());
   return kOk;
 }
@@ -693,23 +704,12 @@ int PStream::ReadBinaryEx(PObject* target) {
   const std::string algo = ex.hash_algo.empty() ? default_hash_algo_ : ex.hash_algo;
   HashAlgoScope scope(&binary_hash_algo_, algo);
   last_hash_.clear();
-  if (dump_) LOG_DEBUG(kComponent, "%s{", Indent());
-  int rc = EnterContainer();
-  if (rc != kOk) return rc;
-  std::string key;
-  for (;;) {
-    uint8_t tag;
-    rc = ReadTag(&tag);
-    if (rc != kOk) return rc;
-    if (tag == kTagEnd) break;
-    rc = ReadKey(tag, &key);
-    if (rc != kOk) return rc;
-    key_path_.push_back(key);
+  int rc = ReadMembers([&](const std::string& key) -> int {
     // The file lands where the target says, when it names a place.
     PObject member;
     if (key == "binary") member = PObject::binary_type{ex.offset, 0, ex.path};
-    rc = ReadTaggedValue(&member);
-    if (rc != kOk) {
+    int member_rc = ReadTaggedValue(&member);
+    if (member_rc != kOk) {
       // A partial file without its digest is of no use: it goes.
       std::string partial = member.IsBinary()     ? member.AsBinary().path
                             : member.IsBinaryEx() ? member.AsBinaryEx().path
@@ -718,7 +718,7 @@ int PStream::ReadBinaryEx(PObject* target) {
           unlink(partial.c_str()) != 0 && errno != ENOENT) {
         LOG_ERROR(kComponent, "unlink: %s (%d)", strerror(errno), errno);
       }
-      return rc;
+      return member_rc;
     }
     if (key == "binary" && member.IsBinary()) {
       const PObject::binary_type& b = member.AsBinary();
@@ -735,9 +735,9 @@ int PStream::ReadBinaryEx(PObject* target) {
       ex.send_hash = member.AsString();
       if (dump_) LOG_DEBUG(kComponent, "%ssender provide binary hash '%s'.", Indent(), ex.send_hash.c_str());
     }
-    key_path_.pop_back();
-  }
-  --depth_;
+    return kOk;
+  });
+  if (rc != kOk) return rc;
   if (dump_) {
     LOG_DEBUG(kComponent, "%s}", Indent());
     LOG_DEBUG(kComponent, "%sbinary with hash has been stored at '%s' with length %llu", Indent(),

@@ -172,6 +172,8 @@ class PStream {
   int ReadStringBody(std::string* text);
   int ReadBuffer(PObject* target);
   int ReadArray(PObject* target);
+  template <typename ReadMember>
+  int ReadMembers(ReadMember read_member);
   int ReadMap(PObject* target);
   int ReadKey(uint8_t tag, std::string* key);
   int ReadBinary(PObject* target);
