@@ -11,6 +11,7 @@
 
 #include "gtest/gtest.h"
 #include "log/logger.h"
+#include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
 
 // Sends every message of the database components to a file in `dir`.
@@ -36,18 +37,6 @@ class LogCapture {
   std::string path_;
 };
 
-// Runs a shell command; returns its standard output and sets `status`.
-inline std::string RunCommand(const std::string& command, int* status = nullptr) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (p == nullptr) return out;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
-  int rc = pclose(p);
-  if (status != nullptr) *status = rc;
-  return out;
-}
 
 inline std::string ShellQuote(const std::string& s) {
   std::string q = "'";

@@ -220,7 +220,7 @@ TEST(ChannelTest, ResumedTransferBehindAHeaderOverASocketPair) {
   const uint64_t offset = 1000003;  // not page-aligned
   MakeFile(src, size, 7);
   // The receiver already holds the first `offset` bytes.
-  net_io_test::Shell("head -c " + std::to_string(offset) + " '" + src + "' > '" + dst + "'");
+  RunCommand("head -c " + std::to_string(offset) + " '" + src + "' > '" + dst + "'");
 
   Pair p;
   int in = open(src.c_str(), O_RDONLY);

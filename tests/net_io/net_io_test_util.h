@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/common/shell.h"
+
 namespace net_io_test {
 
 // Tests write to peers that may have gone; the daemon ignores SIGPIPE too.
@@ -124,25 +126,13 @@ class ChildProcess {
   bool reaped_ = false;
 };
 
-// Runs a shell command; returns its standard output.
-inline std::string Shell(const std::string& command, int* status = nullptr) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (p == nullptr) return out;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
-  int rc = pclose(p);
-  if (status != nullptr) *status = rc;
-  return out;
-}
 
 // SHA-256 of bytes [offset, offset + length) of a file, by the sha256sum tool.
 inline std::string Sha256Of(const std::string& path, unsigned long long offset = 0,
                             long long length = -1) {
   std::string cmd = "tail -c +" + std::to_string(offset + 1) + " '" + path + "'";
   if (length >= 0) cmd += " | head -c " + std::to_string(length);
-  std::string out = Shell(cmd + " | sha256sum");
+  std::string out = RunCommand(cmd + " | sha256sum");
   return out.substr(0, 64);
 }
 

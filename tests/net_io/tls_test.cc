@@ -28,7 +28,6 @@ namespace {
 const bool kSigpipeIgnored = net_io_test::IgnoreSigpipe();
 
 using net_io_test::ChildProcess;
-using net_io_test::Shell;
 
 // An `openssl s_server -rev` on 127.0.0.1 with one certificate: it answers
 // each line with the line reversed.
@@ -52,7 +51,7 @@ class TlsTest : public ::testing::Test {
                                                                 : ".") +
                          "/tests/net_io/make_certs.sh";
     int status = 0;
-    Shell("sh '" + script + "' '" + dir_->path() + "'", &status);
+    RunCommand("sh '" + script + "' '" + dir_->path() + "'", &status);
     certs_ok_ = status == 0;
     for (const char* name : {"server", "wild", "cnonly", "self"}) {
       servers_[name] = new TlsServer(dir_->path(), name);
@@ -82,7 +81,7 @@ class TlsTest : public ::testing::Test {
   // The signature block that `openssl x509 -text` prints, without blanks
   // and newlines.
   static std::string SignatureOf(const std::string& cert) {
-    std::string text = Shell("openssl x509 -noout -text -in '" + Cert(cert) + "'");
+    std::string text = RunCommand("openssl x509 -noout -text -in '" + Cert(cert) + "'");
     size_t at = text.rfind("Signature Value:");
     if (at == std::string::npos) return "";
     std::string block = text.substr(at + strlen("Signature Value:"));
@@ -94,7 +93,7 @@ class TlsTest : public ::testing::Test {
 
   // `openssl x509 -fingerprint -sha256` in lower case without colons.
   static std::string FingerprintOf(const std::string& cert) {
-    std::string out = Shell("openssl x509 -noout -fingerprint -sha256 -in '" + Cert(cert) + "'");
+    std::string out = RunCommand("openssl x509 -noout -fingerprint -sha256 -in '" + Cert(cert) + "'");
     std::string hex = out.substr(out.find('=') + 1);
     std::string result;
     for (char c : hex) {
