@@ -17,3 +17,13 @@ int MonitorDaemon::HandleErrorNotification(const PObject& request, PObject* /*re
             static_cast<int>(request.Lookup("error_type").AsInteger()));
   return 0;
 }
+
+// The notification and the error handler arrive with the error handling;
+// until then an error is only logged.
+int MonitorDaemon::HandleError(const ConnectionEntry& connection, const SessionInfo& session,
+                               int code, const ConnectionEntry* /*previous*/) {
+  LOG_DEBUG(kComponent, "error %d: conn %llu sess %llu", code,
+            static_cast<unsigned long long>(connection.id),
+            static_cast<unsigned long long>(session.id));
+  return 0;
+}

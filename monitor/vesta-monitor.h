@@ -24,6 +24,7 @@
 #include <memory>
 #include <string>
 
+#include "db/records.h"
 #include "monitor/daemon.h"
 
 class Channel;
@@ -85,6 +86,16 @@ class MonitorDaemon : public Daemon {
   // share events.
   int HandleErrorNotification(const PObject& request, PObject* reply);
   int HandleShareHook(const PObject& request, PObject* reply);
+
+  // Turns monitor error `code` into a desktop notification (only for a new
+  // error: both stored errors 0) and passes it to a fresh error handler.
+  // `session` may be empty (id 0).  `previous` is the connection as stored
+  // before the change, given only by the status monitor for codes 16 and
+  // 36; nullptr everywhere else.  Called from the main thread and from the
+  // status thread (which holds state_mutex meanwhile); keeps no state.
+  // Returns the error handler's result.
+  int HandleError(const ConnectionEntry& connection, const SessionInfo& session, int code,
+                  const ConnectionEntry* previous);
 
   // Rebuilds the share-listing schedule from the system database, keeping
   // the last-listed time of connections that stay.  Takes state_mutex.
