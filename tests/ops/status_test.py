@@ -75,19 +75,12 @@ class StatusTest(unittest.TestCase):
 
     def test_every_value_in_words(self):
         lines = [json.loads(line) for line in self.status("--json").splitlines()]
-        connections, sessions = {}, {}
-        for c in lines:
-            if not c.get("missing"):
-                connections[c["error"]] = (c["error_words"], c["status"], c["status_words"])
-            for s in c["sessions"]:
-                sessions[s["error"]] = (s["error_words"], s["status"], s["status_words"])
-        for values, status_words, found in (
-                (CONNECTION_ERRORS, CONNECTION_STATUS, connections),
-                (SESSION_ERRORS, SESSION_STATUS, sessions)):
-            self.assertEqual({e: w for e, w in values.items()},
-                             {e: f[0] for e, f in found.items()})
-            self.assertEqual({f[1]: status_words[f[1]] for f in found.values()},
-                             {f[1]: f[2] for f in found.values()})
+        connections = [c for c in lines if not c.get("missing")]
+        sessions = [s for c in lines for s in c["sessions"]]
+        for rows, errors, statuses in ((connections, CONNECTION_ERRORS, CONNECTION_STATUS),
+                                       (sessions, SESSION_ERRORS, SESSION_STATUS)):
+            self.assertEqual(errors, {r["error"]: r["error_words"] for r in rows})
+            self.assertEqual(statuses, {r["status"]: r["status_words"] for r in rows})
         self.assertEqual([99], [c["id"] for c in lines if c.get("missing")])
 
         text = self.status().splitlines()
