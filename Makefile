@@ -3,8 +3,12 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
+# Where `make install` puts the programs; DESTDIR stages the whole tree
+# (make install DESTDIR=/tmp/stage PREFIX=/usr).
+PREFIX ?= /usr/local
+DESTDIR ?=
 
-.PHONY: setup build test run bench fuzz check-sanitize clean
+.PHONY: setup build test run install bench fuzz check-sanitize clean
 
 setup:
 	@tools/setup.sh
@@ -20,6 +24,13 @@ test: build
 
 run: build
 	tools/run-sandbox.sh $(BUILD)
+
+# The prefix is set at configure time because the systemd unit and the man
+# page name the installed paths; only the two programs are built.
+install: setup
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build $(BUILD) -j $(JOBS) --target vesta-monitor vesta-monitorctl
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix $(PREFIX)
 
 bench: setup
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release

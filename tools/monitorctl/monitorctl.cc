@@ -11,19 +11,25 @@
 #include "ipc/ipc.h"
 #include "json/json.h"
 #include "stream/PObject.h"
+#include "tools/monitorctl/status.h"
 
 namespace {
 
 const char kDefaultSocket[] = "/tmp/tarn-monitor.sock";
+// The daemon's default system_db_path; like it, never moved under VESTA_ROOT.
+const char kDefaultSystemDb[] = "/tmp/vesta-system-db.sqlite";
 
 const char kUsage[] =
     "usage: vesta-monitorctl [--socket PATH] COMMAND\n"
+    "       vesta-monitorctl status [--db PATH] [--json]\n"
     "  stop                           stop the monitor\n"
     "  fast-monitor                   list shares every 10 s for 30 s\n"
     "  refresh-session CONN           list connection CONN soon\n"
     "  notify-error CONN SESS TYPE    report a sync-daemon error\n"
     "  share-hook NAME TYPE [RESULT]  report a shared-folder event\n"
-    "  send JSON                      send any request (a JSON object)\n";
+    "  send JSON                      send any request (a JSON object)\n"
+    "  status [--db PATH] [--json]    show the stored connections and sessions\n"
+    "                                 (read-only; default /tmp/vesta-system-db.sqlite)\n";
 
 // JSON to PObject: integers and strings as they are, true/false as 1/0,
 // arrays and objects recursively; null stays null.  Fractions are refused.
@@ -139,6 +145,23 @@ bool BuildRequest(const std::vector<std::string>& args, PObject* request) {
   return true;
 }
 
+// status [--db PATH] [--json]: reads the system database, not the socket.
+// -1 for a bad command line, else the exit status.
+int RunStatus(const std::vector<std::string>& args) {
+  std::string db_path = kDefaultSystemDb;
+  bool json = false;
+  for (size_t i = 1; i < args.size(); ++i) {
+    if (args[i] == "--db" && i + 1 < args.size()) {
+      db_path = args[++i];
+    } else if (args[i] == "--json") {
+      json = true;
+    } else {
+      return -1;
+    }
+  }
+  return PrintStoredStatus(db_path, json);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -150,6 +173,12 @@ int main(int argc, char** argv) {
     } else {
       args.push_back(argv[i]);
     }
+  }
+  if (!args.empty() && args[0] == "status") {
+    const int status = RunStatus(args);
+    if (status >= 0) return status;
+    fputs(kUsage, stderr);
+    return 2;
   }
   PObject request;
   if (args.empty() || !BuildRequest(args, &request)) {
