@@ -201,7 +201,22 @@ int ProtoUI::Exchange(uint8_t command, const PObject& request, PObject* reply) {
     return -1;
   }
   PObject sent = request;
-  PObject& proto = sent[kProtoKey];
+  AddProtoMap(&sent);
+  PStream stream;
+  RefuseFiles(&stream);
+  rc = stream.Send(channel_.get(), sent);
+  if (rc != 0) {
+    SetStreamError(rc, "stream error while sending request");
+    return -1;
+  }
+  if (ReadAnswer(&stream, action, reply) != 0) return -1;
+  LOG_DEBUG(kComponent, "end %s protocol and response is %s", action.c_str(),
+            ToJson(*reply).c_str());
+  return 0;
+}
+
+void ProtoUI::AddProtoMap(PObject* request) const {
+  PObject& proto = (*request)[kProtoKey];
   proto["type"] = kProtoType;
   proto["date"] = static_cast<int64_t>(time(nullptr));
   proto["version"]["major"] = kProtoMapMajor;
@@ -213,16 +228,13 @@ int ProtoUI::Exchange(uint8_t command, const PObject& request, PObject* reply) {
     forward["port"] = forward_port_;
     forward["proto"] = forward_proto_;
   }
-  PStream stream;
-  RefuseFiles(&stream);
-  rc = stream.Send(channel_.get(), sent);
-  if (rc != 0) {
-    SetStreamError(rc, "stream error while sending request");
-    return -1;
-  }
+}
+
+// The first reply that is not a keep-alive.  It must be a map.
+int ProtoUI::ReadAnswer(PStream* stream, const std::string& action, PObject* reply) {
   for (;;) {
     PObject answer;  // fresh each time: Recv merges into a map it is given
-    rc = stream.Recv(channel_.get(), &answer);
+    int rc = stream->Recv(channel_.get(), &answer);
     if (rc != 0) {
       SetStreamError(rc, "stream error while receiving response");
       return -1;
@@ -237,8 +249,6 @@ int ProtoUI::Exchange(uint8_t command, const PObject& request, PObject* reply) {
       SetStreamError(PStream::kErrMalformed, "stream error while receiving response");
       return -1;
     }
-    LOG_DEBUG(kComponent, "end %s protocol and response is %s", action.c_str(),
-              ToJson(answer).c_str());
     *reply = std::move(answer);
     return 0;
   }

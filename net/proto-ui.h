@@ -54,6 +54,7 @@
 #include "stream/PObject.h"
 
 class Channel;
+class PStream;
 
 // What query_server_info tells about the server.
 struct ServerInfo {
@@ -178,6 +179,8 @@ class ProtoUI {
   bool AddSignatureLogin(PObject* request) const;
   int RunProtocol(uint8_t command, const PObject& request, PObject* reply);
   int Exchange(uint8_t command, const PObject& request, PObject* reply);
+  void AddProtoMap(PObject* request) const;
+  int ReadAnswer(PStream* stream, const std::string& action, PObject* reply);
   int Connect();
   static int SendHeader(Channel* channel, uint8_t version, uint8_t command);
   int EncryptChannel(Channel* channel);
