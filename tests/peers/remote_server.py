@@ -59,7 +59,6 @@ Usage: remote_server.py [--host H] [--port N] [--unix PATH] [--cert FILE]
 
 import argparse
 import os
-import signal
 import socket
 import ssl
 import struct
@@ -68,7 +67,8 @@ import threading
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import pstream  # noqa: E402  (the shared wire codec)
-from peer_script import load_script, record, to_json  # noqa: E402
+from peer_script import (exit_on_signals, listen_unix, load_script, record,  # noqa: E402
+                         to_json, write_ready)
 
 MAGIC = 0x25521814
 VERSION = 70
@@ -177,28 +177,10 @@ def main():
     tcp.bind((args.host, args.port))
     tcp.listen(16)
     if args.unix:
-        if os.path.exists(args.unix):
-            os.unlink(args.unix)
-        unix = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        unix.bind(args.unix)
-        unix.listen(16)
+        unix = listen_unix(args.unix)
         threading.Thread(target=accept_loop, args=(unix, args, True), daemon=True).start()
-
-    def stop(_signo, _frame):
-        if args.unix:
-            try:
-                os.unlink(args.unix)
-            except OSError:
-                pass
-        os._exit(0)
-
-    signal.signal(signal.SIGTERM, stop)
-    signal.signal(signal.SIGINT, stop)
-    if args.ready:
-        tmp = args.ready + ".tmp"
-        with open(tmp, "w") as f:
-            f.write("%d\n" % tcp.getsockname()[1])
-        os.rename(tmp, args.ready)
+    exit_on_signals(args.unix)
+    write_ready(args.ready, "%d\n" % tcp.getsockname()[1])
     accept_loop(tcp, args, False)
 
 

@@ -28,13 +28,12 @@ Usage: sync_daemon.py [--socket PATH] [--record FILE] [--script FILE]
 
 import argparse
 import os
-import signal
-import socket
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import pstream  # noqa: E402  (the shared wire codec)
-from peer_script import load_script, record, to_json  # noqa: E402
+from peer_script import (exit_on_signals, listen_unix, load_script, record,  # noqa: E402
+                         to_json, write_ready)
 
 
 def default_socket_path():
@@ -73,26 +72,9 @@ def main():
     p.add_argument("--ready", default="", help="file created once listening")
     args = p.parse_args()
 
-    os.makedirs(os.path.dirname(args.socket) or ".", exist_ok=True)
-    if os.path.exists(args.socket):
-        os.unlink(args.socket)
-    server = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    server.bind(args.socket)
-    server.listen(16)
-
-    def stop(_signo, _frame):
-        server.close()
-        try:
-            os.unlink(args.socket)
-        except OSError:
-            pass
-        sys.exit(0)
-
-    signal.signal(signal.SIGTERM, stop)
-    signal.signal(signal.SIGINT, stop)
-    if args.ready:
-        with open(args.ready, "w") as f:
-            f.write(str(os.getpid()))
+    server = listen_unix(args.socket)
+    exit_on_signals(args.socket)
+    write_ready(args.ready, str(os.getpid()))
     while True:
         conn, _ = server.accept()
         serve_one(conn, args)
