@@ -14,9 +14,6 @@
 namespace cat {
 namespace {
 
-struct BioDeleter {
-  void operator()(BIO* bio) const { BIO_free(bio); }
-};
 struct GeneralNamesDeleter {
   void operator()(GENERAL_NAMES* names) const { GENERAL_NAMES_free(names); }
 };
@@ -79,7 +76,7 @@ std::string SignatureText(X509* cert) {
   const ASN1_BIT_STRING* signature = nullptr;
   const X509_ALGOR* algorithm = nullptr;
   X509_get0_signature(&signature, &algorithm, cert);
-  std::unique_ptr<BIO, BioDeleter> mem(BIO_new(BIO_s_mem()));
+  BioPtr mem(BIO_new(BIO_s_mem()));
   if (signature == nullptr || mem == nullptr ||
       X509_signature_dump(mem.get(), signature, 0) <= 0) {
     return std::string();

@@ -34,9 +34,13 @@ struct SslDeleter {
 struct X509Deleter {
   void operator()(X509* cert) const { X509_free(cert); }
 };
+struct BioDeleter {
+  void operator()(BIO* bio) const { BIO_free(bio); }
+};
 using SslCtxPtr = std::unique_ptr<SSL_CTX, SslCtxDeleter>;
 using SslPtr = std::unique_ptr<SSL, SslDeleter>;
 using X509Ptr = std::unique_ptr<X509, X509Deleter>;
+using BioPtr = std::unique_ptr<BIO, BioDeleter>;
 
 // Whether certificate name `pattern` covers `host` (case-insensitive): a
 // name without a leading "*" must equal the host; "*" plus at least one

@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -126,6 +128,42 @@ class ChildProcess {
   bool reaped_ = false;
 };
 
+// A file of the source tree, by its path from the root.
+inline std::string SourcePath(const std::string& relative) {
+  const char* root = getenv("VESTA_SOURCE_DIR");
+  return std::string(root != nullptr ? root : ".") + "/" + relative;
+}
+
+// Makes the test certificates of make_certs.sh in `dir`; true on success.
+inline bool MakeCerts(const std::string& dir) {
+  int status = 0;
+  RunCommand("sh '" + SourcePath("tests/net_io/make_certs.sh") + "' '" + dir + "'", &status);
+  return status == 0;
+}
+
+// The signature block that `openssl x509 -text` prints for the certificate
+// file `cert`, without blanks and newlines.
+inline std::string CertSignature(const std::string& cert) {
+  std::string text = RunCommand("openssl x509 -noout -text -in '" + cert + "'");
+  const std::string label = "Signature Value:";
+  size_t at = text.rfind(label);
+  if (at == std::string::npos) return "";
+  std::string block = text.substr(at + label.size());
+  block.erase(std::remove_if(block.begin(), block.end(),
+                             [](char c) { return isspace(static_cast<unsigned char>(c)); }),
+              block.end());
+  return block;
+}
+
+// `openssl x509 -fingerprint -sha256` of `cert` in lower case without colons.
+inline std::string CertFingerprint(const std::string& cert) {
+  std::string out = RunCommand("openssl x509 -noout -fingerprint -sha256 -in '" + cert + "'");
+  std::string result;
+  for (char c : out.substr(out.find('=') + 1)) {
+    if (isxdigit(static_cast<unsigned char>(c))) result += static_cast<char>(tolower(c));
+  }
+  return result;
+}
 
 // SHA-256 of bytes [offset, offset + length) of a file, by the sha256sum tool.
 inline std::string Sha256Of(const std::string& path, unsigned long long offset = 0,

@@ -47,12 +47,7 @@ class TlsTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new TempDir();
-    std::string script = std::string(getenv("VESTA_SOURCE_DIR") ? getenv("VESTA_SOURCE_DIR")
-                                                                : ".") +
-                         "/tests/net_io/make_certs.sh";
-    int status = 0;
-    RunCommand("sh '" + script + "' '" + dir_->path() + "'", &status);
-    certs_ok_ = status == 0;
+    certs_ok_ = net_io_test::MakeCerts(dir_->path());
     for (const char* name : {"server", "wild", "cnonly", "self"}) {
       servers_[name] = new TlsServer(dir_->path(), name);
     }
@@ -78,28 +73,11 @@ class TlsTest : public ::testing::Test {
     return ch->ConvertToSSLChannel(false);
   }
 
-  // The signature block that `openssl x509 -text` prints, without blanks
-  // and newlines.
   static std::string SignatureOf(const std::string& cert) {
-    std::string text = RunCommand("openssl x509 -noout -text -in '" + Cert(cert) + "'");
-    size_t at = text.rfind("Signature Value:");
-    if (at == std::string::npos) return "";
-    std::string block = text.substr(at + strlen("Signature Value:"));
-    block.erase(std::remove_if(block.begin(), block.end(),
-                               [](char c) { return isspace(static_cast<unsigned char>(c)); }),
-                block.end());
-    return block;
+    return net_io_test::CertSignature(Cert(cert));
   }
-
-  // `openssl x509 -fingerprint -sha256` in lower case without colons.
   static std::string FingerprintOf(const std::string& cert) {
-    std::string out = RunCommand("openssl x509 -noout -fingerprint -sha256 -in '" + Cert(cert) + "'");
-    std::string hex = out.substr(out.find('=') + 1);
-    std::string result;
-    for (char c : hex) {
-      if (isxdigit(static_cast<unsigned char>(c))) result += static_cast<char>(tolower(c));
-    }
-    return result;
+    return net_io_test::CertFingerprint(Cert(cert));
   }
 
   static TempDir* dir_;

@@ -27,30 +27,18 @@ Usage: sync_daemon.py [--socket PATH] [--record FILE] [--script FILE]
 """
 
 import argparse
-import json
 import os
-import signal
-import socket
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import pstream  # noqa: E402  (the shared wire codec)
+from peer_script import (exit_on_signals, listen_unix, load_script, record,  # noqa: E402
+                         to_json, write_ready)
 
 
 def default_socket_path():
     root = os.environ.get("VESTA_ROOT", "")
     return (root + "/tmp/tarn.sock") if root else "/tmp/tarn.sock"
-
-
-def load_script(path):
-    if not path:
-        return {}
-    try:
-        with open(path, encoding="utf-8") as f:
-            return json.load(f)
-    except (OSError, ValueError) as e:
-        print("sync_daemon: bad script %s: %s" % (path, e), file=sys.stderr)
-        return {}
 
 
 def reply_for(script, action):
@@ -60,39 +48,20 @@ def reply_for(script, action):
     return replies.get("*", {})
 
 
-def to_json(value):
-    """PObject values as the codec returns them, made JSON-friendly."""
-    if isinstance(value, dict):
-        return {k: to_json(v) for k, v in value.items()}
-    if isinstance(value, list):
-        return [to_json(v) for v in value]
-    if isinstance(value, (bytes, bytearray)):
-        return {"buffer": value.hex()}
-    return value
-
-
 def serve_one(conn, args):
     with conn:
         conn.settimeout(10)
         try:
             request = pstream.recv_value(conn)
         except Exception as e:  # a client that sent garbage: record and drop
-            record(args, {"bad_request": str(e)})
+            record(args.record, {"bad_request": str(e)})
             return
-        record(args, {"request": to_json(request)})
-        script = load_script(args.script)
+        record(args.record, {"request": to_json(request)})
+        script = load_script(args.script, "sync_daemon")
         action = request.get("action", "") if isinstance(request, dict) else ""
         if action in script.get("close", []):
             return
         pstream.send_value(conn, reply_for(script, action))
-
-
-def record(args, entry):
-    if not args.record:
-        return
-    with open(args.record, "a", encoding="utf-8") as f:
-        f.write(json.dumps(entry) + "\n")
-        f.flush()
 
 
 def main():
@@ -103,26 +72,9 @@ def main():
     p.add_argument("--ready", default="", help="file created once listening")
     args = p.parse_args()
 
-    os.makedirs(os.path.dirname(args.socket) or ".", exist_ok=True)
-    if os.path.exists(args.socket):
-        os.unlink(args.socket)
-    server = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    server.bind(args.socket)
-    server.listen(16)
-
-    def stop(_signo, _frame):
-        server.close()
-        try:
-            os.unlink(args.socket)
-        except OSError:
-            pass
-        sys.exit(0)
-
-    signal.signal(signal.SIGTERM, stop)
-    signal.signal(signal.SIGINT, stop)
-    if args.ready:
-        with open(args.ready, "w") as f:
-            f.write(str(os.getpid()))
+    server = listen_unix(args.socket)
+    exit_on_signals(args.socket)
+    write_ready(args.ready, str(os.getpid()))
     while True:
         conn, _ = server.accept()
         serve_one(conn, args)

@@ -1,0 +1,188 @@
+#!/usr/bin/env python3
+"""A simulated remote storage server for tests and the sandbox.
+
+Speaks the server side of the request protocol: on each connection it reads
+the 8-byte header (magic 0x25521814, protocol version 70, command, payload
+length; big-endian), then one request map, records it and answers by a
+script.  After answering `encrypt_channel` it switches the same connection
+to TLS (server side, with --cert/--key) and reads the next header.
+Standard library only; the wire codec is tests/peers/pstream.py.
+
+Commands: 22 encrypt_channel, 25 query_server_info, 17 query_user_info
+(any other number is recorded and answered like an action named "cmd<N>").
+A header with another magic or version is recorded as {"bad_header": ...}
+and the connection is closed.
+
+Script (a JSON file, read again for every request, so a test may change it
+between requests):
+
+    {"replies": {
+         "query_server_info": {"server_id": "S1",
+                               "package_version": {"major": 3, "minor": 0,
+                                                   "build": 12700}},
+         "query_user_info": {"uid": 1026, "view_list": [
+             {"view_id": 7, "name": "team", "privilege": "read-write"}]},
+         "*": {}},
+     "keep_alive": {"query_user_info": 2},
+     "close_after_header": ["query_server_info"]}
+
+"replies" maps an action to the reply value ("*" for any other action;
+without either the reply is an empty map).  A reply may be any JSON value,
+sent as it stands: a map, or a text, number or list for a reply that is no
+map.  An error reply is an ordinary map: {"error": {"code": 28680,
+"reason": "denied"}} (codes in decimal).  A JSON object {"$binary": TEXT}
+anywhere in a reply is sent as a binary (file content TEXT in UTF-8).
+"keep_alive" sends that many {"type": "keep_alive"} replies before the
+answer.  Actions in "close_after_header" get nothing: the server ends its
+side of the connection right after their header, without reading the
+request (the rest is drained so the client sees an orderly end).
+
+Record: one JSON line per request,
+    {"command": 25, "tls": true, "unix": false, "request": {...}}
+with integers as JSON numbers and strings as JSON strings, so a reader sees
+the types the client sent (keys as they travel: "_action" arrives as
+"action").  A request that cannot be decoded is recorded as
+{"bad_request": TEXT}; a failed TLS switch as {"tls_error": TEXT}.
+
+Listening: TCP on --host (default 127.0.0.1) and --port (0 picks a free
+port), and also on the UNIX socket --unix PATH when given (for "unix:"
+addresses; no TLS is offered there).  --cert and --key name the PEM
+certificate chain and key of the TLS switch (tests make them with the
+openssl command line, e.g. tests/net_io/make_certs.sh); without them an
+encrypt_channel request is answered and the connection then closed.
+--ready FILE is written once listening, holding the TCP port number.
+
+Usage: remote_server.py [--host H] [--port N] [--unix PATH] [--cert FILE]
+                        [--key FILE] [--script FILE] [--record FILE]
+                        [--ready FILE]
+"""
+
+import argparse
+import os
+import socket
+import ssl
+import struct
+import sys
+import threading
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import pstream  # noqa: E402  (the shared wire codec)
+from peer_script import (exit_on_signals, listen_unix, load_script, record,  # noqa: E402
+                         to_json, write_ready)
+
+MAGIC = 0x25521814
+VERSION = 70
+HEADER = struct.Struct(">IBBH")
+COMMANDS = {22: "encrypt_channel", 25: "query_server_info", 17: "query_user_info"}
+
+
+def from_json(value):
+    """A scripted reply as a wire value ({"$binary": TEXT} as a file)."""
+    if isinstance(value, dict):
+        if list(value) == ["$binary"]:
+            return pstream.Binary(value["$binary"].encode("utf-8"))
+        return {k: from_json(v) for k, v in value.items()}
+    if isinstance(value, list):
+        return [from_json(v) for v in value]
+    return value
+
+
+def read_exact(conn, n):
+    data = b""
+    while len(data) < n:
+        chunk = conn.recv(n - len(data))
+        if not chunk:
+            return None
+        data += chunk
+    return data
+
+
+def serve_one(conn, args, is_unix):
+    """Header, request, reply; again after a TLS switch, until the client
+    closes."""
+    tls = False
+    try:
+        conn.settimeout(30)
+        while True:
+            raw = read_exact(conn, HEADER.size)
+            if raw is None:
+                return
+            magic, version, command, _length = HEADER.unpack(raw)
+            if magic != MAGIC or version != VERSION:
+                record(args.record, {"bad_header": raw.hex()})
+                return
+            action = COMMANDS.get(command, "cmd%d" % command)
+            script = load_script(args.script, "remote_server")
+            if action in script.get("close_after_header", []):
+                # End our side at once but take in what the client still
+                # sends, so its request never meets a reset connection.
+                conn.shutdown(socket.SHUT_WR)
+                while conn.recv(65536):
+                    pass
+                return
+            try:
+                request = pstream.recv_value(conn)
+            except Exception as e:  # garbage from the client: record, drop
+                record(args.record, {"bad_request": str(e)})
+                return
+            record(args.record, {"command": command, "tls": tls, "unix": is_unix,
+                                 "request": to_json(request)})
+            for _ in range(int(script.get("keep_alive", {}).get(action, 0))):
+                pstream.send_value(conn, {"type": "keep_alive"})
+            replies = script.get("replies", {})
+            reply = replies.get(action, replies.get("*", {}))
+            pstream.send_value(conn, from_json(reply))
+            if action == "encrypt_channel":
+                if args.tls is None or is_unix:
+                    return
+                try:
+                    conn = args.tls.wrap_socket(conn, server_side=True)
+                except (ssl.SSLError, OSError) as e:
+                    record(args.record, {"tls_error": str(e)})
+                    return
+                tls = True
+    except OSError:
+        pass
+    finally:
+        conn.close()
+
+
+def accept_loop(server, args, is_unix):
+    while True:
+        try:
+            conn, _ = server.accept()
+        except OSError:
+            return
+        threading.Thread(target=serve_one, args=(conn, args, is_unix), daemon=True).start()
+
+
+def main():
+    p = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    p.add_argument("--host", default="127.0.0.1")
+    p.add_argument("--port", type=int, default=6690)
+    p.add_argument("--unix", default="")
+    p.add_argument("--cert", default="")
+    p.add_argument("--key", default="")
+    p.add_argument("--script", default="")
+    p.add_argument("--record", default="")
+    p.add_argument("--ready", default="", help="file written once listening: the TCP port")
+    args = p.parse_args()
+    args.tls = None
+    if args.cert:
+        args.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        args.tls.load_cert_chain(args.cert, args.key)
+
+    tcp = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    tcp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    tcp.bind((args.host, args.port))
+    tcp.listen(16)
+    if args.unix:
+        unix = listen_unix(args.unix)
+        threading.Thread(target=accept_loop, args=(unix, args, True), daemon=True).start()
+    exit_on_signals(args.unix)
+    write_ready(args.ready, "%d\n" % tcp.getsockname()[1])
+    accept_loop(tcp, args, False)
+
+
+if __name__ == "__main__":
+    main()
