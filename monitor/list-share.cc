@@ -229,8 +229,7 @@ int MonitorDaemon::ListShareConnection(const ListShareScheduleEntry& entry) {
   SetUpProtoUI(connection, &proto);
   UserInfo user;
   if (proto.QueryUserInfo(&user, true) == 0) {
-    UpdateUserInfo(connection, user);
-    ReconcileSessions(connection, StoredViews(user.views));
+    ListShareFrom(connection, user);
     return 0;
   }
   LOG_WARNING(kComponent,
@@ -246,8 +245,9 @@ int MonitorDaemon::ListShareConnection(const ListShareScheduleEntry& entry) {
 
 // Caches and stores the server's views when they changed, then brings each
 // session on one of them in line.  An empty list changes no session.
-void MonitorDaemon::ReconcileSessions(const ConnectionEntry& connection,
-                                      const std::vector<ServerViewEntry>& views) {
+void MonitorDaemon::ListShareFrom(const ConnectionEntry& connection, const UserInfo& user) {
+  UpdateUserInfo(connection, user);
+  const std::vector<ServerViewEntry> views = StoredViews(user.views);
   std::list<SessionInfo> sessions;
   if (SystemDB::getSessionListByConnectionID(&sessions, connection.id) != 0) {
     LOG_ERROR(kComponent, "failed to get session list of connection %llu", Id(connection.id));

@@ -31,6 +31,7 @@
 
 class Channel;
 class PObject;
+struct UserInfo;
 namespace SDK {
 class Notifier;
 }  // namespace SDK
@@ -118,6 +119,10 @@ class MonitorDaemon : public Daemon {
   // the database works.  0, or -1 when the connection or its sessions could
   // not be read.
   int ListShare(const ListShareScheduleEntry& entry);
+  // The rest of a successful listing on the server's answer `user`: the
+  // user-info update, then the server views and the sessions of
+  // `connection`.  Takes view_cache_mutex alone.
+  void ListShareFrom(const ConnectionEntry& connection, const UserInfo& user);
   // Forgets the server views cached for `conn_id`.  Takes view_cache_mutex.
   void EraseServerViews(uint64_t conn_id);
   // The first schedule entry that may be listed and is due at `now`;
@@ -175,8 +180,6 @@ class MonitorDaemon : public Daemon {
   // Stores `views` for `conn_id` unless the cache holds an equal list; true
   // when it stored them.  Takes view_cache_mutex.
   bool CacheServerViews(uint64_t conn_id, const std::vector<ServerViewEntry>& views);
-  void ReconcileSessions(const ConnectionEntry& connection,
-                         const std::vector<ServerViewEntry>& views);
 
   // The status walk and its two checks, with state_mutex held.
   bool WalkStatusLists(std::list<ConnectionStatusEntry>* reported,
