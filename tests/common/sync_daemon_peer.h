@@ -43,6 +43,19 @@ inline std::string MakeVestaRoot(const TempDir& dir) {
   return volume;
 }
 
+// The JSON lines appended to the file at `path` since the last call with
+// the same `seen` (lines already returned).
+inline std::vector<Json::Value> TakeJsonLines(const std::string& path, int* seen) {
+  std::vector<Json::Value> out;
+  std::ifstream in(path);
+  std::string line;
+  for (int n = 0; std::getline(in, line); ++n) {
+    if (n >= *seen) out.push_back(ParseJson(line));
+  }
+  *seen += static_cast<int>(out.size());
+  return out;
+}
+
 class SyncDaemonPeer {
  public:
   // Starts the peer on `root`/tmp/tarn.sock, its files beside it in `root`;
@@ -82,14 +95,9 @@ class SyncDaemonPeer {
   // The requests received since the last call.
   std::vector<Json::Value> TakeRequests() {
     std::vector<Json::Value> out;
-    std::ifstream in(root_.File("record.jsonl"));
-    std::string line;
-    int n = 0;
-    while (std::getline(in, line)) {
-      if (n++ < taken_) continue;
-      out.push_back(ParseJson(line)["request"]);
+    for (const Json::Value& entry : TakeJsonLines(root_.File("record.jsonl"), &taken_)) {
+      out.push_back(entry["request"]);
     }
-    taken_ = n;
     return out;
   }
 
