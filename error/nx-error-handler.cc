@@ -48,6 +48,20 @@ bool LookUp(const StoredError (&table)[N], int code, int* value) {
 
 using ull = unsigned long long;
 
+// What stopping and disabling a session store first: its error for `code`
+// and the stopped status.  0, or -1 at the first failing write.
+int StoreStopped(const SessionInfo& session, int code) {
+  if (SystemDB::setSessionErr(session.id, NXClientErrorHandler::ToSessionError(code)) != 0) {
+    LOG_ERROR(kComponent, "failed to set session error (%llu, %d)", (ull)session.id, code);
+    return -1;
+  }
+  if (SystemDB::setSessionStatus(session.id, kSessionStopped) != 0) {
+    LOG_ERROR(kComponent, "failed to set session status (%llu, stop)", (ull)session.id);
+    return -1;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int NXClientErrorHandler::ToSessionError(int code) {
@@ -97,14 +111,7 @@ int NXClientErrorHandler::PauseSession(const SessionInfo& session, int code) {
 }
 
 int NXClientErrorHandler::StopSession(const SessionInfo& session, int code) {
-  if (SystemDB::setSessionErr(session.id, ToSessionError(code)) != 0) {
-    LOG_ERROR(kComponent, "failed to set session error (%llu, %d)", (ull)session.id, code);
-    return -1;
-  }
-  if (SystemDB::setSessionStatus(session.id, kSessionStopped) != 0) {
-    LOG_ERROR(kComponent, "failed to set session status (%llu, stop)", (ull)session.id);
-    return -1;
-  }
+  if (StoreStopped(session, code) != 0) return -1;
   // is_daemon_enable stays: the session comes back with its folder.
   if (RemoveSession(session.id) != 0) {
     LOG_ERROR(kComponent, "faile to remove daemon session %llu", (ull)session.id);
@@ -114,14 +121,7 @@ int NXClientErrorHandler::StopSession(const SessionInfo& session, int code) {
 }
 
 int NXClientErrorHandler::DisableSession(const SessionInfo& session, int code) {
-  if (SystemDB::setSessionErr(session.id, ToSessionError(code)) != 0) {
-    LOG_ERROR(kComponent, "failed to set session error (%llu, %d)", (ull)session.id, code);
-    return -1;
-  }
-  if (SystemDB::setSessionStatus(session.id, kSessionStopped) != 0) {
-    LOG_ERROR(kComponent, "failed to set session status (%llu, stop)", (ull)session.id);
-    return -1;
-  }
+  if (StoreStopped(session, code) != 0) return -1;
   if (session.is_daemon_enable) {
     SessionInfo disabled = session;
     disabled.is_daemon_enable = false;

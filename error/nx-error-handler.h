@@ -23,7 +23,7 @@
 // Stored session status and connection status values written here.
 enum {
   kSessionStopped = 0,
-  kSessionResyncing = 1,  // handed to the sync daemon again after a re-sync
+  kSessionRestarted = 1,  // handed to the sync daemon again after a re-sync
   kSessionPaused = 3,
 };
 enum {

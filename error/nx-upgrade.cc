@@ -194,7 +194,7 @@ void NXClientErrorHandler::AddSessionsAgain(const std::list<SessionInfo>& sessio
                                             const GeneralOptions& options) {
   for (const SessionInfo& s : sessions) {
     if (!InDaemon(s)) continue;
-    if (SystemDB::setSessionStatus(s.id, kSessionResyncing) != 0 ||
+    if (SystemDB::setSessionStatus(s.id, kSessionRestarted) != 0 ||
         SystemDB::setSessionErr(s.id, 0) != 0 || AddSession(s, options, true, true) != 0) {
       LOG_ERROR(kComponent, "failed to add daemon session %llu", (ull)s.id);
     }
