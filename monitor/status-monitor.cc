@@ -250,11 +250,11 @@ int MonitorDaemon::CheckConnectionInfo(const ConnectionEntry& stored, Connection
     return -1;
   }
   switch (CheckProtocolVersion(r.protocol_version)) {
-    case kProtocolClientTooOld:
+    case kClientTooOld:
       LOG_ERROR(kComponent, "Client protocol version not support or degradation");
       HandleError(r, no_session, kCodeClientTooOld, nullptr);
       return -1;
-    case kProtocolServerTooOld:
+    case kServerTooOld:
       LOG_ERROR(kComponent, "Server protocol version not support or degradation");
       HandleError(r, no_session, kCodeServerTooOld, nullptr);
       return -1;
