@@ -9,12 +9,10 @@ Usage: workers_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
 
 import json
 import os
-import subprocess
 import sys
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-PEERS = os.path.join(HERE, "..", "peers")
 sys.path.insert(0, HERE)
 import monitor_system_test as mst  # noqa: E402
 from monitor_system_test import Sandbox, wait_for  # noqa: E402
@@ -31,26 +29,25 @@ CONNECTION = ("INSERT INTO connection_table (id, conn_mode, server_name, server_
 
 
 class WorkersSandbox(Sandbox):
-    """A Sandbox with the simulated sync daemon and remote server running."""
+    """A Sandbox with the simulated sync daemon and remote server, each
+    answering from its script PEER.json and recording into PEER.jsonl."""
 
     def start_peers(self):
-        self.peers = []
-        for name, args in (("sync_daemon", ["--socket", os.path.join(self.root, "tmp/tarn.sock")]),
-                           ("remote_server", ["--port", "0"])):
-            path = lambda kind: os.path.join(self.root, "%s.%s" % (name, kind))  # noqa: E731
-            self.script(name, {})
-            self.peers.append(subprocess.Popen(
-                [sys.executable, os.path.join(PEERS, name + ".py"), "--script", path("json"),
-                 "--record", path("jsonl"), "--ready", path("ready")] + args))
-            assert wait_for(lambda: os.path.exists(path("ready")), limit=10), name
-        with open(os.path.join(self.root, "remote_server.ready")) as f:
-            self.server_port = int(f.read())
+        for peer in ("sync_daemon", "remote_server"):
+            self.script(peer, {})
+        self.spawn("sync_daemon.py", *self.peer_files("sync_daemon"))
+        self.server_port = int(self.spawn("remote_server.py", "--port", "0",
+                                          *self.peer_files("remote_server")))
+
+    def peer_files(self, peer):
+        path = os.path.join(self.root, peer)
+        return ["--script", path + ".json", "--record", path + ".jsonl"]
 
     def script(self, peer, value):
-        with open(os.path.join(self.root, peer + ".json.tmp"), "w") as f:
+        path = os.path.join(self.root, peer + ".json")
+        with open(path + ".tmp", "w") as f:
             json.dump(value, f)
-        os.rename(os.path.join(self.root, peer + ".json.tmp"),
-                  os.path.join(self.root, peer + ".json"))
+        os.rename(path + ".tmp", path)
 
     def recorded(self, peer):
         try:
@@ -58,16 +55,6 @@ class WorkersSandbox(Sandbox):
                 return [json.loads(line)["request"] for line in f if '"request"' in line]
         except OSError:
             return []
-
-    def sql(self, text):
-        return subprocess.run(["sqlite3", "-cmd", ".timeout 10000", self.db, text],
-                              capture_output=True, text=True, check=True).stdout
-
-    def cleanup(self):
-        for p in getattr(self, "peers", []):
-            p.terminate()
-            p.wait(timeout=10)
-        super().cleanup()
 
 
 class WorkersTest(unittest.TestCase):
@@ -79,19 +66,34 @@ class WorkersTest(unittest.TestCase):
     def tearDown(self):
         self.box.cleanup()
 
-    def test_status_recovers_a_connection_and_writes_its_new_address(self):
+    def report(self, **changes):
+        """The sync daemon reports connection 1 with `changes`."""
+        self.box.script("sync_daemon", {"replies": {"get_status": {"connection_list": [
+            dict(REPORTED, **changes)]}}})
+
+    def test_status_recovers_a_connection_and_follows_its_server(self):
         box = self.box
         box.sql(CONNECTION % ("192.0.2.10", 6690, 1, -1))
-        box.script("sync_daemon", {"replies": {"get_status": {"connection_list": [
-            dict(REPORTED, status="disconnected")]}}})
+        self.report(status="disconnected")
         self.assertTrue(wait_for(lambda: "Connection #1 has been added to daemon"
                                  in box.log_text()), box.log_text())
-        box.script("sync_daemon", {"replies": {"get_status": {"connection_list": [
-            dict(REPORTED, server_ip="192.0.2.99")]}}})
+        self.report(server_ip="192.0.2.99")
         row = "SELECT status, error, server_ip FROM connection_table;"
-        self.assertTrue(wait_for(lambda: box.sql(row) == "0|0|192.0.2.99\n", limit=10),
+        self.assertTrue(wait_for(lambda: box.sql(row) == "0|0|192.0.2.99", limit=10),
                         box.sql(row) + box.log_text())
         self.assertIn("Connection 1 is recovered to connected status", box.log_text())
+
+        # Another server behind the address: the connection is paused with
+        # -5, the administrators are told once.
+        self.report(server_ip="192.0.2.99", nx_id="OTHER")
+        self.assertTrue(wait_for(lambda: box.sql(row) == "2|-5|192.0.2.99", limit=10),
+                        box.sql(row))
+        self.assertIn({"action": "pause", "connection_id": 1}, box.recorded("sync_daemon"))
+        # Two passes later there is still one notification.
+        asked = len(box.recorded("sync_daemon"))
+        self.assertTrue(wait_for(lambda: len(box.recorded("sync_daemon")) >= asked + 2))
+        with open(os.path.join(box.root, "var/lib/vesta/notifications.jsonl")) as f:
+            self.assertEqual(["NXChange"], [json.loads(line)["notify_id"] for line in f])
 
     def test_listing_brings_sessions_in_line_with_the_servers_views(self):
         box = self.box
@@ -127,17 +129,17 @@ class WorkersTest(unittest.TestCase):
         self.assertIsNone(box.request({"action": "refresh_session", "conn_id": 1}))
         self.assertTrue(wait_for(lambda: listings() >= 1, limit=3.0))
         self.assertTrue(wait_for(lambda: box.sql(sessions) == "1|photo|2|2|1|0|0\n"
-                                 "2|vault|0|0|0|1|0\n3|gone|0|0|0|0|0\n"), box.sql(sessions))
+                                 "2|vault|0|0|0|1|0\n3|gone|0|0|0|0|0"), box.sql(sessions))
         self.assertIn({"action": "resume", "session_id": 2}, box.recorded("sync_daemon"))
-        self.assertEqual("1026|100|0\n", box.sql(
+        self.assertEqual("1026|100|0", box.sql(
             "SELECT user_uid, user_gid, user_is_admin FROM connection_table;"))
         views_rows = "SELECT view_id, node_id, name, privilege, is_mount FROM server_view_table;"
-        self.assertEqual("100|100|photo|1|0\n200|7|vault|2|1\n", box.sql(views_rows))
+        self.assertEqual("100|100|photo|1|0\n200|7|vault|2|1", box.sql(views_rows))
 
         # An unchanged list rewrites no row.
         box.sql("UPDATE server_view_table SET name = 'kept' WHERE view_id = 100;")
         self.assertTrue(listed(2) and listed(3))
-        self.assertEqual("100|100|kept|1|0\n200|7|vault|2|1\n", box.sql(views_rows))
+        self.assertEqual("100|100|kept|1|0\n200|7|vault|2|1", box.sql(views_rows))
 
         # An error and an empty list leave every session as it is.
         box.sql("UPDATE session_table SET share_name = 'team', is_read_only = 0 WHERE id = 1;")
