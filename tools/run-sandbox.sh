@@ -134,11 +134,13 @@ ctl refresh-session 1
 renamed() { [ "$(sql 'SELECT share_name FROM session_table WHERE id = 1')" = projects ]; }
 await "session 1 renamed to 'projects'" renamed
 
-step "the sync daemon reports that session 1's local share could not be enabled (-18)"
-ctl notify-error 1 1 -18
+step "the sync daemon reports that session 1's quota is full (-15)"
+ctl notify-error 1 1 -15
 notes=$root/var/lib/vesta/notifications.jsonl
 await "a notification to the administrators" test -s "$notes"
 [ -s "$notes" ] && echo "    $(tail -n 1 "$notes")"
+paused() { grep -q '"action": "pause", "session_id": 1' "$root/sync-daemon.jsonl"; }
+await "the sync daemon is told to pause session 1" paused
 echo "    session 1 status|error: $(sql 'SELECT status, error FROM session_table WHERE id = 1')"
 
 step "more requests"
