@@ -4,6 +4,7 @@
 // passes on a stepped clock with the sync daemon's replies built here.
 #include <signal.h>
 #include <sqlite3.h>
+#include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -45,6 +46,8 @@ class WorkerTest : public ::testing::Test {
   void SetUp() override {
     // SIGTERM wakes a worker; the process handler must be in place.
     Daemon::SetSignalHandler(SIGTERM, Daemon::stop);
+    // The status thread asks the sync daemon below it: nobody answers.
+    setenv("VESTA_ROOT", dir_.path().c_str(), 1);
     Logger::Init(Logger::kFile, dir_.File("test.log"), dir_.Write("levels", "monitor_daemon=7\n"),
                  50, 1);
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
@@ -53,6 +56,7 @@ class WorkerTest : public ::testing::Test {
     SystemDB::deinitialize();
     Logger::Shutdown();
     Daemon::daemon_run.store(1);
+    unsetenv("VESTA_ROOT");
   }
 
   // Rows written with the raw library, as the user-interface back end does.
