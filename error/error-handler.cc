@@ -76,11 +76,6 @@ Action ActionOf(int code) {
   return kActions[code];
 }
 
-bool IsSessionAction(Action action) {
-  return action == Action::kDisableSession || action == Action::kPauseSession ||
-         action == Action::kHandleReadOnly || action == Action::kStopSession;
-}
-
 }  // namespace
 
 ErrorHandler::~ErrorHandler() = default;
@@ -93,12 +88,6 @@ int ErrorHandler::HandleError(const ConnectionEntry& connection, const SessionIn
                               int code, const ConnectionEntry* old_connection) {
   LOG_INFO(kComponent, "handling error code %d", code);
   const Action action = ActionOf(code);
-  if (IsSessionAction(action) && session.id == 0) {
-    // A session error that names no session: acting on "session 0" would
-    // unlink the connection it seems to belong to.
-    LOG_ERROR(kComponent, "error code %d names no session, nothing done", code);
-    return 0;
-  }
   switch (action) {
     case Action::kNothing:
       break;
