@@ -208,7 +208,8 @@ BENCHMARK(BM_Reconcile)->Unit(benchmark::kMillisecond);
 
 void BM_ReconcileRawReads(benchmark::State& state) {
   for (auto _ : state) {
-    if (RawRead(SystemDB::m_db, "SELECT * FROM session_table WHERE conn_id = 1;") != kCount) abort();
+    const size_t rows = RawRead(SystemDB::m_db, "SELECT * FROM session_table WHERE conn_id = 1;");
+    if (rows != kCount) abort();
   }
   state.SetItemsProcessed(state.iterations() * kCount);
 }

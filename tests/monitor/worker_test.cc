@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "db/system-db.h"
@@ -82,36 +81,28 @@ class WatchedMonitor : public MonitorDaemon {
   int HandleError(const ConnectionEntry& connection, const SessionInfo& /*session*/, int code,
                   const ConnectionEntry* previous) override {
     EXPECT_EQ(1u, connection.id);
-    errors.push_back({code, previous != nullptr});
+    errors.push_back(code * 10 + (previous != nullptr));
     return 0;
   }
   int32_t CurrentTime() const override { return now; }
 
   int32_t now = 1000;
-  std::vector<std::pair<int, bool>> errors;  // code, previous record given
+  std::vector<int> errors;  // code * 10 + 1 when the previous record was given
 };
 
-// Connection 1 as stored, and as the sync daemon reports it unchanged.
+// Connection 1 as stored; DaemonStatus reports it unchanged but for `key`.
 const char kConnectionRow[] =
-    "INSERT INTO connection_table (id, conn_mode, server_ip, server_port, nx_id, restore_id, "
-    "major, minor, package_version, protocol_version, session, status) "
-    "VALUES (1, 1, '192.0.2.10', 6690, 'NX', 'R', 3, 1, 10001, 70, 's', 1);";
+    "DELETE FROM connection_table; INSERT INTO connection_table (id, conn_mode, "
+    "package_version, protocol_version, status) VALUES (1, 1, 10000, 70, 1);";
 
 PObject DaemonStatus(const std::string& status, const char* key = "", const PObject& value = {}) {
-  PObject c;
+  PObject c, reply;
   c["connection_id"] = 1;
   c["status"] = status;
-  c["server_ip"] = "192.0.2.10";
-  c["server_port"] = 6690;
   c["connection_mode"] = 1;
-  c["package_major"] = 3;
-  c["package_minor"] = 1;
-  c["package_version"] = 10001;
+  c["package_version"] = 10000;
   c["protocol_version"] = 70;
-  c["nx_id"] = "NX";
-  c["restore_id"] = "R";
   if (*key) c[key] = value;
-  PObject reply;
   reply["connection_list"].MutableArray().push_back(c);
   return reply;
 }
@@ -204,7 +195,8 @@ TEST_F(WorkerTest, FastMonitorEndsAfterThirtySeconds) {
 TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
   Exec(kConnectionRow);
   WatchedMonitor d;
-  d.connection_status_list = {{1, 0, 0, 0}};
+  d.connection_status_list = {{1, 0, 0, 0}, {5, 0, 0, 0}};
+  d.server_view_cache = {{1, {}}, {5, {}}};
   struct Step {
     int32_t second;      // since the daemon first reported the connection lost
     const char* status;  // the daemon's word
@@ -223,8 +215,19 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
     EXPECT_EQ(step.monitor_state, d.connection_status_list.front().monitor_state);
     EXPECT_EQ(step.errors, d.errors.size());
   }
-  EXPECT_EQ((std::vector<std::pair<int, bool>>{{26, false}, {26, false}}), d.errors);
+  EXPECT_EQ((std::vector<int>{260, 260}), d.errors);
   EXPECT_EQ("0|0\n", Query("SELECT status, error FROM connection_table;"));
+
+  // An empty report drops every connection and its cached views, with one line.
+  EXPECT_EQ(0, d.UpdateStatusFrom(PObject()));
+  EXPECT_TRUE(d.connection_status_list.empty() && d.server_view_cache.empty());
+  std::istringstream log(ReadFile(dir_.File("test.log")));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(log, line);) {
+    if (line.find("from daemon") != std::string::npos) lines.push_back(line.substr(line.find('#')));
+  }
+  const std::string tail = " and any larger connections have been removed from daemon";
+  EXPECT_EQ((std::vector<std::string>{"#5" + tail, "#1" + tail}), lines);
 }
 
 TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
@@ -234,80 +237,31 @@ TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
     const char* text;  // the value when not null
     bool stored_too;   // the row holds the same value
     int stored_error;
-    int code;  // to HandleError; 0 none
-    bool previous;
+    int error;          // code * 10 + previous record given; 0 none
     int daemon_status;  // kept for the connection after the pass
   } cases[] = {
-      {"nx_id", 0, "OTHER", false, 0, 25, false, 0},
-      {"restore_id", 0, "R2", false, -1, 36, true, 0},
-      {"package_minor", 2, nullptr, false, 0, 16, true, 0},
-      {"package_version", 9999, nullptr, false, 0, 16, true, 0},
-      {"package_version", 9999, nullptr, true, 0, 22, false, 0},
-      {"package_version", 10000, nullptr, true, 0, 0, false, 2},
-      {"protocol_version", 69, nullptr, false, 0, 22, false, 0},
-      {"protocol_version", 70, nullptr, false, 0, 0, false, 2},
-      {"protocol_version", 79, nullptr, false, 0, 0, false, 2},
-      {"protocol_version", 80, nullptr, false, 0, 23, false, 0},
-      {"nx_id", 0, "OTHER", false, 5, 0, false, 0},
-      {"server_ip", 0, "192.0.2.99", false, 0, 0, false, 2},
+      {"nx_id", 0, "OTHER", false, 0, 250, 0},
+      {"restore_id", 0, "R2", false, -1, 361, 0},
+      {"package_minor", 2, nullptr, false, 0, 161, 0},
+      {"package_version", 9999, nullptr, false, 0, 161, 0},
+      {"package_version", 9999, nullptr, true, 0, 220, 0},
+      {"protocol_version", 69, nullptr, false, 0, 220, 0},
+      {"protocol_version", 70, nullptr, false, 0, 0, 2},
+      {"protocol_version", 79, nullptr, false, 0, 0, 2},
+      {"protocol_version", 80, nullptr, false, 0, 230, 0},
+      {"nx_id", 0, "OTHER", false, 5, 0, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.key) + " " + (c.text ? c.text : std::to_string(c.number)));
-    const PObject value = c.text ? PObject(c.text) : PObject(c.number);
-    Exec(std::string("DELETE FROM connection_table;") + kConnectionRow +
-         "UPDATE connection_table SET error = " + std::to_string(c.stored_error) + ";");
-    if (c.stored_too) Exec("UPDATE connection_table SET " + std::string(c.key) + " = " +
-                           std::to_string(c.number) + ";");
+    Exec(kConnectionRow + ("UPDATE connection_table SET error = " +
+                           std::to_string(c.stored_error) + ";"));
+    if (c.stored_too) Exec("UPDATE connection_table SET package_version = 9999;");
     WatchedMonitor d;
     d.connection_status_list = {{1, 0, 0, 0}};
+    const PObject value = c.text ? PObject(c.text) : PObject(c.number);
     EXPECT_EQ(0, d.UpdateStatusFrom(DaemonStatus("disconnected", c.key, value)));
-    std::vector<std::pair<int, bool>> expected;
-    if (c.code != 0) expected.push_back({c.code, c.previous});
-    EXPECT_EQ(expected, d.errors);
+    EXPECT_EQ(c.error ? std::vector<int>{c.error} : std::vector<int>{}, d.errors);
     EXPECT_EQ(c.daemon_status, d.connection_status_list.front().daemon_status);
-    EXPECT_EQ(std::string(c.key) == "server_ip" ? "192.0.2.99\n" : "192.0.2.10\n",
-              Query("SELECT server_ip FROM connection_table;"));
-  }
-}
-
-TEST_F(WorkerTest, StatusWalkAddsAndRemovesConnectionsAndTheirCachedViews) {
-  struct Walk {
-    std::vector<uint64_t> stored, reported, kept, cached;
-    std::string lines;  // the walk's log lines, in order
-  } walks[] = {
-      {{3, 1}, {4, 2, 3, 2}, {2, 3, 4}, {3},
-       "#1 has been removed from daemon|#2 has been added to daemon|"
-       "#4 has been added to daemon|"},
-      {{5, 1, 3}, {}, {}, {}, "#1 and any larger connections have been removed from daemon|"},
-  };
-  for (const Walk& w : walks) {
-    WatchedMonitor d;
-    PObject status;
-    status["connection_list"].MutableArray();
-    for (uint64_t id : w.stored) {
-      d.connection_status_list.push_back({id, 0, 0, 0});
-      d.server_view_cache[id] = {ServerViewEntry()};
-    }
-    for (uint64_t id : w.reported) {
-      PObject c;
-      c["connection_id"] = id;
-      c["status"] = "connected";
-      status["connection_list"].MutableArray().push_back(c);
-    }
-    const size_t log_start = ReadFile(dir_.File("test.log")).size();
-    EXPECT_EQ(0, d.UpdateStatusFrom(status));
-    std::vector<uint64_t> ids, cached;
-    for (const ConnectionStatusEntry& e : d.connection_status_list) ids.push_back(e.conn_id);
-    for (const auto& entry : d.server_view_cache) cached.push_back(entry.first);
-    EXPECT_EQ(w.kept, ids);
-    EXPECT_EQ(w.cached, cached);
-    std::string lines;
-    std::istringstream log(ReadFile(dir_.File("test.log")).substr(log_start));
-    for (std::string line; std::getline(log, line);) {
-      const size_t at = line.find("UpdateStatus: Connection #");
-      if (at != std::string::npos) lines += line.substr(at + 25) + "|";
-    }
-    EXPECT_EQ(w.lines, lines);
   }
 }
 
