@@ -17,6 +17,7 @@
 #include "net/proto-ui.h"
 
 using monitor::kComponent;
+using monitor::LogId;
 using monitor::MutexLock;
 
 namespace {
@@ -30,8 +31,6 @@ constexpr int kPrivilegeReadWrite = 2;
 constexpr int kPermModeExecBitOnly = 2;
 constexpr int kSessionStatusRunning = 1;
 constexpr int kSessionErrorEncryptedUnmounted = -8;
-
-unsigned long long Id(uint64_t id) { return static_cast<unsigned long long>(id); }
 
 // Shares whose files carry no permissions worth syncing beyond the exec bit.
 bool IsExecBitOnlyShare(const std::string& name) {
@@ -53,7 +52,7 @@ void UpdateUserInfo(const ConnectionEntry& c, const UserInfo& user) {
   const uint32_t gid = static_cast<uint32_t>(user.gid);
   if (c.user_uid == uid && c.user_gid == gid && c.user_is_admin == user.is_admin_group) return;
   if (SystemDB::updateUserInfo(c.id, uid, gid, user.is_admin_group) != 0) {
-    LOG_ERROR(kComponent, "failed to update user info of connection %llu", Id(c.id));
+    LOG_ERROR(kComponent, "failed to update user info of connection %llu", LogId(c.id));
   }
 }
 
@@ -90,12 +89,12 @@ int UpdateSessionName(const SessionInfo& s, const ServerViewEntry& v) {
   renamed.share_name = v.name;
   renamed.share_version = v.share_version;
   if (IsExecBitOnlyShare(v.name)) renamed.perm_mode = kPermModeExecBitOnly;
-  LOG_INFO(kComponent, "switch session %llu name from '%s' -> '%s'", Id(s.id),
+  LOG_INFO(kComponent, "switch session %llu name from '%s' -> '%s'", LogId(s.id),
            s.share_name.c_str(), v.name.c_str());
-  LOG_INFO(kComponent, "version for session %llu switch from '%d' -> '%d'", Id(s.id),
+  LOG_INFO(kComponent, "version for session %llu switch from '%d' -> '%d'", LogId(s.id),
            s.share_version, v.share_version);
   if (SystemDB::updateSessionInfo(&renamed) != 0) {
-    LOG_ERROR(kComponent, "failed to changed session %llu name from '%s' -> '%s'", Id(s.id),
+    LOG_ERROR(kComponent, "failed to changed session %llu name from '%s' -> '%s'", LogId(s.id),
               s.share_name.c_str(), v.name.c_str());
     return -1;
   }
@@ -106,17 +105,17 @@ int UpdateSessionName(const SessionInfo& s, const ServerViewEntry& v) {
 // from the database.
 int UpdateSessionPrivilege(const SessionInfo& s, const ServerViewEntry& v) {
   if (v.privilege == kPrivilegeReadOnly && !s.is_read_only) {
-    LOG_INFO(kComponent, "switch session %llu from read-write -> read-only", Id(s.id));
+    LOG_INFO(kComponent, "switch session %llu from read-write -> read-only", LogId(s.id));
     if (SystemDB::setSessionReadOnly(s.id) != 0) {
       LOG_ERROR(kComponent,
-                "failed to switch session %llu from read-write -> read-only (database)", Id(s.id));
+                "failed to switch session %llu from read-write -> read-only (database)", LogId(s.id));
       return -1;
     }
   } else if (v.privilege == kPrivilegeReadWrite && s.is_read_only) {
-    LOG_INFO(kComponent, "switch session %llu from read-only -> read-write", Id(s.id));
+    LOG_INFO(kComponent, "switch session %llu from read-only -> read-write", LogId(s.id));
     if (SystemDB::clearSessionReadOnly(s.id) != 0) {
       LOG_ERROR(kComponent,
-                "failed to switch session %llu from read-only -> read-write (database)", Id(s.id));
+                "failed to switch session %llu from read-only -> read-write (database)", LogId(s.id));
       return -1;
     }
   }
@@ -129,18 +128,18 @@ int ResumeRemountedSession(const SessionInfo& s, const ServerViewEntry& v) {
   if (!(s.is_daemon_enable && s.is_mounted && v.is_encryption && v.is_mount)) return 0;
   int status = 0, error = 0, conn_status = 0, conn_error = 0;
   if (SystemDB::getSessionStatusAndErr(s.id, &status, &error, &conn_status, &conn_error) != 0) {
-    LOG_ERROR(kComponent, "Fail to get session (%llu) status.", Id(s.id));
+    LOG_ERROR(kComponent, "Fail to get session (%llu) status.", LogId(s.id));
     return -1;
   }
   if (error != kSessionErrorEncryptedUnmounted) return 0;
-  LOG_INFO(kComponent, "Server remounted session(%llu). Resuming back.", Id(s.id));
+  LOG_INFO(kComponent, "Server remounted session(%llu). Resuming back.", LogId(s.id));
   ResumeSession(s.id);
   if (SystemDB::setSessionErr(s.id, 0) != 0) {
-    LOG_ERROR(kComponent, "Failed to set session (%llu) error.", Id(s.id));
+    LOG_ERROR(kComponent, "Failed to set session (%llu) error.", LogId(s.id));
     return -1;
   }
   if (SystemDB::setSessionStatus(s.id, kSessionStatusRunning) != 0) {
-    LOG_ERROR(kComponent, "Failed to set session (%llu) status.", Id(s.id));
+    LOG_ERROR(kComponent, "Failed to set session (%llu) status.", LogId(s.id));
     return -1;
   }
   return 0;
@@ -217,10 +216,10 @@ int MonitorDaemon::ListShare(const ListShareScheduleEntry& entry) {
 }
 
 int MonitorDaemon::ListShareConnection(const ListShareScheduleEntry& entry) {
-  LOG_DEBUG(kComponent, "ListShare: listing shared folders of connection %llu", Id(entry.conn_id));
+  LOG_DEBUG(kComponent, "ListShare: listing shared folders of connection %llu", LogId(entry.conn_id));
   ConnectionEntry connection;
   if (SystemDB::getConnectionEntryByConnID(entry.conn_id, &connection) != 0) {
-    LOG_ERROR(kComponent, "failed to get connection %llu", Id(entry.conn_id));
+    LOG_ERROR(kComponent, "failed to get connection %llu", LogId(entry.conn_id));
     return -1;
   }
   LOG_DEBUG(kComponent, "ListShare: connecting to server at %s:%u", connection.server_ip.c_str(),
@@ -234,10 +233,10 @@ int MonitorDaemon::ListShareConnection(const ListShareScheduleEntry& entry) {
   }
   LOG_WARNING(kComponent,
               "ListShare: list shared folder for connection #%llu failed with error code %d (%s)",
-              Id(connection.id), proto.GetErrorCode(), proto.GetErrorReason().c_str());
+              LogId(connection.id), proto.GetErrorCode(), proto.GetErrorReason().c_str());
   std::list<SessionInfo> sessions;
   if (SystemDB::getSessionListByConnectionID(&sessions, connection.id) != 0) {
-    LOG_ERROR(kComponent, "failed to get session list of connection %llu", Id(connection.id));
+    LOG_ERROR(kComponent, "failed to get session list of connection %llu", LogId(connection.id));
     return -1;
   }
   return 0;
@@ -250,14 +249,14 @@ void MonitorDaemon::ListShareFrom(const ConnectionEntry& connection, const UserI
   const std::vector<ServerViewEntry> views = StoredViews(user.views);
   std::list<SessionInfo> sessions;
   if (SystemDB::getSessionListByConnectionID(&sessions, connection.id) != 0) {
-    LOG_ERROR(kComponent, "failed to get session list of connection %llu", Id(connection.id));
+    LOG_ERROR(kComponent, "failed to get session list of connection %llu", LogId(connection.id));
     sessions.clear();
   }
   if (CacheServerViews(connection.id, views)) {
     const std::list<ServerViewEntry> rows(views.begin(), views.end());
     if (SystemDB::replaceServerViews(connection.id, rows) != 0) {
       LOG_ERROR(kComponent, "Fail to set server_view_cached for connection_id = %llu",
-                Id(connection.id));
+                LogId(connection.id));
     }
   }
   if (views.empty()) return;

@@ -12,6 +12,7 @@
 #include "monitor/vesta-monitor.h"
 #include "stream/PObject.h"
 
+using monitor::LogId;
 using monitor::MutexLock;
 using monitor::kComponent;
 using monitor::kDisconnectedThreshold;
@@ -37,8 +38,6 @@ constexpr int kCodeOtherServer = 25;
 constexpr int kCodeDisconnected = 26;
 constexpr int kCodeServerRestored = 36;
 constexpr int kCodeVersionChanged = 16;
-
-unsigned long long Id(uint64_t id) { return static_cast<unsigned long long>(id); }
 
 int DaemonStatusOf(const PObject& connection) {
   return connection.Lookup("status").AsStringView() == "connected" ? kDaemonConnected
@@ -139,7 +138,7 @@ int MonitorDaemon::UpdateStatusFrom(const PObject& status) {
     // One entry per connection: a repeated id would follow it twice.
     if (!c.IsMap() || !details.emplace(id, &c).second) {
       LOG_WARNING(kComponent, "UpdateStatus: ignoring a malformed or repeated connection #%llu",
-                  Id(id));
+                  LogId(id));
       continue;
     }
     const int daemon_status = DaemonStatusOf(c);
@@ -172,13 +171,13 @@ bool MonitorDaemon::WalkStatusLists(std::list<ConnectionStatusEntry>* reported,
     if (s->conn_id < n->conn_id) {
       EraseServerViews(s->conn_id);
       LOG_DEBUG(kComponent, "UpdateStatus: Connection #%llu has been removed from daemon",
-                Id(s->conn_id));
+                LogId(s->conn_id));
       s = list.erase(s);
       changed = true;
     } else if (n->conn_id < s->conn_id) {
       list.insert(s, *n);
       LOG_DEBUG(kComponent, "UpdateStatus: Connection #%llu has been added to daemon",
-                Id(n->conn_id));
+                LogId(n->conn_id));
       ++n;
       changed = true;
     } else {
@@ -193,7 +192,7 @@ bool MonitorDaemon::WalkStatusLists(std::list<ConnectionStatusEntry>* reported,
     LOG_DEBUG(kComponent,
               "UpdateStatus: Connection #%llu and any larger connections have been removed "
               "from daemon",
-              Id(s->conn_id));
+              LogId(s->conn_id));
     for (auto it = s; it != list.end(); ++it) EraseServerViews(it->conn_id);
     list.erase(s, list.end());
     changed = true;
@@ -201,7 +200,7 @@ bool MonitorDaemon::WalkStatusLists(std::list<ConnectionStatusEntry>* reported,
   for (; n != reported->end(); ++n) {
     list.push_back(*n);
     LOG_DEBUG(kComponent, "UpdateStatus: Connection #%llu has been added to daemon",
-              Id(n->conn_id));
+              LogId(n->conn_id));
     changed = true;
   }
   return changed;
@@ -218,7 +217,7 @@ bool MonitorDaemon::FollowConnection(ConnectionStatusEntry* entry,
   if (entry->daemon_status == now_reported.daemon_status) return false;
   LOG_DEBUG(kComponent,
             "UpdateStatus: Connection #%llu status has been changed from %d to %d in daemon.",
-            Id(entry->conn_id), entry->daemon_status, now_reported.daemon_status);
+            LogId(entry->conn_id), entry->daemon_status, now_reported.daemon_status);
   entry->daemon_status = now_reported.daemon_status;
   return true;
 }
@@ -268,9 +267,9 @@ int MonitorDaemon::CheckConnectionInfo(const ConnectionEntry& stored, Connection
     return -1;
   }
   if (AddressChanged(stored, r)) {
-    LOG_INFO(kComponent, "Connection #%llu connection info changed.", Id(r.id));
+    LOG_INFO(kComponent, "Connection #%llu connection info changed.", LogId(r.id));
     if (SystemDB::updateConnectionEntry(reported, r.proxy, r.tunnel) != 0) {
-      LOG_ERROR(kComponent, "failed to update connection %llu", Id(r.id));
+      LOG_ERROR(kComponent, "failed to update connection %llu", LogId(r.id));
       return -1;
     }
   }
@@ -286,7 +285,7 @@ int MonitorDaemon::TransitStatus(int old_status, int new_status, const Connectio
   const int32_t now = CurrentTime();
   if (new_status == kDaemonLost) {
     if (entry->disconnected_since == 0) {
-      LOG_INFO(kComponent, "Switch connection %llu (%s) to connecting status", Id(reported.id),
+      LOG_INFO(kComponent, "Switch connection %llu (%s) to connecting status", LogId(reported.id),
                reported.server_name.c_str());
       entry->disconnected_since = now;
       entry->monitor_state = kStateConnecting;
@@ -296,7 +295,7 @@ int MonitorDaemon::TransitStatus(int old_status, int new_status, const Connectio
     } else {
       if (reported.error == 0) {
         LOG_INFO(kComponent, "switch connection %llu (%s) to disconnected status",
-                 Id(reported.id), reported.server_name.c_str());
+                 LogId(reported.id), reported.server_name.c_str());
         HandleError(reported, SessionInfo(), kCodeDisconnected, nullptr);
       }
       entry->monitor_state = kStateDisconnected;
@@ -305,15 +304,15 @@ int MonitorDaemon::TransitStatus(int old_status, int new_status, const Connectio
   }
   if (new_status == old_status) return 0;
 
-  LOG_INFO(kComponent, "Connection %llu is recovered to connected status", Id(reported.id));
+  LOG_INFO(kComponent, "Connection %llu is recovered to connected status", LogId(reported.id));
   entry->monitor_state = kStateConnected;
   entry->disconnected_since = 0;
   if (SystemDB::setConnectionStatus(reported.id, 0) != 0) {
-    LOG_ERROR(kComponent, "failed to update connection %llu status to connecting", Id(reported.id));
+    LOG_ERROR(kComponent, "failed to update connection %llu status to connecting", LogId(reported.id));
     return -1;
   }
   if (SystemDB::setConnectionErr(reported.id, 0) != 0) {
-    LOG_ERROR(kComponent, "failed to update connection %llu to err_ok", Id(reported.id));
+    LOG_ERROR(kComponent, "failed to update connection %llu to err_ok", LogId(reported.id));
     return -1;
   }
   return 0;
