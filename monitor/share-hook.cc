@@ -54,6 +54,17 @@ void ResumeAndWatch(uint64_t session_id, bool merge_mode) {
   AddWatchSession(session_id, merge_mode);
 }
 
+// Stores the share's encryption state in the session's row, and in the
+// record that HandleError and the re-add are given.
+bool StoreEncryptionState(ShareHook* hook, bool encrypted, bool mounted) {
+  if (SystemDB::setSessionEncryptionState(hook->session.id, encrypted, mounted) != 0) {
+    return false;
+  }
+  hook->session.is_encryption = encrypted;
+  hook->session.is_mounted = mounted;
+  return true;
+}
+
 // Brings a session that was stopped for an unmounted share back into the
 // sync daemon: error cleared, status running, added with a resume.
 int ReAddSession(const SessionInfo& session) {
@@ -136,13 +147,11 @@ int OnPostShareTransform(ShareHook* hook) {
   }
   const bool encrypted = share->IsEncryption();
   const bool mounted = share->IsMounted();
-  if (SystemDB::setSessionEncryptionState(hook->session.id, encrypted, mounted) != 0) {
+  if (!StoreEncryptionState(hook, encrypted, mounted)) {
     LOG_ERROR(kComponent, "Failed to set session %llu enc status (%d,%d)",
               static_cast<ull>(hook->session.id), encrypted, mounted);
     return -1;
   }
-  hook->session.is_encryption = encrypted;
-  hook->session.is_mounted = mounted;
   CompleteShareTransform(hook, mounted);
   return 0;
 }
@@ -150,13 +159,11 @@ int OnPostShareTransform(ShareHook* hook) {
 int OnEncrypt(ShareHook* hook) {
   LOG_WARNING(kComponent, "disable unmounted enc shared folder '%s' (%s)",
               hook->share_name.c_str(), hook->type.c_str());
-  if (SystemDB::setSessionEncryptionState(hook->session.id, true, false) != 0) {
+  if (!StoreEncryptionState(hook, true, false)) {
     LOG_ERROR(kComponent, "Failed to set session %llu enc status",
               static_cast<ull>(hook->session.id));
     return -1;
   }
-  hook->session.is_encryption = true;
-  hook->session.is_mounted = false;
   hook->daemon->HandleError(hook->connection, hook->session, kLocalShareNotMounted, nullptr);
   return 0;
 }
@@ -164,13 +171,11 @@ int OnEncrypt(ShareHook* hook) {
 int OnDecrypt(ShareHook* hook) {
   LOG_WARNING(kComponent, "mounted enc shared folder '%s' (%s)", hook->share_name.c_str(),
               hook->type.c_str());
-  if (SystemDB::setSessionEncryptionState(hook->session.id, true, true) != 0) {
+  if (!StoreEncryptionState(hook, true, true)) {
     LOG_ERROR(kComponent, "Failed to set enc status to session %llu",
               static_cast<ull>(hook->session.id));
     return -1;
   }
-  hook->session.is_encryption = true;
-  hook->session.is_mounted = true;
   return ReAddSession(hook->session);
 }
 
