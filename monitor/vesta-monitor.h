@@ -80,11 +80,14 @@ class MonitorDaemon : public Daemon {
   // "refresh_session": makes connection "conn_id" due for listing at once,
   // rebuilding the schedule when it is not in it.  Always 0.
   int RefreshSession(const PObject& request, PObject* reply);
-  // "notify": "error" from the sync daemon, and "notify": "share_hook" from
-  // the storage server's share hooks.  For now both only log the request
-  // and return 0; their handling arrives with the error handler and the
-  // share events.
+  // "notify": "error" from the sync daemon: reads the connection "conn_id"
+  // and the session "sess_id" (none when 0 or not stored), translates
+  // "error_type" into a monitor error code and calls HandleError.  0, or -1
+  // when the connection or the session could not be read.
   int HandleErrorNotification(const PObject& request, PObject* reply);
+  // "notify": "share_hook" from the storage server's share hooks.  For now
+  // it only logs the request and returns 0; its handling arrives with the
+  // share events.
   int HandleShareHook(const PObject& request, PObject* reply);
 
   // Turns monitor error `code` into a desktop notification (only for a new
@@ -93,6 +96,9 @@ class MonitorDaemon : public Daemon {
   // before the change, given only by the status monitor for codes 16 and
   // 36; nullptr everywhere else.  Called from the main thread and from the
   // status thread (which holds state_mutex meanwhile); keeps no state.
+  // A connection upgrade that re-synchronises waits 3 s on the calling
+  // thread; clearing daemon_run and sending that thread SIGTERM cuts the
+  // wait short and leaves the upgrade to the next start.
   // Returns the error handler's result.
   int HandleError(const ConnectionEntry& connection, const SessionInfo& session, int code,
                   const ConnectionEntry* previous);

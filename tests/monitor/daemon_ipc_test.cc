@@ -2,13 +2,11 @@
 // tests/peers/sync_daemon.py, which has its own wire codec: every request is
 // checked key by key as the daemon decoded it, with expected values typed
 // here from the command tables (integers as numbers, texts as strings).
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,91 +15,31 @@
 #include "json/json.h"
 #include "log/logger.h"
 #include "stream/PObject.h"
+#include "tests/common/sync_daemon_peer.h"
 #include "tests/common/temp_dir.h"
 
 namespace {
 
-Json::Value ParseJson(const std::string& text) {
-  Json::CharReaderBuilder builder;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value value;
-  std::string errors;
-  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors))
-      << errors << " in " << text;
-  return value;
-}
-
 class DaemonIpcTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setenv("VESTA_ROOT", dir_.path().c_str(), 1);
-    volume_ = dir_.File("volume1");
-    ASSERT_EQ(0, system(("mkdir -p '" + volume_ + "/@FernboxTandem/session' '" +
-                         dir_.File("var/packages/Fernbox/etc/tandem") + "' '" +
-                         dir_.File("tmp") + "'")
-                            .c_str()));
-    dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "volume=" + volume_ + "\n");
+    volume_ = MakeVestaRoot(dir_);
     Logger::Init(Logger::kFile, dir_.File("test.log"), "", 50, 1);
-    SetScript("{}");
-    StartDaemon();
+    daemon_.reset(new SyncDaemonPeer(dir_));
+    ASSERT_TRUE(daemon_->started()) << "simulated daemon did not start";
   }
 
   void TearDown() override {
-    StopDaemon();
+    daemon_.reset();
     Logger::Shutdown();
     unsetenv("VESTA_ROOT");
   }
 
-  void StartDaemon() {
-    const std::string ready = dir_.File("ready");
-    unlink(ready.c_str());
-    const std::string script =
-        std::string(getenv("VESTA_SOURCE_DIR") ? getenv("VESTA_SOURCE_DIR") : ".") +
-        "/tests/peers/sync_daemon.py";
-    pid_ = fork();
-    if (pid_ == 0) {
-      execlp("python3", "python3", script.c_str(), "--socket", dir_.File("tmp/tarn.sock").c_str(),
-             "--record", dir_.File("record.jsonl").c_str(), "--script",
-             dir_.File("script.json").c_str(), "--ready", ready.c_str(), (char*)nullptr);
-      _exit(127);
-    }
-    for (int i = 0; i < 500 && access(ready.c_str(), F_OK) != 0; ++i) usleep(10000);
-    ASSERT_EQ(0, access(ready.c_str(), F_OK)) << "simulated daemon did not start";
-  }
-
-  void StopDaemon() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
-  void SetScript(const std::string& json) { dir_.Write("script.json", json); }
-
-  // The requests the daemon received since the last call.
-  std::vector<Json::Value> TakeRequests() {
-    std::vector<Json::Value> out;
-    std::ifstream in(dir_.File("record.jsonl"));
-    std::string line;
-    int n = 0;
-    while (std::getline(in, line)) {
-      if (n++ < taken_) continue;
-      out.push_back(ParseJson(line)["request"]);
-    }
-    taken_ = n;
-    return out;
-  }
-
+  void StopDaemon() { daemon_->Stop(); }
+  void SetScript(const std::string& json) { daemon_->SetScript(json); }
+  std::vector<Json::Value> TakeRequests() { return daemon_->TakeRequests(); }
   void ExpectRequests(const std::vector<std::string>& expected) {
-    std::vector<Json::Value> got = TakeRequests();
-    ASSERT_EQ(expected.size(), got.size());
-    for (size_t i = 0; i < got.size(); ++i) {
-      Json::Value want = ParseJson(expected[i]);
-      EXPECT_EQ(want.getMemberNames(), got[i].getMemberNames()) << expected[i];
-      for (const std::string& key : want.getMemberNames()) {
-        EXPECT_EQ(want[key], got[i][key]) << "key " << key << " of " << expected[i];
-      }
-    }
+    daemon_->ExpectRequests(expected);
   }
 
   std::string Log() { return ReadFile(dir_.File("test.log")); }
@@ -126,8 +64,7 @@ class DaemonIpcTest : public ::testing::Test {
 
   TempDir dir_;
   std::string volume_;
-  pid_t pid_ = -1;
-  int taken_ = 0;
+  std::unique_ptr<SyncDaemonPeer> daemon_;
 };
 
 TEST_F(DaemonIpcTest, EveryCommandAsTheDaemonReceivesIt) {
