@@ -88,9 +88,11 @@ class MonitorDaemon : public Daemon {
   // "error_type" into a monitor error code and calls HandleError.  0, or -1
   // when the connection or the session could not be read.
   int HandleErrorNotification(const PObject& request, PObject* reply);
-  // "notify": "share_hook" from the storage server's share hooks.  For now
-  // it only logs the request and returns 0; its handling arrives with the
-  // share events.
+  // "notify": "share_hook" from the storage server's share hooks: finds the
+  // session whose sync_folder is "share_name" and, by "type", pauses,
+  // resumes, reloads or re-adds it, stores its encryption state, or hands it
+  // to HandleError (code 12 for an unmounted share, 11 for any other type).
+  // 0, or -1 when a database or share step failed (logged).
   int HandleShareHook(const PObject& request, PObject* reply);
 
   // Turns monitor error `code` into a desktop notification (only for a new
