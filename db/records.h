@@ -38,6 +38,10 @@ struct TunnelInfo {
   }
 };
 
+// Bits of ConnectionEntry::conn_mode that say how the server is reached.
+constexpr int kConnModeProxy = 1 << 4;   // through the connection's proxy
+constexpr int kConnModeTunnel = 1 << 5;  // through the connection's tunnel
+
 // One row of connection_table: a remote server this client is linked to.
 // Read by the status monitor, the share-listing updater, the error handler
 // and the daemon command client; written back by updateConnectionEntry.

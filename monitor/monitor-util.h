@@ -21,6 +21,9 @@ constexpr int32_t kFastListSharePeriod = 10;
 constexpr int32_t kListSharePeriod = 300;
 constexpr int32_t kDisconnectedThreshold = 30;
 
+// An id as the log's %llu takes it.
+inline unsigned long long LogId(uint64_t id) { return static_cast<unsigned long long>(id); }
+
 // Seconds since the epoch, as the schedule and the status list keep them.
 inline int32_t Now() { return static_cast<int32_t>(time(nullptr)); }
 

@@ -21,14 +21,17 @@
 #include <atomic>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "db/records.h"
 #include "monitor/daemon.h"
 
 class Channel;
 class PObject;
+struct UserInfo;
 namespace SDK {
 class Notifier;
 }  // namespace SDK
@@ -101,21 +104,42 @@ class MonitorDaemon : public Daemon {
   // A connection upgrade that re-synchronises waits 3 s on the calling
   // thread; clearing daemon_run and sending that thread SIGTERM cuts the
   // wait short and leaves the upgrade to the next start.
-  // Returns the error handler's result.
-  int HandleError(const ConnectionEntry& connection, const SessionInfo& session, int code,
+  // Returns the error handler's result.  Virtual so that tests can watch
+  // the status monitor's findings.
+  virtual int HandleError(const ConnectionEntry& connection, const SessionInfo& session, int code,
                   const ConnectionEntry* previous);
 
   // Rebuilds the share-listing schedule from the system database, keeping
   // the last-listed time of connections that stay.  Takes state_mutex.
   void UpdateListShareConnections();
-  // One status pass (status thread).  0 or -1.  For now an empty pass.
+  // One status pass (status thread): asks the sync daemon for its status,
+  // then UpdateStatusFrom.  0, or -1 when the daemon could not be asked.
   int UpdateStatus();
-  // Lists one connection's shares (for now an empty listing), then marks it
-  // listed now.  0 or -1.
+  // The rest of the pass on the daemon's reply `status`: follows each
+  // reported connection against the system database and connection_status_list
+  // (taking state_mutex for the walk, calling HandleError under it), then
+  // rebuilds the schedule when anything changed.  0, or -1 when the
+  // connections could not be read.
+  int UpdateStatusFrom(const PObject& status);
+  // Lists one connection's shares on its server and brings its user
+  // information, server views and sessions in line, then marks it listed
+  // now.  Share-listing thread; never holds state_mutex while the server or
+  // the database works.  0, or -1 when the connection or its sessions could
+  // not be read.
   int ListShare(const ListShareScheduleEntry& entry);
+  // The rest of a successful listing on the server's answer `user`: the
+  // user-info update, then the server views and the sessions of
+  // `connection`.  Takes view_cache_mutex alone.
+  void ListShareFrom(const ConnectionEntry& connection, const UserInfo& user);
+  // Forgets the server views cached for `conn_id`.  Takes view_cache_mutex.
+  void EraseServerViews(uint64_t conn_id);
   // The first schedule entry that may be listed and is due at `now`;
   // false when none is.  Takes state_mutex.
   bool FindDueConnection(int32_t now, ListShareScheduleEntry* due);
+
+  // Seconds since the epoch, as the workers read the clock.  Virtual so that
+  // tests can step over the thresholds without waiting for them.
+  virtual int32_t CurrentTime() const;
 
   // Bodies of the two workers; `arg` is the MonitorDaemon.
   static void* StatusThreadMain(void* arg);
@@ -136,6 +160,9 @@ class MonitorDaemon : public Daemon {
 
   std::list<ConnectionStatusEntry> connection_status_list;  // state_mutex
   std::list<ListShareScheduleEntry> list_share_schedule;    // state_mutex
+  // The views each connection's server offered at its last listing, sorted
+  // by view_id, node_id resolved as stored.  view_cache_mutex.
+  std::map<uint64_t, std::vector<ServerViewEntry>> server_view_cache;
 
   pthread_t list_share_thread{};
   std::atomic<bool> list_share_thread_running{false};
@@ -158,6 +185,19 @@ class MonitorDaemon : public Daemon {
   // Ends fast monitoring once it has lasted 30 s (also when it is off).
   void EndFastMonitorIfDue(int32_t now);
   void MarkListed(uint64_t conn_id, int32_t now);
+  // Stores `views` for `conn_id` unless the cache holds an equal list; true
+  // when it stored them.  Takes view_cache_mutex.
+  bool CacheServerViews(uint64_t conn_id, const std::vector<ServerViewEntry>& views);
+
+  // The status walk and its two checks, with state_mutex held.
+  bool WalkStatusLists(std::list<ConnectionStatusEntry>* reported,
+                       const std::map<uint64_t, ConnectionEntry>& stored,
+                       const std::map<uint64_t, const PObject*>& details);
+  bool FollowConnection(ConnectionStatusEntry* entry, const ConnectionStatusEntry& now_reported,
+                        const ConnectionEntry& stored, const PObject& details);
+  int CheckConnectionInfo(const ConnectionEntry& stored, ConnectionEntry* reported);
+  int TransitStatus(int old_status, int new_status, const ConnectionEntry& reported,
+                    ConnectionStatusEntry* entry);
 };
 
 #endif  // VESTA_MONITOR_VESTA_MONITOR_H_

@@ -20,6 +20,10 @@ import sys
 # denominator-time / numerator-time, so 0.8 means 80 % of the baseline's
 # speed.
 GOALS = [
+    ("status pass over 1,000 connections vs its reads", "BM_StatusPass/real_time",
+     "BM_StatusPassRawReads/real_time", "<=", 2.0),
+    ("share reconciliation of 1,000 sessions vs its reads", "BM_Reconcile",
+     "BM_ReconcileRawReads", "<=", 2.0),
 ]
 
 

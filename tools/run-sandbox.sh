@@ -3,8 +3,11 @@
 # system lives under a temporary VESTA_ROOT (service configuration, shared
 # folders, the sync daemon's socket), the daemon's own paths come from a
 # configuration file inside it.  A simulated sync daemon answers on
-# $VESTA_ROOT/tmp/tarn.sock and records what it is told; the monitor's log is
-# shown live; a few requests are sent with vesta-monitorctl.  Stops on
+# $VESTA_ROOT/tmp/tarn.sock and a simulated remote server on a loopback
+# port; both record what they are asked.  The monitor's log is shown live
+# while a short demonstration runs, each step printed as it happens: the
+# sync daemon loses the sample connection and finds it again, a listing
+# renames the sample session, an error notification pauses it.  Stops on
 # Ctrl-C, or after RUN_SECONDS when that is set.
 #
 #   tools/run-sandbox.sh BUILD_DIR
@@ -29,17 +32,30 @@ pid_file = $root/run/vesta-monitord.pid
 system_db_path = $root/system.sqlite
 socket_path = $root/run/tarn-monitor.sock
 log_level_file = $root/log.levels
-update_status_period = 5
+update_status_period = 2
 CONF
-# The sync daemon reports the sample connection as connected.
-cat > "$root/sync-daemon-script.json" <<'JSON'
-{"replies": {"get_status": {"connection_list": [{"connection_id": 1, "status": "connected",
-              "server_ip": "192.0.2.10", "server_port": 6690, "connection_mode": 0,
+
+# What the sync daemon says about the sample connection: `daemon_reports WORD`.
+daemon_reports() {
+  cat > "$root/sync-daemon-script.json.tmp" <<JSON
+{"replies": {"get_status": {"connection_list": [{"connection_id": 1, "status": "$1",
+              "server_ip": "127.0.0.1", "server_port": $server_port, "connection_mode": 1,
               "package_major": 3, "package_minor": 1, "package_version": 10001,
               "protocol_version": 70, "nx_id": "nx-sample", "restore_id": "",
               "tunnel_ip": "", "tunnel_port": 0}]},
              "*": {"ack": "ok"}}}
 JSON
+  mv "$root/sync-daemon-script.json.tmp" "$root/sync-daemon-script.json"
+}
+# What the remote server calls the sample session's view 100: `server_names NAME`.
+server_names() {
+  cat > "$root/remote-server-script.json.tmp" <<JSON
+{"replies": {"query_user_info": {"uid": 1026, "gid": 100, "is_admin_group": 0,
+  "view_list": [{"view_id": 100, "name": "$1", "privilege": "read-write"}]}}}
+JSON
+  mv "$root/remote-server-script.json.tmp" "$root/remote-server-script.json"
+}
+server_names team
 
 log=$volume/@FernboxTandem/log/tarn_monitor.log
 pidfile=$root/run/vesta-monitord.pid
@@ -56,10 +72,33 @@ stop() {
   for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; wait "$p" 2>/dev/null || true; done
   echo "stopped; sandbox left in $root"
   echo "requests the sync daemon received: $root/sync-daemon.jsonl"
+  echo "requests the remote server received: $root/remote-server.jsonl"
 }
 trap stop EXIT INT TERM
 
+sql() { sqlite3 -cmd ".timeout 10000" "$root/system.sqlite" "$1"; }
+# Waits up to 30 s for a condition; says what was seen, or that it was not.
+await() {
+  local what=$1
+  shift
+  for _ in $(seq 300); do
+    if "$@" >/dev/null 2>&1; then echo "<<< $what"; return 0; fi
+    sleep 0.1
+  done
+  echo "<<< not seen within 30 s: $what"
+}
+logged() { grep -qF "$1" "$log"; }
+step() { echo; echo ">>> $*"; }
+ctl() { echo ">>> vesta-monitorctl $* -> $("$ctl" --socket "$sock" "$@")"; }
+
 echo "sandbox: $root"
+python3 "$src/tests/peers/remote_server.py" --port 0 --record "$root/remote-server.jsonl" \
+  --script "$root/remote-server-script.json" --ready "$root/tmp/remote-server.ready" &
+pids+=($!)
+for _ in $(seq 50); do [ -f "$root/tmp/remote-server.ready" ] && break; sleep 0.1; done
+server_port=$(cat "$root/tmp/remote-server.ready")
+echo "simulated remote server on 127.0.0.1:$server_port"
+daemon_reports connected
 python3 "$src/tests/peers/sync_daemon.py" --record "$root/sync-daemon.jsonl" \
   --script "$root/sync-daemon-script.json" --ready "$root/tmp/sync-daemon.ready" &
 pids+=($!)
@@ -71,21 +110,43 @@ for _ in $(seq 50); do [ -S "$sock" ] && break; sleep 0.1; done
 echo "vesta-monitor runs as pid $(cat "$pidfile"), socket $sock"
 
 # The monitor created the schema; add a sample connection and session.
-sqlite3 "$root/system.sqlite" <<SQL
-INSERT INTO connection_table (id, server_name, server_ip, server_port, username, nx_id,
-  session, protocol_version, linked, package_version, major, minor)
-  VALUES (1, 'sample-nas', '192.0.2.10', 6690, 'alice', 'nx-sample', 'sid', 70, 1, 10001, 3, 1);
+sql "INSERT INTO connection_table (id, conn_mode, server_name, server_ip, server_port, username,
+  nx_id, session, protocol_version, linked, package_version, major, minor, use_ssl)
+  VALUES (1, 1, 'sample-nas', '127.0.0.1', $server_port, 'alice', 'nx-sample', 'sid', 70, 1,
+  10001, 3, 1, 0);
 INSERT INTO session_table (id, conn_id, share_name, remote_path, view_id, sync_folder,
-  is_daemon_enable) VALUES (1, 1, 'team', '/', 100, '$volume/docs/', 1);
-SQL
+  is_daemon_enable) VALUES (1, 1, 'team', '/', 100, '$volume/docs/', 1);"
 
 tail -n +1 -F "$log" 2>/dev/null &
 pids+=($!)
 
-sleep 1
-for req in "fast-monitor" "refresh-session 1" "notify-error 1 1 -18" "share-hook docs set_privilege_change"; do
+step "the sync daemon reports connection 1 as not connected"
+daemon_reports disconnected
+await "connection 1 is connecting" logged "Switch connection 1 (sample-nas) to connecting status"
+step "the sync daemon reports connection 1 as connected again"
+daemon_reports connected
+await "connection 1 recovered" logged "Connection 1 is recovered to connected status"
+echo "    connection 1 status|error: $(sql 'SELECT status, error FROM connection_table')"
+
+step "the remote server renames view 100 to 'projects'; ask for a listing of connection 1"
+server_names projects
+ctl refresh-session 1
+renamed() { [ "$(sql 'SELECT share_name FROM session_table WHERE id = 1')" = projects ]; }
+await "session 1 renamed to 'projects'" renamed
+
+step "the sync daemon reports that session 1's quota is full (-15)"
+ctl notify-error 1 1 -15
+notes=$root/var/lib/vesta/notifications.jsonl
+await "a notification to the administrators" test -s "$notes"
+[ -s "$notes" ] && echo "    $(tail -n 1 "$notes")"
+paused() { grep -q '"action": "pause", "session_id": 1' "$root/sync-daemon.jsonl"; }
+await "the sync daemon is told to pause session 1" paused
+echo "    session 1 status|error: $(sql 'SELECT status, error FROM session_table WHERE id = 1')"
+
+step "more requests"
+for req in "fast-monitor" "share-hook docs set_privilege_change"; do
   # shellcheck disable=SC2086
-  echo ">>> vesta-monitorctl $req -> $("$ctl" --socket "$sock" $req)"
+  ctl $req
 done
 
 if [ -n "${RUN_SECONDS:-}" ]; then

@@ -1,18 +1,22 @@
 // The two worker threads of MonitorDaemon in-process: start and stop with
 // SIGTERM, the share-listing schedule (built from the system database, due
-// search, "refresh_session") and the end of fast monitoring.
+// search, "refresh_session"), the end of fast monitoring, and the status
+// passes on a stepped clock with the sync daemon's replies built here.
 #include <signal.h>
 #include <sqlite3.h>
+#include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include "db/system-db.h"
 #include "gtest/gtest.h"
 #include "log/logger.h"
 #include "monitor/vesta-monitor.h"
 #include "stream/PObject.h"
+#include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
 
 namespace {
@@ -41,13 +45,17 @@ class WorkerTest : public ::testing::Test {
   void SetUp() override {
     // SIGTERM wakes a worker; the process handler must be in place.
     Daemon::SetSignalHandler(SIGTERM, Daemon::stop);
-    Logger::Init(Logger::kFile, dir_.File("test.log"), "", 50, 1);
+    // The status thread asks the sync daemon below it: nobody answers.
+    setenv("VESTA_ROOT", dir_.path().c_str(), 1);
+    Logger::Init(Logger::kFile, dir_.File("test.log"), dir_.Write("levels", "monitor_daemon=7\n"),
+                 50, 1);
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
   }
   void TearDown() override {
     SystemDB::deinitialize();
     Logger::Shutdown();
     Daemon::daemon_run.store(1);
+    unsetenv("VESTA_ROOT");
   }
 
   // Rows written with the raw library, as the user-interface back end does.
@@ -60,8 +68,44 @@ class WorkerTest : public ::testing::Test {
     sqlite3_close(db);
   }
 
+  std::string Query(const std::string& sql) {
+    return RunCommand("sqlite3 '" + dir_.File("system.sqlite") + "' \"" + sql + "\"");
+  }
+
   TempDir dir_;
 };
+
+// Watches what the status passes hand to HandleError, on a clock the test sets.
+class WatchedMonitor : public MonitorDaemon {
+ public:
+  int HandleError(const ConnectionEntry& connection, const SessionInfo& /*session*/, int code,
+                  const ConnectionEntry* previous) override {
+    EXPECT_EQ(1u, connection.id);
+    errors.push_back(code * 10 + (previous != nullptr));
+    return 0;
+  }
+  int32_t CurrentTime() const override { return now; }
+
+  int32_t now = 1000;
+  std::vector<int> errors;  // code * 10 + 1 when the previous record was given
+};
+
+// Connection 1 as stored; DaemonStatus reports it unchanged but for `key`.
+const char kConnectionRow[] =
+    "DELETE FROM connection_table; INSERT INTO connection_table (id, conn_mode, "
+    "package_version, protocol_version, status) VALUES (1, 1, 10000, 70, 1);";
+
+PObject DaemonStatus(const std::string& status, const char* key = "", const PObject& value = {}) {
+  PObject c, reply;
+  c["connection_id"] = 1;
+  c["status"] = status;
+  c["connection_mode"] = 1;
+  c["package_version"] = 10000;
+  c["protocol_version"] = 70;
+  if (*key) c[key] = value;
+  reply["connection_list"].MutableArray().push_back(c);
+  return reply;
+}
 
 TEST_F(WorkerTest, ListsDueConnectionsAndStopsOnSigterm) {
   Exec("INSERT INTO connection_table (id, session, status) VALUES (4, 's', 0);"
@@ -146,6 +190,79 @@ TEST_F(WorkerTest, FastMonitorEndsAfterThirtySeconds) {
   EXPECT_EQ(300, d.list_share_period.load());
   EXPECT_EQ(30, d.disconnected_time_threadhold.load());
   d.StopWorkerThreads();
+}
+
+TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
+  Exec(kConnectionRow);
+  WatchedMonitor d;
+  d.connection_status_list = {{1, 0, 0, 0}, {5, 0, 0, 0}};
+  d.server_view_cache = {{1, {}}, {5, {}}};
+  struct Step {
+    int32_t second;      // since the daemon first reported the connection lost
+    const char* status;  // the daemon's word
+    int stored_error;    // written before the pass, as the error handler would
+    int monitor_state;
+    size_t errors;  // HandleError calls so far, each 26
+  } steps[] = {
+      {0, "disconnected", 0, 1, 0},  {29, "lost", 0, 1, 0},          {30, "disconnected", 0, 2, 1},
+      {35, "disconnected", 0, 2, 2}, {40, "disconnected", -1, 2, 2}, {41, "connected", -1, 0, 2},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.second);
+    Exec("UPDATE connection_table SET error = " + std::to_string(step.stored_error) + ";");
+    d.now = 1000 + step.second;
+    EXPECT_EQ(0, d.UpdateStatusFrom(DaemonStatus(step.status)));
+    EXPECT_EQ(step.monitor_state, d.connection_status_list.front().monitor_state);
+    EXPECT_EQ(step.errors, d.errors.size());
+  }
+  EXPECT_EQ((std::vector<int>{260, 260}), d.errors);
+  EXPECT_EQ("0|0\n", Query("SELECT status, error FROM connection_table;"));
+
+  // An empty report drops every connection and its cached views, with one line.
+  EXPECT_EQ(0, d.UpdateStatusFrom(PObject()));
+  EXPECT_TRUE(d.connection_status_list.empty() && d.server_view_cache.empty());
+  std::istringstream log(ReadFile(dir_.File("test.log")));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(log, line);) {
+    if (line.find("from daemon") != std::string::npos) lines.push_back(line.substr(line.find('#')));
+  }
+  const std::string tail = " and any larger connections have been removed from daemon";
+  EXPECT_EQ((std::vector<std::string>{"#5" + tail, "#1" + tail}), lines);
+}
+
+TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
+  struct Case {
+    const char* key;  // of the daemon's report that differs from the stored row
+    int64_t number;
+    const char* text;  // the value when not null
+    bool stored_too;   // the row holds the same value
+    int stored_error;
+    int error;          // code * 10 + previous record given; 0 none
+    int daemon_status;  // kept for the connection after the pass
+  } cases[] = {
+      {"nx_id", 0, "OTHER", false, 0, 250, 0},
+      {"restore_id", 0, "R2", false, -1, 361, 0},
+      {"package_minor", 2, nullptr, false, 0, 161, 0},
+      {"package_version", 9999, nullptr, false, 0, 161, 0},
+      {"package_version", 9999, nullptr, true, 0, 220, 0},
+      {"protocol_version", 69, nullptr, false, 0, 220, 0},
+      {"protocol_version", 70, nullptr, false, 0, 0, 2},
+      {"protocol_version", 79, nullptr, false, 0, 0, 2},
+      {"protocol_version", 80, nullptr, false, 0, 230, 0},
+      {"nx_id", 0, "OTHER", false, 5, 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.key) + " " + (c.text ? c.text : std::to_string(c.number)));
+    Exec(kConnectionRow + ("UPDATE connection_table SET error = " +
+                           std::to_string(c.stored_error) + ";"));
+    if (c.stored_too) Exec("UPDATE connection_table SET package_version = 9999;");
+    WatchedMonitor d;
+    d.connection_status_list = {{1, 0, 0, 0}};
+    const PObject value = c.text ? PObject(c.text) : PObject(c.number);
+    EXPECT_EQ(0, d.UpdateStatusFrom(DaemonStatus("disconnected", c.key, value)));
+    EXPECT_EQ(c.error ? std::vector<int>{c.error} : std::vector<int>{}, d.errors);
+    EXPECT_EQ(c.daemon_status, d.connection_status_list.front().daemon_status);
+  }
 }
 
 }  // namespace

@@ -22,8 +22,6 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import monitor_system_test as mst  # noqa: E402
 
-PEERS = os.path.join(HERE, "..", "peers")
-
 S = "0|1|1|0"      # session 1 untouched: error|status|is_daemon_enable|is_read_only
 C = "0|0|1|stale"  # connection untouched: error|status|linked|ssl_signature
 
@@ -93,27 +91,12 @@ class ErrorNotificationTest(unittest.TestCase):
         text = subprocess.run(["openssl", "x509", "-noout", "-text", "-in", cert],
                               capture_output=True, text=True, check=True).stdout
         self.signature = "".join(text[text.rindex("Signature Value:") + 16:].split())
-        self.spawn("sync_daemon.py", "--record", self.record)
-        self.server_port = int(self.spawn("remote_server.py", "--port", "0", "--cert", cert,
+        self.box.spawn("sync_daemon.py", "--record", self.record)
+        self.server_port = int(self.box.spawn("remote_server.py", "--port", "0", "--cert", cert,
                                           "--key", key, "--script", self.script))
         box.start_and_wait()
         self.assertTrue(mst.wait_for(lambda: "starts receiving messages" in box.log_text()))
         self.seen = {}
-
-    def spawn(self, peer, *args):
-        """Starts a peer in the sandbox; returns what its ready file says."""
-        ready = os.path.join(self.box.root, peer + ".ready")
-        p = subprocess.Popen([sys.executable, os.path.join(PEERS, peer), "--ready", ready]
-                             + list(args), env=self.box.env())
-        self.addCleanup(p.wait, 10)
-        self.addCleanup(p.terminate)
-        self.assertTrue(mst.wait_for(lambda: os.path.exists(ready), limit=20))
-        with open(ready) as f:
-            return f.read()
-
-    def sql(self, text):
-        return subprocess.run(["sqlite3", "-cmd", ".timeout 10000", self.box.db, text],
-                              capture_output=True, text=True, check=True).stdout.strip()
 
     def reset(self, setup):
         v = {"cerr": 0, "serr": 0, "dir": 1, "ro": 0, "other": 1, "mode": 0, "port": free_port()}
@@ -123,7 +106,7 @@ class ErrorNotificationTest(unittest.TestCase):
             with open(self.script, "w") as f:
                 json.dump({"replies": {"query_server_info": {
                     "package_version": {"major": 3, "minor": 0, "build": setup["server"]}}}}, f)
-        self.sql("DELETE FROM connection_table; DELETE FROM session_table;"
+        self.box.sql("DELETE FROM connection_table; DELETE FROM session_table;"
                  "INSERT INTO connection_table (id, nx_id, server_name, server_ip, server_port, "
                  "linked, error, conn_mode, use_ssl, ssl_signature) VALUES (1, 'nx1', 'nas', "
                  "'127.0.0.1', %(port)d, 1, %(cerr)d, %(mode)d, 1, 'stale');"
@@ -150,12 +133,14 @@ class ErrorNotificationTest(unittest.TestCase):
                 # Served one after the other: the answer comes once the error is handled.
                 self.assertIsNone(self.box.request({"action": "next"}))
 
-                self.assertEqual(session, self.sql("SELECT error, status, is_daemon_enable, "
+                self.assertEqual(session, self.box.sql("SELECT error, status, is_daemon_enable, "
                                                    "is_read_only FROM session_table WHERE id = 1"))
                 # CERT: the signature that openssl prints.
-                self.assertEqual(connection.replace("CERT", self.signature), self.sql(
+                self.assertEqual(connection.replace("CERT", self.signature), self.box.sql(
                     "SELECT error, status, linked, ssl_signature FROM connection_table"))
-                sent = [r["request"] for r in self.taken(self.record)]
+                # The status thread's own get_status requests aside.
+                sent = [r["request"] for r in self.taken(self.record)
+                        if r["request"].get("action") != "get_status"]
                 self.assertEqual(commands, [r["action"] + (" s%d" % r["session_id"] if "session_id"
                                                            in r else " c%d" % r["connection_id"])
                                             for r in sent])

@@ -21,7 +21,8 @@ import time
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "peers"))
+PEERS = os.path.join(HERE, "..", "peers")
+sys.path.insert(0, PEERS)
 import pstream  # noqa: E402
 
 BINARY = None
@@ -90,6 +91,7 @@ class Sandbox:
         self.conf = os.path.join(self.root, "monitor.conf")
         self.write_conf()
         self.log = os.path.join(self.volume, "@FernboxTandem/log/tarn_monitor.log")
+        self.peers = []
 
     def write_conf(self, pid_file=None):
         with open(self.conf, "w") as f:
@@ -139,6 +141,22 @@ class Sandbox:
             s.sendall(raw if raw is not None else pstream.encode(value))
             return pstream.recv_value(s)
 
+    def spawn(self, peer, *args):
+        """Starts a simulated peer (a script of tests/peers) in the sandbox;
+        returns what its ready file says.  cleanup() ends it."""
+        ready = os.path.join(self.root, peer + ".ready")
+        self.peers.append(subprocess.Popen(
+            [sys.executable, os.path.join(PEERS, peer), "--ready", ready] + list(args),
+            env=self.env()))
+        assert wait_for(lambda: os.path.exists(ready), limit=20), peer
+        with open(ready) as f:
+            return f.read()
+
+    def sql(self, text):
+        """What the sqlite3 shell prints for `text` on the system database."""
+        return subprocess.run(["sqlite3", "-cmd", ".timeout 10000", self.db, text],
+                              capture_output=True, text=True, check=True).stdout.strip()
+
     def stop_by_signal(self, signo):
         pid = self.pid()
         os.kill(pid, signo)
@@ -150,6 +168,9 @@ class Sandbox:
         return gone, time.monotonic() - t0
 
     def cleanup(self):
+        for p in self.peers:
+            p.terminate()
+            p.wait(timeout=10)
         try:
             pid = self.pid()
             if pid_alive(pid):

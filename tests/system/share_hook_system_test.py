@@ -5,7 +5,6 @@ Usage: share_hook_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
 import json
 import os
-import subprocess
 import sys
 import unittest
 
@@ -13,9 +12,6 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import monitor_system_test  # noqa: E402
 from monitor_system_test import Sandbox, wait_for  # noqa: E402
-
-PEER = os.path.join(HERE, "..", "peers", "sync_daemon.py")
-
 
 def read(path):
     with open(path) as f:
@@ -38,11 +34,8 @@ class ShareHookTest(unittest.TestCase):
         self.addCleanup(box.cleanup)
         with open(box.conf, "a") as f:  # no worker pass while a test runs
             f.write("update_status_period=3600\nlist_share_period=3600\n")
-        self.record, ready = box.root + "/sync-daemon.jsonl", box.root + "/peer.ready"
-        peer = subprocess.Popen([sys.executable, PEER, "--record", self.record, "--ready", ready],
-                                env=box.env())
-        self.addCleanup(lambda: (peer.terminate(), peer.wait()))
-        self.assertTrue(wait_for(lambda: os.path.exists(ready)))
+        self.record = box.root + "/sync-daemon.jsonl"
+        box.spawn("sync_daemon.py", "--record", self.record)
         self.folder = box.volume + "/docs"
         self.filter = box.volume + "/@FernboxTandem/session/1/conf/blacklist.filter"
         os.makedirs(os.path.dirname(self.filter))
@@ -51,7 +44,7 @@ class ShareHookTest(unittest.TestCase):
         box.start_and_wait()
         self.assertTrue(wait_for(lambda: "starts receiving messages" in box.log_text()))
         # Session 2 keeps connection 1 linked when session 1 is disabled.
-        self.sql("INSERT INTO connection_table (id, server_ip, linked) VALUES (1, '127.0.0.1', 1);"
+        self.box.sql("INSERT INTO connection_table (id, server_ip, linked) VALUES (1, '127.0.0.1', 1);"
                  "INSERT INTO session_table (id, conn_id, share_name, view_id, remote_path,"
                  " sync_folder, is_daemon_enable, status) VALUES"
                  " (1, 1, 'team', 10, '/', 'docs/', 1, 1), (2, 1, 'x', 20, '/', 'x/', 1, 1);"
@@ -61,13 +54,9 @@ class ShareHookTest(unittest.TestCase):
         with open(self.box.root + "/etc/vesta/shares/docs.conf", "w") as f:
             f.write("path=%s\n%s" % (self.folder, extra))
 
-    def sql(self, script):
-        return subprocess.run(["sqlite3", "-cmd", ".timeout 10000", self.box.db, script],
-                              check=True, capture_output=True, text=True, timeout=30).stdout
-
     def row(self, table="session_table",
             columns="error, status, is_daemon_enable, is_encryption, is_mounted"):
-        out = self.sql("SELECT %s FROM %s WHERE id = 1;" % (columns, table))
+        out = self.box.sql("SELECT %s FROM %s WHERE id = 1;" % (columns, table))
         return tuple(int(v) for v in out.split("|"))
 
     def notices(self):
@@ -113,7 +102,7 @@ class ShareHookTest(unittest.TestCase):
         ]
         for type_, result, enabled, mounted, commands, after in cases:
             with self.subTest(type=type_, result=result, enabled=enabled, mounted=mounted):
-                self.sql("UPDATE session_table SET error = -3, status = 3, is_encryption = 0,"
+                self.box.sql("UPDATE session_table SET error = -3, status = 3, is_encryption = 0,"
                          " is_daemon_enable = %d, is_mounted = %d WHERE id = 1;"
                          % (enabled, mounted))
                 self.assertCommands(commands, self.hook(type_, result))
@@ -125,7 +114,7 @@ class ShareHookTest(unittest.TestCase):
         for stored, notified in ((0, 1), (-3, 0)):
             with self.subTest(stored=stored):
                 open(self.filter, "w").close()
-                self.sql("UPDATE session_table SET error = %d, status = 1 WHERE id = 1;" % stored)
+                self.box.sql("UPDATE session_table SET error = %d, status = 1 WHERE id = 1;" % stored)
                 before = self.notices()
                 self.assertCommands([REMOVE], self.hook("post_share_transform"))
                 self.assertEqual((-11, 0, 1, 1, 0), self.row())
@@ -139,7 +128,7 @@ class ShareHookTest(unittest.TestCase):
         self.assertEqual((0, 1, 1, 1, 1), self.row())
 
     def test_share_gone(self):
-        self.sql("UPDATE session_table SET is_daemon_enable = 0 WHERE id = 2;")
+        self.box.sql("UPDATE session_table SET is_daemon_enable = 0 WHERE id = 2;")
         self.assertCommands([REMOVE, {"action": "unlink_connection", "connection_id": 1}],
                             self.hook("share_removed"))
         self.assertEqual((0, 3, 0), self.row("connection_table", "error, status, linked"))

@@ -1,0 +1,133 @@
+#!/usr/bin/env python3
+"""System tests of the status and share-listing threads of the real binary,
+against the simulated sync daemon's scripted get_status replies and the
+simulated remote server's scripted view lists; rows through the sqlite3 shell.
+
+Usage: workers_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
+"""
+
+import json
+import os
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import monitor_system_test as mst  # noqa: E402
+from monitor_system_test import wait_for  # noqa: E402
+
+# Connection 1 as stored (server address, status, error) and as reported.
+CONNECTION = ("INSERT INTO connection_table (id, conn_mode, server_ip, server_port, session,"
+              " package_version, protocol_version, use_ssl, status, error)"
+              " VALUES (1, 1, '%s', %d, 'sid', 10000, 70, 0, %d, %d);")
+REPORTED = {"connection_id": 1, "status": "connected", "server_ip": "192.0.2.10",
+            "server_port": 6690, "connection_mode": 1, "package_version": 10000,
+            "protocol_version": 70}
+
+
+class WorkersSandbox(mst.Sandbox):
+    """A Sandbox with the simulated sync daemon and remote server, each
+    answering from its script PEER.json and recording into PEER.jsonl."""
+
+    def start_peers(self):
+        for peer, args in (("sync_daemon", []), ("remote_server", ["--port", "0"])):
+            path = os.path.join(self.root, peer)
+            self.script(peer, {})
+            open(path + ".jsonl", "w").close()
+            ready = self.spawn(peer + ".py", "--script", path + ".json", "--record",
+                               path + ".jsonl", *args)
+        self.server_port = int(ready)
+
+    def script(self, peer, value):
+        path = os.path.join(self.root, peer + ".json")
+        with open(path + ".tmp", "w") as f:
+            json.dump(value, f)
+        os.rename(path + ".tmp", path)
+
+    def recorded(self, peer):
+        with open(os.path.join(self.root, peer + ".jsonl")) as f:
+            return [json.loads(line)["request"] for line in f if '"request"' in line]
+
+
+class WorkersTest(unittest.TestCase):
+    def setUp(self):
+        self.box = WorkersSandbox()
+        self.addCleanup(self.box.cleanup)
+        self.box.start_peers()
+        self.box.start_and_wait()
+
+    def report(self, **changes):
+        self.box.script("sync_daemon", {"replies": {"get_status": {"connection_list": [
+            dict(REPORTED, **changes)]}}})
+
+    def test_status_recovers_a_connection_and_follows_its_server(self):
+        box, row = self.box, "SELECT status, error, server_ip FROM connection_table;"
+        box.sql(CONNECTION % ("192.0.2.10", 6690, 1, -1))
+        self.report(status="disconnected")
+        self.assertTrue(wait_for(lambda: "Connection #1 has been added" in box.log_text()))
+        self.report(server_ip="192.0.2.99")
+        self.assertTrue(wait_for(lambda: box.sql(row) == "0|0|192.0.2.99", limit=10), box.sql(row))
+
+        # Another server behind the address: paused with -5, notified once.
+        self.report(server_ip="192.0.2.99", nx_id="OTHER")
+        self.assertTrue(wait_for(lambda: box.sql(row) == "2|-5|192.0.2.99", limit=10), box.sql(row))
+        self.assertIn({"action": "pause", "connection_id": 1}, box.recorded("sync_daemon"))
+        asked = len(box.recorded("sync_daemon"))
+        self.assertTrue(wait_for(lambda: len(box.recorded("sync_daemon")) >= asked + 2))
+        with open(os.path.join(box.root, "var/lib/vesta/notifications.jsonl")) as f:
+            self.assertEqual(["NXChange"], [json.loads(line)["notify_id"] for line in f])
+
+    def test_listing_brings_sessions_in_line_with_the_servers_views(self):
+        box = self.box
+        box.sql(CONNECTION % ("127.0.0.1", box.server_port, 0, 0) +
+                "INSERT INTO session_table (id, conn_id, view_id, share_name, remote_path,"
+                " is_daemon_enable, status, error) VALUES (1, 1, 100, 'team', '/', 1, 0, 0),"
+                " (2, 1, 200, 'vault', '/', 1, 3, -8), (3, 1, 300, 'gone', '/', 1, 0, 0);")
+        box.script("remote_server", {"replies": {"query_user_info": {"uid": 1026, "view_list": [
+            {"view_id": 100, "node_id": 0, "name": "photo", "privilege": "read-only",
+             "version": 2},
+            {"view_id": 200, "node_id": 7, "name": "vault", "privilege": "read-write",
+             "is_encryption": 1, "is_mounted": 1}]}}})
+        sessions = ("SELECT id, share_name, share_version, perm_mode, is_read_only, status, error"
+                    " FROM session_table;")
+        views = "SELECT view_id, node_id, name, privilege, is_mount FROM server_view_table;"
+
+        def listings():
+            return len(box.recorded("remote_server"))
+
+        def listed(times):
+            """Asks until the server has seen `times` listings (a request
+            during a listing is undone by its end); one runs at a time, so
+            the one before has ended."""
+            def ask():
+                box.request({"action": "refresh_session", "conn_id": 1})
+                return wait_for(lambda: listings() >= times, limit=0.5)
+            return wait_for(ask, limit=10, step=0)
+
+        # Due at once: listed within about a second, the thread's pause.
+        self.assertIsNone(box.request({"action": "refresh_session", "conn_id": 1}))
+        self.assertTrue(wait_for(lambda: listings() >= 1, limit=3.0))
+        self.assertTrue(wait_for(lambda: box.sql(sessions) == "1|photo|2|2|1|0|0\n"
+                                 "2|vault|0|0|0|1|0\n3|gone|0|0|0|0|0"), box.sql(sessions))
+        self.assertIn({"action": "resume", "session_id": 2}, box.recorded("sync_daemon"))
+        self.assertEqual("1026", box.sql("SELECT user_uid FROM connection_table;"))
+        self.assertEqual("100|100|photo|1|0\n200|7|vault|2|1", box.sql(views))
+
+        # An unchanged list rewrites no row.
+        box.sql("UPDATE server_view_table SET name = 'kept' WHERE view_id = 100;")
+        self.assertTrue(listed(2) and listed(3))
+        self.assertEqual("100|100|kept|1|0\n200|7|vault|2|1", box.sql(views))
+
+        # An error and an empty list leave every session as it is, even one
+        # that the last views would change.
+        for reply in ({"error": {"code": 28680, "reason": "denied"}}, {"view_list": []}):
+            box.script("remote_server", {"replies": {"query_user_info": reply}})
+            self.assertTrue(listed(listings() + 1))  # from here on, listings get `reply`
+            box.sql("UPDATE session_table SET share_name = 'team', is_read_only = 0 WHERE id = 1;")
+            before = box.sql(sessions)
+            self.assertTrue(listed(listings() + 2))
+            self.assertEqual(before, box.sql(sessions), reply)
+
+
+if __name__ == "__main__":
+    mst.BINARY = os.path.abspath(sys.argv.pop(1))
+    unittest.main()
