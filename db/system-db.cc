@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "db/base64.h"
-#include "db/client-updater-util.h"
+#include "db/sqlite-guards.h"
 #include "log/log.h"
 
 sqlite3* SystemDB::m_db = nullptr;
