@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 #include <openssl/provider.h>
 
+#include <cstdarg>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -283,39 +284,62 @@ void ExecLocked(const char* sql, ExecResult* result) {
   result->code = sqlite3_exec(SystemDB::m_db, sql, nullptr, nullptr, result->message.out());
 }
 
-// Runs `sql` under m_dbMutex; true when it succeeded.
-bool Exec(const char* sql, ExecResult* result) {
-  std::lock_guard<std::mutex> lock(SystemDB::m_dbMutex);
-  ExecLocked(sql, result);
-  return result->code == SQLITE_OK;
+// The one-row writes fall into four families, each with its own failure
+// messages.
+enum class RowWrite { kStatusOrError, kLink, kSessionFlags, kUserInfo };
+
+void LogFormatFailure(RowWrite family) {
+  switch (family) {
+    case RowWrite::kStatusOrError:
+      LOG_ERROR(kComponent, " sqlite3_mprintf failed.");
+      return;
+    case RowWrite::kLink:
+      LOG_ERROR(kComponent, "insert sqlite3_mprintf failed.");
+      return;
+    case RowWrite::kSessionFlags:
+      LOG_ERROR(kComponent, "sqlite3_mprintf failed");
+      return;
+    case RowWrite::kUserInfo:
+      return;  // silent
+  }
 }
 
-// The four one-integer writes of status and error.  `op` names the
-// operation in its failure message.
-int WriteInteger(const char* op, char* formatted) {
-  SqliteText sql(formatted);
+void LogExecFailure(RowWrite family, const char* op, uint64_t id, const ExecResult& r) {
+  switch (family) {
+    case RowWrite::kStatusOrError:
+    case RowWrite::kLink:
+      LOG_ERROR(kComponent, "%s fail ret = %d %s", op, r.code, r.message.c_str());
+      return;
+    case RowWrite::kSessionFlags:
+      LOG_ERROR(kComponent, "sqlite3_exec failed: ret = %d [%s]", r.code, r.message.c_str());
+      return;
+    case RowWrite::kUserInfo:
+      LOG_ERROR(kComponent, "update user info of #%llu failed (%d)", static_cast<ull>(id),
+                r.code);
+      return;
+  }
+}
+
+// Formats one single-row statement with SQLite's printf and runs it under
+// m_dbMutex.  `op` and `id` (the row's id) name the write in its failure
+// message.
+__attribute__((format(printf, 4, 5))) int WriteRow(RowWrite family, const char* op,
+                                                     uint64_t id, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  SqliteText sql(sqlite3_vmprintf(format, args));
+  va_end(args);
   if (!sql) {
-    LOG_ERROR(kComponent, " sqlite3_mprintf failed.");
+    LogFormatFailure(family);
     return -1;
   }
   ExecResult r;
-  if (!Exec(sql.get(), &r)) {
-    LOG_ERROR(kComponent, "%s fail ret = %d %s", op, r.code, r.message.c_str());
-    return -1;
+  {
+    std::lock_guard<std::mutex> lock(SystemDB::m_dbMutex);
+    ExecLocked(sql.get(), &r);
   }
-  return 0;
-}
-
-// The read-only and encryption writes, which share their messages.
-int WriteSessionFlags(char* formatted) {
-  SqliteText sql(formatted);
-  if (!sql) {
-    LOG_ERROR(kComponent, "sqlite3_mprintf failed");
-    return -1;
-  }
-  ExecResult r;
-  if (!Exec(sql.get(), &r)) {
-    LOG_ERROR(kComponent, "sqlite3_exec failed: ret = %d [%s]", r.code, r.message.c_str());
+  if (r.code != SQLITE_OK) {
+    LogExecFailure(family, op, id, r);
     return -1;
   }
   return 0;
@@ -537,74 +561,59 @@ void SystemDB::deinitialize() {
 }
 
 int SystemDB::setSessionStatus(uint64_t session_id, int status) {
-  return WriteInteger("setSessionStatus",
-                      sqlite3_mprintf("update session_table SET status = %d WHERE id = %llu;",
-                                      status, static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kStatusOrError, "setSessionStatus", session_id,
+                  "update session_table SET status = %d WHERE id = %llu;", status,
+                  static_cast<ull>(session_id));
 }
 
 int SystemDB::setConnectionStatus(uint64_t conn_id, int status) {
-  return WriteInteger("setConnectionStatus",
-                      sqlite3_mprintf("update connection_table SET status = %d WHERE id = %llu;",
-                                      status, static_cast<ull>(conn_id)));
+  return WriteRow(RowWrite::kStatusOrError, "setConnectionStatus", conn_id,
+                  "update connection_table SET status = %d WHERE id = %llu;", status,
+                  static_cast<ull>(conn_id));
 }
 
 int SystemDB::setSessionErr(uint64_t session_id, int error) {
-  return WriteInteger("setSessionErr",
-                      sqlite3_mprintf("update session_table SET error = %d WHERE id = %llu;",
-                                      error, static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kStatusOrError, "setSessionErr", session_id,
+                  "update session_table SET error = %d WHERE id = %llu;", error,
+                  static_cast<ull>(session_id));
 }
 
 int SystemDB::setConnectionErr(uint64_t conn_id, int error) {
-  return WriteInteger("setConnectionErr",
-                      sqlite3_mprintf("update connection_table SET error = %d WHERE id = %llu;",
-                                      error, static_cast<ull>(conn_id)));
+  return WriteRow(RowWrite::kStatusOrError, "setConnectionErr", conn_id,
+                  "update connection_table SET error = %d WHERE id = %llu;", error,
+                  static_cast<ull>(conn_id));
 }
 
 int SystemDB::setLinkByConnection(uint64_t conn_id, int linked) {
-  SqliteText sql(sqlite3_mprintf("UPDATE connection_table SET linked = %d WHERE id = %llu; ",
-                                 linked, static_cast<ull>(conn_id)));
-  if (!sql) {
-    LOG_ERROR(kComponent, "insert sqlite3_mprintf failed.");
-    return -1;
-  }
-  ExecResult r;
-  if (!Exec(sql.get(), &r)) {
-    LOG_ERROR(kComponent, "setLinkByConnection fail ret = %d %s", r.code, r.message.c_str());
-    return -1;
-  }
-  return 0;
+  return WriteRow(RowWrite::kLink, "setLinkByConnection", conn_id,
+                  "UPDATE connection_table SET linked = %d WHERE id = %llu; ", linked,
+                  static_cast<ull>(conn_id));
 }
 
 int SystemDB::updateUserInfo(uint64_t conn_id, uint32_t uid, uint32_t gid, bool is_admin) {
-  SqliteText sql(sqlite3_mprintf(
-      "UPDATE connection_table SET user_uid = %u, user_gid = %u, user_is_admin = %u "
-      "WHERE id = %llu\n",
-      uid, gid, is_admin ? 1u : 0u, static_cast<ull>(conn_id)));
-  if (!sql) return -1;
-  ExecResult r;
-  if (!Exec(sql.get(), &r)) {
-    LOG_ERROR(kComponent, "update user info of #%llu failed (%d)", static_cast<ull>(conn_id),
-              r.code);
-    return -1;
-  }
-  return 0;
+  return WriteRow(RowWrite::kUserInfo, "updateUserInfo", conn_id,
+                  "UPDATE connection_table SET user_uid = %u, user_gid = %u, user_is_admin = %u "
+                  "WHERE id = %llu\n",
+                  uid, gid, is_admin ? 1u : 0u, static_cast<ull>(conn_id));
 }
 
 int SystemDB::setSessionReadOnly(uint64_t session_id) {
-  return WriteSessionFlags(sqlite3_mprintf(
-      "UPDATE session_table SET is_read_only = 1 WHERE id = %llu;", static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kSessionFlags, "setSessionReadOnly", session_id,
+                  "UPDATE session_table SET is_read_only = 1 WHERE id = %llu;",
+                  static_cast<ull>(session_id));
 }
 
 int SystemDB::clearSessionReadOnly(uint64_t session_id) {
-  return WriteSessionFlags(sqlite3_mprintf(
-      "UPDATE session_table SET is_read_only = 0 WHERE id = %llu;", static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kSessionFlags, "clearSessionReadOnly", session_id,
+                  "UPDATE session_table SET is_read_only = 0 WHERE id = %llu;",
+                  static_cast<ull>(session_id));
 }
 
 int SystemDB::setSessionEncryptionState(uint64_t session_id, bool is_encryption,
                                         bool is_mounted) {
-  return WriteSessionFlags(sqlite3_mprintf(
-      "UPDATE session_table SET is_encryption = %d, is_mounted = %d WHERE id = %llu;",
-      is_encryption ? 1 : 0, is_mounted ? 1 : 0, static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kSessionFlags, "setSessionEncryptionState", session_id,
+                  "UPDATE session_table SET is_encryption = %d, is_mounted = %d WHERE id = %llu;",
+                  is_encryption ? 1 : 0, is_mounted ? 1 : 0, static_cast<ull>(session_id));
 }
 
 int SystemDB::updateConnectionEntry(ConnectionEntry* entry, const ProxyInfo& proxy,
