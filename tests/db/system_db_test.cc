@@ -796,7 +796,8 @@ TEST_F(SystemDBTest, WriteWaitsForAnotherProcessHoldingTheLock) {
     RunCommand("sqlite3 " + ShellQuote(path_) + " < " + ShellQuote(script));
   });
   struct stat st;
-  while (stat(marker.c_str(), &st) != 0) usleep(10000);
+  for (int i = 0; i < 3000 && stat(marker.c_str(), &st) != 0; ++i) usleep(10000);  // 30 s
+  EXPECT_EQ(0, stat(marker.c_str(), &st)) << "the shell never took the lock";
   // The lock is held now: our write must wait for the commit, then land.
   EXPECT_EQ(0, SystemDB::setSessionStatus(sess, 7));
   holder.join();
