@@ -172,9 +172,14 @@ static_assert(kSessColumnCount == 28, "the session reads select 28 columns");
 
 using ull = unsigned long long;
 
-std::string ColumnText(sqlite3_stmt* stmt, int col) {
+// Sets `out` to the column's text; NULL reads as "".
+void ReadText(sqlite3_stmt* stmt, int col, std::string* out) {
   const unsigned char* text = sqlite3_column_text(stmt, col);
-  return text != nullptr ? reinterpret_cast<const char*>(text) : "";
+  if (text != nullptr) {
+    out->assign(reinterpret_cast<const char*>(text));
+  } else {
+    out->clear();
+  }
 }
 
 uint64_t ColumnId(sqlite3_stmt* stmt, int col) {
@@ -187,25 +192,27 @@ bool ColumnIsOne(sqlite3_stmt* stmt, int col) { return sqlite3_column_int64(stmt
 void ReadConnectionRow(sqlite3_stmt* stmt, ConnectionEntry* e) {
   e->id = ColumnId(stmt, kConnId);
   e->conn_mode = sqlite3_column_int(stmt, kConnMode);
-  e->server_name = ColumnText(stmt, kServerName);
-  e->server_ip = ColumnText(stmt, kServerIp);
+  ReadText(stmt, kServerName, &e->server_name);
+  ReadText(stmt, kServerIp, &e->server_ip);
   e->server_port = sqlite3_column_int(stmt, kServerPort);
-  e->username = ColumnText(stmt, kUsername);
-  e->nx_id = ColumnText(stmt, kNxId);
-  e->session = ColumnText(stmt, kSession);
+  ReadText(stmt, kUsername, &e->username);
+  ReadText(stmt, kNxId, &e->nx_id);
+  ReadText(stmt, kSession, &e->session);
   e->protocol_version = sqlite3_column_int(stmt, kProtocolVersion);
-  e->computer_name = ColumnText(stmt, kComputerName);
+  ReadText(stmt, kComputerName, &e->computer_name);
   e->use_ssl = ColumnNonZero(stmt, kUseSsl);
   e->proxy.use_proxy = ColumnNonZero(stmt, kUseProxy);
   e->proxy.use_system_proxy = ColumnNonZero(stmt, kUseSystemProxy);
-  e->proxy.proxy_ip = ColumnText(stmt, kProxyIp);
+  ReadText(stmt, kProxyIp, &e->proxy.proxy_ip);
   e->proxy.proxy_port = static_cast<uint16_t>(sqlite3_column_int(stmt, kProxyPort));
-  e->proxy.proxy_username = ColumnText(stmt, kProxyUsername);
-  SystemDB::DecodeProxyPassword(ColumnText(stmt, kProxyPassword), &e->proxy.proxy_password);
-  e->proxy.proxy_domain = ColumnText(stmt, kProxyDomain);
-  e->proxy.proxy_host = ColumnText(stmt, kProxyHost);
+  ReadText(stmt, kProxyUsername, &e->proxy.proxy_username);
+  std::string stored_password;
+  ReadText(stmt, kProxyPassword, &stored_password);
+  SystemDB::DecodeProxyPassword(stored_password, &e->proxy.proxy_password);
+  ReadText(stmt, kProxyDomain, &e->proxy.proxy_domain);
+  ReadText(stmt, kProxyHost, &e->proxy.proxy_host);
   e->tunnel.use_tunnel = ColumnNonZero(stmt, kUseTunnel);
-  e->tunnel.tunnel_ip = ColumnText(stmt, kTunnelIp);
+  ReadText(stmt, kTunnelIp, &e->tunnel.tunnel_ip);
   e->tunnel.tunnel_port = static_cast<uint16_t>(sqlite3_column_int(stmt, kTunnelPort));
   e->linked = sqlite3_column_int(stmt, kLinked);
   e->status = sqlite3_column_int(stmt, kConnStatus);
@@ -217,22 +224,23 @@ void ReadConnectionRow(sqlite3_stmt* stmt, ConnectionEntry* e) {
   e->user_uid = static_cast<uint32_t>(sqlite3_column_int64(stmt, kUserUid));
   e->user_gid = static_cast<uint32_t>(sqlite3_column_int64(stmt, kUserGid));
   e->user_is_admin = ColumnNonZero(stmt, kUserIsAdmin);
-  e->ssl_signature = ColumnText(stmt, kSslSignature);
-  e->private_key_pem = ColumnText(stmt, kPrivateKeyPem);
-  e->public_key_fingerprint = ColumnText(stmt, kPublicKeyFingerprint);
-  e->restore_id = ColumnText(stmt, kRestoreId);
+  ReadText(stmt, kSslSignature, &e->ssl_signature);
+  ReadText(stmt, kPrivateKeyPem, &e->private_key_pem);
+  ReadText(stmt, kPublicKeyFingerprint, &e->public_key_fingerprint);
+  ReadText(stmt, kRestoreId, &e->restore_id);
   e->enable_shared_with_me = ColumnNonZero(stmt, kEnableSharedWithMe);
   e->conn_type = sqlite3_column_int(stmt, kConnType);
-  e->host_name = ColumnText(stmt, kHostName);
-  e->cloud_extension_clsid = ColumnText(stmt, kCloudExtensionClsid);
-  e->domain_name = ColumnText(stmt, kDomainName);
+  ReadText(stmt, kHostName, &e->host_name);
+  ReadText(stmt, kCloudExtensionClsid, &e->cloud_extension_clsid);
+  ReadText(stmt, kDomainName, &e->domain_name);
   e->resolved_address.clear();
 }
 
 // Drops trailing "/" and "\" unless the folder is made of nothing else.
 void StripSyncFolder(std::string* folder) {
-  size_t end = folder->find_last_not_of("/\\");
-  if (end != std::string::npos) folder->resize(end + 1);
+  size_t n = folder->size();
+  while (n > 0 && ((*folder)[n - 1] == '/' || (*folder)[n - 1] == '\\')) --n;
+  if (n > 0) folder->resize(n);
 }
 
 // Drops trailing "/" unless the path is exactly the root.
@@ -247,10 +255,10 @@ std::string StoredRemotePath(const std::string& path) { return path == "/" ? pat
 void ReadSessionRow(sqlite3_stmt* stmt, SessionInfo* s) {
   s->id = ColumnId(stmt, kSessId);
   s->conn_id = ColumnId(stmt, kSessConnId);
-  s->share_name = ColumnText(stmt, kShareName);
+  ReadText(stmt, kShareName, &s->share_name);
   s->view_id = ColumnId(stmt, kViewId);
   s->share_version = sqlite3_column_int(stmt, kShareVersion);
-  s->sync_folder = ColumnText(stmt, kSyncFolder);
+  ReadText(stmt, kSyncFolder, &s->sync_folder);
   StripSyncFolder(&s->sync_folder);
   s->perm_mode = sqlite3_column_int(stmt, kPermMode);
   s->is_read_only = ColumnNonZero(stmt, kIsReadOnly);
@@ -258,9 +266,9 @@ void ReadSessionRow(sqlite3_stmt* stmt, SessionInfo* s) {
   s->node_id = ColumnId(stmt, kNodeId);
   s->sync_direction = sqlite3_column_int(stmt, kSyncDirection);
   s->ignore_local_remove = ColumnNonZero(stmt, kIgnoreLocalRemove);
-  s->conflict_policy = ColumnText(stmt, kConflictPolicy);
+  ReadText(stmt, kConflictPolicy, &s->conflict_policy);
   s->rename_conflict = ColumnNonZero(stmt, kRenameConflict);
-  s->remote_path = ColumnText(stmt, kRemotePath);
+  ReadText(stmt, kRemotePath, &s->remote_path);
   StripRemotePath(&s->remote_path);
   s->is_encryption = ColumnIsOne(stmt, kIsEncryption);
   s->is_mounted = ColumnIsOne(stmt, kIsMounted);
@@ -270,8 +278,8 @@ void ReadSessionRow(sqlite3_stmt* stmt, SessionInfo* s) {
   s->is_shared_with_me = ColumnIsOne(stmt, kIsSharedWithMe);
   s->session_type = sqlite3_column_int(stmt, kSessionType);
   s->with_q9share = ColumnNonZero(stmt, kWithQ9share);
-  s->q9_share_id = ColumnText(stmt, kQ9ShareId);
-  s->q9_hash_key = ColumnText(stmt, kQ9HashKey);
+  ReadText(stmt, kQ9ShareId, &s->q9_share_id);
+  ReadText(stmt, kQ9HashKey, &s->q9_hash_key);
 }
 
 struct ExecResult {
@@ -526,8 +534,11 @@ int SystemDB::initialize(const std::string& path) {
     LOG_INFO(kComponent, "SystemDB has been initialized (no-op)");
     return 0;
   }
+  // m_dbMutex serialises every use of the handle, so SQLite's own lock
+  // around each call (taken by every column read of every row) is dropped.
   SqliteHandle db;
-  int rc = sqlite3_open(path.c_str(), db.out());
+  int rc = sqlite3_open_v2(path.c_str(), db.out(),
+                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     LOG_ERROR(kComponent, "SystemDB: Failed to open database at '%s'. [%d] %s", path.c_str(), rc,
               sqlite3_errmsg(db.get()));
@@ -776,11 +787,11 @@ void ApplyOption(const std::string& key, sqlite3_stmt* stmt, int value_col, Gene
   if (key == "sync_mode") {
     o->sync_mode = sqlite3_column_int(stmt, value_col);
   } else if (key == "open_folder") {
-    o->open_folder = ColumnText(stmt, value_col);
+    ReadText(stmt, value_col, &o->open_folder);
   } else if (key == "machine_uuid") {
-    o->machine_uuid = ColumnText(stmt, value_col);
+    ReadText(stmt, value_col, &o->machine_uuid);
   } else if (key == "device_uuid") {
-    o->device_uuid = ColumnText(stmt, value_col);
+    ReadText(stmt, value_col, &o->device_uuid);
   }
 }
 
@@ -790,9 +801,11 @@ int SystemDB::getGeneralOptions(GeneralOptions* options) {
   std::lock_guard<std::mutex> lock(m_dbMutex);
   SqliteStatement stmt;
   if (PrepareLocked("getGeneralOptions", "SELECT * FROM system_table", &stmt) != 0) return -1;
+  std::string key;
   int row;
   while ((row = StepOnce(stmt.get())) == 1) {
-    ApplyOption(ColumnText(stmt.get(), 0), stmt.get(), 1, options);
+    ReadText(stmt.get(), 0, &key);
+    ApplyOption(key, stmt.get(), 1, options);
   }
   return row < 0 ? -1 : 0;
 }
