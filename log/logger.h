@@ -74,6 +74,7 @@ class Logger {
  private:
   static int Rotate();
   static int OpenFile();
+  static int OpenOwnStandardStream();
   static void Lock();
   static void Unlock();
 };

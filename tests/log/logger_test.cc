@@ -1,9 +1,11 @@
 #include "log/logger.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <map>
 #include <regex>
 #include <set>
@@ -199,6 +201,34 @@ TEST_F(LoggerTest, AsyncFlushWritesEverythingByShutdown) {
   Logger::Shutdown();
   EXPECT_EQ(1001u, Lines(ReadFile(log)).size());
   EXPECT_NE(std::string::npos, ReadFile(log).find("message 999"));
+}
+
+// Standard output keeps a buffer of its own through an asynchronous logger
+// on it: nothing written after Shutdown lands in the handler's freed buffer.
+TEST_F(LoggerTest, StandardOutputOutlivesTheAsyncBuffer) {
+  std::string out = dir_.File("stdout");
+  fflush(stdout);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    static char own[BUFSIZ];
+    stdout = fdopen(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), "w");
+    setvbuf(stdout, own, _IOFBF, sizeof(own));
+    Logger::InitConfig config;  // standard output
+    config.async = true;
+    Logger::Init(config);
+    Logger::Log(LOG_LEVEL_ERROR, "c", "logged\n");
+    Logger::Shutdown();
+    fputs("after shutdown\n", stdout);
+    const bool in_own_buffer = strncmp(own, "after shutdown\n", 15) == 0;
+    fflush(stdout);
+    _exit(in_own_buffer ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(pid, waitpid(pid, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(std::regex_match(ReadFile(out), std::regex("\\S+ logged\nafter shutdown\n")))
+      << ReadFile(out);
 }
 
 TEST_F(LoggerTest, InitFailuresKeepThePreviousOutput) {
