@@ -292,7 +292,13 @@ void Logger::Lock() {
       log_flock = fd;
     }
   }
-  if (log_flock >= 0) flock(log_flock, LOCK_EX);
+  // The daemon's signal handlers do not restart system calls: a signal
+  // that ends the wait for another process's lock must not let this write
+  // through without it.
+  if (log_flock >= 0) {
+    while (flock(log_flock, LOCK_EX) != 0 && errno == EINTR) {
+    }
+  }
 }
 
 void Logger::Unlock() {

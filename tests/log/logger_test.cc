@@ -1,15 +1,21 @@
 #include "log/logger.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <regex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -229,6 +235,50 @@ TEST_F(LoggerTest, StandardOutputOutlivesTheAsyncBuffer) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_TRUE(std::regex_match(ReadFile(out), std::regex("\\S+ logged\nafter shutdown\n")))
       << ReadFile(out);
+}
+
+std::atomic<int> signals_handled{0};
+
+// True while thread `tid` of this process waits in flock.
+bool WaitsInFlock(pid_t tid) {
+  std::string call = ReadFile("/proc/self/task/" + std::to_string(tid) + "/syscall");
+  return call.compare(0, call.find(' '), std::to_string(SYS_flock)) == 0;
+}
+
+bool Eventually(const std::function<bool()>& condition) {
+  for (int i = 0; i < 10000; ++i, usleep(1000)) {  // 10 s
+    if (condition()) return true;
+  }
+  return false;
+}
+
+// A signal that ends the wait for another process's lock (the daemon's
+// handlers do not restart system calls) does not let the message through.
+TEST_F(LoggerTest, SignalDuringTheLockWaitKeepsWaiting) {
+  std::string log = dir_.File("locked.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 2));
+  int other = open((log + ".lock").c_str(), O_RDWR);  // as another process would
+  ASSERT_EQ(0, flock(other, LOCK_EX));
+  struct sigaction handler = {}, saved;
+  handler.sa_handler = [](int) { ++signals_handled; };  // no SA_RESTART
+  sigaction(SIGUSR2, &handler, &saved);
+  std::atomic<pid_t> tid{0};
+  std::atomic<bool> returned{false};
+  std::thread writer([&] {
+    tid = static_cast<pid_t>(syscall(SYS_gettid));
+    Logger::Log(LOG_LEVEL_ERROR, "c", "written\n");
+    returned = true;
+  });
+  EXPECT_TRUE(Eventually([&] { return WaitsInFlock(tid); }));
+  pthread_kill(writer.native_handle(), SIGUSR2);
+  EXPECT_TRUE(Eventually([&] { return signals_handled == 1 && (returned || WaitsInFlock(tid)); }));
+  EXPECT_FALSE(returned);
+  EXPECT_EQ("", ReadFile(log));
+  flock(other, LOCK_UN);
+  writer.join();
+  EXPECT_NE(std::string::npos, ReadFile(log).find("written"));
+  sigaction(SIGUSR2, &saved, nullptr);
+  close(other);
 }
 
 TEST_F(LoggerTest, InitFailuresKeepThePreviousOutput) {
