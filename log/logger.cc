@@ -49,13 +49,19 @@ bool CountersShared(const Logger::InitConfig& c) { return c.share_mode >= 2; }
 }  // namespace
 
 namespace {
+
 // flock locks belong to an open file description, which a forked child
 // shares with its parent: a child must open the lock file anew before its
-// lock excludes anyone.
-pid_t flock_owner = 0;
+// lock excludes anyone.  A fork handler marks the child, so that Lock need
+// not ask for the process id on every message.
+bool lock_file_inherited = false;
+
+void MarkLockFileInherited() { lock_file_inherited = true; }
 
 int OpenLockFile(const std::string& log_file) {
-  flock_owner = getpid();
+  static const int registered = pthread_atfork(nullptr, nullptr, MarkLockFileInherited);
+  (void)registered;
+  lock_file_inherited = false;
   std::string lock_path = log_file + ".lock";
   return open(lock_path.c_str(), O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, 0777);
 }
@@ -285,7 +291,7 @@ int Logger::GetLevel(const std::string& component) {
 
 void Logger::Lock() {
   if (log_lock != nullptr) pthread_mutex_lock(log_lock);
-  if (log_flock >= 0 && flock_owner != getpid()) {
+  if (log_flock >= 0 && lock_file_inherited) {
     int fd = OpenLockFile(config.path);
     if (fd >= 0) {
       close(log_flock);
