@@ -35,9 +35,10 @@ void Exec(sqlite3* db, const char* sql) {
 // sessions, all of connection 1.
 void Prepare() {
   static bool done = [] {
-    char pattern[] = "/tmp/vesta-bench-XXXXXX";
-    const std::string path = std::string(mkdtemp(pattern)) + "/system.sqlite";
-    if (SystemDB::initialize(path) != 0) abort();
+    static char dir[] = "/tmp/vesta-bench-XXXXXX";
+    if (mkdtemp(dir) == nullptr) abort();
+    std::atexit([] { std::system((std::string("rm -rf '") + dir + "'").c_str()); });
+    if (SystemDB::initialize(std::string(dir) + "/system.sqlite") != 0) abort();
     Exec(SystemDB::m_db, "PRAGMA synchronous = OFF;");
     Exec(SystemDB::m_db, "PRAGMA journal_mode = MEMORY;");
     Exec(SystemDB::m_db, "BEGIN;");
