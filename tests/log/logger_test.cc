@@ -237,21 +237,18 @@ TEST_F(LoggerTest, StandardOutputOutlivesTheAsyncBuffer) {
       << ReadFile(out);
 }
 
-std::string TaskFile(pid_t tid, const char* name) {
-  return ReadFile("/proc/self/task/" + std::to_string(tid) + "/" + name);
-}
-
-// True while thread `tid` of this process waits in flock.
-bool WaitsInFlock(pid_t tid) {
-  std::string call = TaskFile(tid, "syscall");
-  return call.compare(0, call.find(' '), std::to_string(SYS_flock)) == 0;
-}
-
-// How many times thread `tid` went to sleep.
-long Sleeps(pid_t tid) {
-  std::string status = TaskFile(tid, "status");
-  size_t at = status.find("\nvoluntary_ctxt_switches:");
-  return at == std::string::npos ? -1 : atol(status.c_str() + at + 25);
+// Whether thread `tid` of this process waits in flock now, and how many
+// times it has gone to sleep so far.
+struct TaskState {
+  bool in_flock;
+  long sleeps;
+};
+TaskState StateOf(pid_t tid) {
+  const std::string task = "/proc/self/task/" + std::to_string(tid) + "/";
+  const std::string call = ReadFile(task + "syscall"), status = ReadFile(task + "status");
+  const size_t at = status.find("\nvoluntary_ctxt_switches:");
+  return {call.compare(0, call.find(' '), std::to_string(SYS_flock)) == 0,
+          at == std::string::npos ? -1 : atol(status.c_str() + at + 25)};
 }
 
 bool Eventually(const std::function<bool()>& condition) {
@@ -278,11 +275,14 @@ TEST_F(LoggerTest, SignalDuringTheLockWaitKeepsWaiting) {
     Logger::Log(LOG_LEVEL_ERROR, "c", "written\n");
     returned = true;
   });
-  EXPECT_TRUE(Eventually([&] { return WaitsInFlock(tid); }));
-  const long sleeps = Sleeps(tid);
+  EXPECT_TRUE(Eventually([&] { return StateOf(tid).in_flock; }));
+  const long sleeps = StateOf(tid).sleeps;
   pthread_kill(writer.native_handle(), SIGUSR2);
   // Woken by the signal, the writer either writes at once or waits again.
-  EXPECT_TRUE(Eventually([&] { return returned || (WaitsInFlock(tid) && Sleeps(tid) > sleeps); }));
+  EXPECT_TRUE(Eventually([&] {
+    const TaskState now = StateOf(tid);
+    return returned || (now.in_flock && now.sleeps > sleeps);
+  }));
   EXPECT_FALSE(returned);
   EXPECT_EQ("", ReadFile(log));
   flock(other, LOCK_UN);
