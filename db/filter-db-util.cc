@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-#include "db/client-updater-util.h"
+#include "db/sqlite-guards.h"
 #include "log/log.h"
 #include "sdk/fslib/fslib.h"
 

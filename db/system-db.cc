@@ -1,23 +1,45 @@
+// SystemDB: the handle with its schema, and every write.
 #include "db/system-db.h"
 
-#include <openssl/evp.h>
-#include <openssl/provider.h>
-
-#include <cstring>
-#include <memory>
+#include <cstdarg>
 #include <sstream>
 
-#include "db/base64.h"
-#include "db/client-updater-util.h"
+#include "db/system-db-sql.h"
 #include "log/log.h"
+
+using namespace system_db_detail;
 
 sqlite3* SystemDB::m_db = nullptr;
 std::mutex SystemDB::m_dbMutex;
 std::string SystemDB::m_system_db_path;
 
-namespace {
+namespace system_db_detail {
 
-const char kComponent[] = "system_db_debug";
+void ExecLocked(const char* sql, ExecResult* result) {
+  result->code = sqlite3_exec(SystemDB::m_db, sql, nullptr, nullptr, result->message.out());
+}
+
+int StepOnce(sqlite3_stmt* stmt) {
+  int rc = sqlite3_step(stmt);
+  if (rc == SQLITE_ROW) return 1;
+  if (rc == SQLITE_DONE) return 0;
+  LOG_ERROR(kComponent, "sqlite3_step: [%d] %s", rc, sqlite3_errmsg(SystemDB::m_db));
+  return -1;
+}
+
+int PrepareLocked(const char* op, const char* sql, SqliteStatement* stmt) {
+  int rc = sqlite3_prepare_v2(SystemDB::m_db, sql, -1, stmt->out(), nullptr);
+  if (rc != SQLITE_OK) {
+    LOG_ERROR(kComponent, "%s: sqlite3_prepare_v2: %s (%d)", op, sqlite3_errmsg(SystemDB::m_db),
+              rc);
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace system_db_detail
+
+namespace {
 
 // Run on every start; every statement is idempotent, so a database made by
 // an older version keeps its rows and its seed values.
@@ -130,212 +152,66 @@ const char kSchemaScript[] =
     "INSERT OR IGNORE INTO system_table (key, value) VALUES ('enable_advanced_log', '0');"
     "COMMIT;";
 
-// All columns of connection_table in table order; ConnCol indexes them.
-const char kConnectionColumns[] =
-    "id, conn_mode, server_name, server_ip, server_port, hopgate_mode, username, nx_id, "
-    "session, protocol_version, computer_name, use_ssl, use_proxy, use_system_proxy, "
-    "proxy_ip, proxy_port, proxy_username, proxy_password, proxy_domain, proxy_host, "
-    "use_tunnel, tunnel_ip, tunnel_port, linked, status, error, package_version, major, "
-    "minor, ssl_allow_untrust, user_uid, user_gid, user_is_admin, ssl_signature, "
-    "private_key_pem, public_key_fingerprint, restore_id, enable_shared_with_me, "
-    "conn_type, host_name, cloud_extension_clsid, domain_name";
-
-enum ConnCol {
-  kConnId, kConnMode, kServerName, kServerIp, kServerPort, kHopgateMode, kUsername, kNxId,
-  kSession, kProtocolVersion, kComputerName, kUseSsl, kUseProxy, kUseSystemProxy,
-  kProxyIp, kProxyPort, kProxyUsername, kProxyPassword, kProxyDomain, kProxyHost,
-  kUseTunnel, kTunnelIp, kTunnelPort, kLinked, kConnStatus, kConnError, kPackageVersion,
-  kMajor, kMinor, kSslAllowUntrust, kUserUid, kUserGid, kUserIsAdmin, kSslSignature,
-  kPrivateKeyPem, kPublicKeyFingerprint, kRestoreId, kEnableSharedWithMe, kConnType,
-  kHostName, kCloudExtensionClsid, kDomainName, kConnColumnCount
-};
-static_assert(kConnColumnCount == 42, "connection_table has 42 columns");
-
-// The columns the session reads select, in this order; SessCol indexes them.
-const char kSessionColumns[] =
-    "id, conn_id, share_name, ctime, view_id, status, error, share_version, sync_folder, "
-    "perm_mode, is_read_only, is_daemon_enable, node_id, sync_direction, "
-    "ignore_local_remove, conflict_policy, rename_conflict, remote_path, is_encryption, "
-    "is_mounted, attribute_check_strength, sync_temp_file, use_windows_cloud_file_api, "
-    "is_shared_with_me, session_type, with_q9share, q9_share_id, q9_hash_key";
-
-enum SessCol {
-  kSessId, kSessConnId, kShareName, kCtime, kViewId, kSessStatus, kSessError,
-  kShareVersion, kSyncFolder, kPermMode, kIsReadOnly, kIsDaemonEnable, kNodeId,
-  kSyncDirection, kIgnoreLocalRemove, kConflictPolicy, kRenameConflict, kRemotePath,
-  kIsEncryption, kIsMounted, kAttributeCheckStrength, kSyncTempFile,
-  kUseWindowsCloudFileApi, kIsSharedWithMe, kSessionType, kWithQ9share, kQ9ShareId,
-  kQ9HashKey, kSessColumnCount
-};
-static_assert(kSessColumnCount == 28, "the session reads select 28 columns");
-
-using ull = unsigned long long;
-
-std::string ColumnText(sqlite3_stmt* stmt, int col) {
-  const unsigned char* text = sqlite3_column_text(stmt, col);
-  return text != nullptr ? reinterpret_cast<const char*>(text) : "";
-}
-
-uint64_t ColumnId(sqlite3_stmt* stmt, int col) {
-  return static_cast<uint64_t>(sqlite3_column_int64(stmt, col));
-}
-
-bool ColumnNonZero(sqlite3_stmt* stmt, int col) { return sqlite3_column_int64(stmt, col) != 0; }
-bool ColumnIsOne(sqlite3_stmt* stmt, int col) { return sqlite3_column_int64(stmt, col) == 1; }
-
-void ReadConnectionRow(sqlite3_stmt* stmt, ConnectionEntry* e) {
-  e->id = ColumnId(stmt, kConnId);
-  e->conn_mode = sqlite3_column_int(stmt, kConnMode);
-  e->server_name = ColumnText(stmt, kServerName);
-  e->server_ip = ColumnText(stmt, kServerIp);
-  e->server_port = sqlite3_column_int(stmt, kServerPort);
-  e->username = ColumnText(stmt, kUsername);
-  e->nx_id = ColumnText(stmt, kNxId);
-  e->session = ColumnText(stmt, kSession);
-  e->protocol_version = sqlite3_column_int(stmt, kProtocolVersion);
-  e->computer_name = ColumnText(stmt, kComputerName);
-  e->use_ssl = ColumnNonZero(stmt, kUseSsl);
-  e->proxy.use_proxy = ColumnNonZero(stmt, kUseProxy);
-  e->proxy.use_system_proxy = ColumnNonZero(stmt, kUseSystemProxy);
-  e->proxy.proxy_ip = ColumnText(stmt, kProxyIp);
-  e->proxy.proxy_port = static_cast<uint16_t>(sqlite3_column_int(stmt, kProxyPort));
-  e->proxy.proxy_username = ColumnText(stmt, kProxyUsername);
-  SystemDB::DecodeProxyPassword(ColumnText(stmt, kProxyPassword), &e->proxy.proxy_password);
-  e->proxy.proxy_domain = ColumnText(stmt, kProxyDomain);
-  e->proxy.proxy_host = ColumnText(stmt, kProxyHost);
-  e->tunnel.use_tunnel = ColumnNonZero(stmt, kUseTunnel);
-  e->tunnel.tunnel_ip = ColumnText(stmt, kTunnelIp);
-  e->tunnel.tunnel_port = static_cast<uint16_t>(sqlite3_column_int(stmt, kTunnelPort));
-  e->linked = sqlite3_column_int(stmt, kLinked);
-  e->status = sqlite3_column_int(stmt, kConnStatus);
-  e->error = sqlite3_column_int(stmt, kConnError);
-  e->package_version = sqlite3_column_int(stmt, kPackageVersion);
-  e->major = sqlite3_column_int(stmt, kMajor);
-  e->minor = sqlite3_column_int(stmt, kMinor);
-  e->ssl_allow_untrust = ColumnNonZero(stmt, kSslAllowUntrust);
-  e->user_uid = static_cast<uint32_t>(sqlite3_column_int64(stmt, kUserUid));
-  e->user_gid = static_cast<uint32_t>(sqlite3_column_int64(stmt, kUserGid));
-  e->user_is_admin = ColumnNonZero(stmt, kUserIsAdmin);
-  e->ssl_signature = ColumnText(stmt, kSslSignature);
-  e->private_key_pem = ColumnText(stmt, kPrivateKeyPem);
-  e->public_key_fingerprint = ColumnText(stmt, kPublicKeyFingerprint);
-  e->restore_id = ColumnText(stmt, kRestoreId);
-  e->enable_shared_with_me = ColumnNonZero(stmt, kEnableSharedWithMe);
-  e->conn_type = sqlite3_column_int(stmt, kConnType);
-  e->host_name = ColumnText(stmt, kHostName);
-  e->cloud_extension_clsid = ColumnText(stmt, kCloudExtensionClsid);
-  e->domain_name = ColumnText(stmt, kDomainName);
-  e->resolved_address.clear();
-}
-
-// Drops trailing "/" and "\" unless the folder is made of nothing else.
-void StripSyncFolder(std::string* folder) {
-  size_t end = folder->find_last_not_of("/\\");
-  if (end != std::string::npos) folder->resize(end + 1);
-}
-
-// Drops trailing "/" unless the path is exactly the root.
-void StripRemotePath(std::string* path) {
-  if (*path == "/") return;
-  size_t end = path->find_last_not_of('/');
-  path->resize(end == std::string::npos ? 0 : end + 1);
-}
-
+// A remote path as session_table stores it: with one trailing "/" unless
+// it is the root.
 std::string StoredRemotePath(const std::string& path) { return path == "/" ? path : path + "/"; }
 
-void ReadSessionRow(sqlite3_stmt* stmt, SessionInfo* s) {
-  s->id = ColumnId(stmt, kSessId);
-  s->conn_id = ColumnId(stmt, kSessConnId);
-  s->share_name = ColumnText(stmt, kShareName);
-  s->view_id = ColumnId(stmt, kViewId);
-  s->share_version = sqlite3_column_int(stmt, kShareVersion);
-  s->sync_folder = ColumnText(stmt, kSyncFolder);
-  StripSyncFolder(&s->sync_folder);
-  s->perm_mode = sqlite3_column_int(stmt, kPermMode);
-  s->is_read_only = ColumnNonZero(stmt, kIsReadOnly);
-  s->is_daemon_enable = ColumnNonZero(stmt, kIsDaemonEnable);
-  s->node_id = ColumnId(stmt, kNodeId);
-  s->sync_direction = sqlite3_column_int(stmt, kSyncDirection);
-  s->ignore_local_remove = ColumnNonZero(stmt, kIgnoreLocalRemove);
-  s->conflict_policy = ColumnText(stmt, kConflictPolicy);
-  s->rename_conflict = ColumnNonZero(stmt, kRenameConflict);
-  s->remote_path = ColumnText(stmt, kRemotePath);
-  StripRemotePath(&s->remote_path);
-  s->is_encryption = ColumnIsOne(stmt, kIsEncryption);
-  s->is_mounted = ColumnIsOne(stmt, kIsMounted);
-  s->attribute_check_strength = sqlite3_column_int(stmt, kAttributeCheckStrength);
-  s->sync_temp_file = ColumnIsOne(stmt, kSyncTempFile);
-  s->use_windows_cloud_file_api = ColumnIsOne(stmt, kUseWindowsCloudFileApi);
-  s->is_shared_with_me = ColumnIsOne(stmt, kIsSharedWithMe);
-  s->session_type = sqlite3_column_int(stmt, kSessionType);
-  s->with_q9share = ColumnNonZero(stmt, kWithQ9share);
-  s->q9_share_id = ColumnText(stmt, kQ9ShareId);
-  s->q9_hash_key = ColumnText(stmt, kQ9HashKey);
+// The one-row writes fall into four families, each with its own failure
+// messages.
+enum class RowWrite { kStatusOrError, kLink, kSessionFlags, kUserInfo };
+
+void LogFormatFailure(RowWrite family) {
+  switch (family) {
+    case RowWrite::kStatusOrError:
+      LOG_ERROR(kComponent, " sqlite3_mprintf failed.");
+      return;
+    case RowWrite::kLink:
+      LOG_ERROR(kComponent, "insert sqlite3_mprintf failed.");
+      return;
+    case RowWrite::kSessionFlags:
+      LOG_ERROR(kComponent, "sqlite3_mprintf failed");
+      return;
+    case RowWrite::kUserInfo:
+      return;  // silent
+  }
 }
 
-struct ExecResult {
-  int code = SQLITE_OK;
-  SqliteText message;  // SQLite's error text, when it gave one
-};
-
-// Runs `sql` on the open database.  The caller holds m_dbMutex.
-void ExecLocked(const char* sql, ExecResult* result) {
-  result->code = sqlite3_exec(SystemDB::m_db, sql, nullptr, nullptr, result->message.out());
+void LogExecFailure(RowWrite family, const char* op, uint64_t id, const ExecResult& r) {
+  switch (family) {
+    case RowWrite::kStatusOrError:
+    case RowWrite::kLink:
+      LOG_ERROR(kComponent, "%s fail ret = %d %s", op, r.code, r.message.c_str());
+      return;
+    case RowWrite::kSessionFlags:
+      LOG_ERROR(kComponent, "sqlite3_exec failed: ret = %d [%s]", r.code, r.message.c_str());
+      return;
+    case RowWrite::kUserInfo:
+      LOG_ERROR(kComponent, "update user info of #%llu failed (%d)", static_cast<ull>(id),
+                r.code);
+      return;
+  }
 }
 
-// Runs `sql` under m_dbMutex; true when it succeeded.
-bool Exec(const char* sql, ExecResult* result) {
-  std::lock_guard<std::mutex> lock(SystemDB::m_dbMutex);
-  ExecLocked(sql, result);
-  return result->code == SQLITE_OK;
-}
-
-// The four one-integer writes of status and error.  `op` names the
-// operation in its failure message.
-int WriteInteger(const char* op, char* formatted) {
-  SqliteText sql(formatted);
+// Formats one single-row statement with SQLite's printf and runs it under
+// m_dbMutex.  `op` and `id` (the row's id) name the write in its failure
+// message.
+__attribute__((format(printf, 4, 5))) int WriteRow(RowWrite family, const char* op,
+                                                     uint64_t id, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  SqliteText sql(sqlite3_vmprintf(format, args));
+  va_end(args);
   if (!sql) {
-    LOG_ERROR(kComponent, " sqlite3_mprintf failed.");
+    LogFormatFailure(family);
     return -1;
   }
   ExecResult r;
-  if (!Exec(sql.get(), &r)) {
-    LOG_ERROR(kComponent, "%s fail ret = %d %s", op, r.code, r.message.c_str());
-    return -1;
+  {
+    std::lock_guard<std::mutex> lock(SystemDB::m_dbMutex);
+    ExecLocked(sql.get(), &r);
   }
-  return 0;
-}
-
-// The read-only and encryption writes, which share their messages.
-int WriteSessionFlags(char* formatted) {
-  SqliteText sql(formatted);
-  if (!sql) {
-    LOG_ERROR(kComponent, "sqlite3_mprintf failed");
-    return -1;
-  }
-  ExecResult r;
-  if (!Exec(sql.get(), &r)) {
-    LOG_ERROR(kComponent, "sqlite3_exec failed: ret = %d [%s]", r.code, r.message.c_str());
-    return -1;
-  }
-  return 0;
-}
-
-// Steps `stmt` once.  1 row, 0 done, -1 error (logged).  Caller holds the lock.
-int StepOnce(sqlite3_stmt* stmt) {
-  int rc = sqlite3_step(stmt);
-  if (rc == SQLITE_ROW) return 1;
-  if (rc == SQLITE_DONE) return 0;
-  LOG_ERROR(kComponent, "sqlite3_step: [%d] %s", rc, sqlite3_errmsg(SystemDB::m_db));
-  return -1;
-}
-
-// Prepares `sql` into `stmt`; logs "<op>: sqlite3_prepare_v2: ..." on failure.
-int PrepareLocked(const char* op, const char* sql, SqliteStatement* stmt) {
-  int rc = sqlite3_prepare_v2(SystemDB::m_db, sql, -1, stmt->out(), nullptr);
-  if (rc != SQLITE_OK) {
-    LOG_ERROR(kComponent, "%s: sqlite3_prepare_v2: %s (%d)", op, sqlite3_errmsg(SystemDB::m_db),
-              rc);
+  if (r.code != SQLITE_OK) {
+    LogExecFailure(family, op, id, r);
     return -1;
   }
   return 0;
@@ -347,7 +223,7 @@ int SelectIdLocked(const char* op, const char* sql, uint64_t* id) {
   SqliteStatement stmt;
   if (PrepareLocked(op, sql, &stmt) != 0) return -1;
   int found = StepOnce(stmt.get());
-  if (found == 1) *id = ColumnId(stmt.get(), 0);
+  if (found == 1) *id = static_cast<uint64_t>(sqlite3_column_int64(stmt.get(), 0));
   return found;
 }
 
@@ -372,140 +248,18 @@ int UpdateAndSelectId(const char* op, const char* what, const char* update,
   return 0;
 }
 
-// Reads the integer columns of the first row of `formatted` (a statement
-// from sqlite3_mprintf, taken over) into `out[0..count)`.  1 found, 0 no
-// row, -1 failure (logged under `op`).
-int SelectInts(const char* op, char* formatted, int* const* out, int count) {
-  SqliteText sql(formatted);
-  if (!sql) {
-    LOG_ERROR(kComponent, "sqlite3_mprintf failed");
-    return -1;
-  }
-  std::lock_guard<std::mutex> lock(SystemDB::m_dbMutex);
-  SqliteStatement stmt;
-  if (PrepareLocked(op, sql.get(), &stmt) != 0) return -1;
-  int found = StepOnce(stmt.get());
-  if (found == 1) {
-    for (int i = 0; i < count; ++i) *out[i] = sqlite3_column_int(stmt.get(), i);
-  }
-  return found;
-}
-
-// Reads every row of `sql` into `rows` with `read`.  0, or -1 on failure.
-template <typename Record>
-int SelectRows(const char* op, const char* sql, void (*read)(sqlite3_stmt*, Record*),
-               std::list<Record>* rows) {
-  std::lock_guard<std::mutex> lock(SystemDB::m_dbMutex);
-  SqliteStatement stmt;
-  if (PrepareLocked(op, sql, &stmt) != 0) return -1;
-  int row;
-  while ((row = StepOnce(stmt.get())) == 1) {
-    rows->emplace_back();
-    read(stmt.get(), &rows->back());
-  }
-  return row < 0 ? -1 : 0;
-}
-
-// Reads one session matched by `where` (an SQL condition).  1 found, 0 not
-// found, -1 failure.
-int SelectOneSession(const char* where, SessionInfo* session) {
-  SqliteText sql(sqlite3_mprintf("SELECT %s FROM session_table WHERE %s;", kSessionColumns, where));
-  if (!sql) {
-    LOG_ERROR(kComponent, "insert/replace sqlite3_mprintf failed.");
-    return -1;
-  }
-  std::lock_guard<std::mutex> lock(SystemDB::m_dbMutex);
-  SqliteStatement stmt;
-  if (PrepareLocked("getSessionInfoBySessionID", sql.get(), &stmt) != 0) return -1;
-  int found = StepOnce(stmt.get());
-  if (found == 1) ReadSessionRow(stmt.get(), session);
-  return found;
-}
-
-// The Blowfish key of the stored proxy password.  The user-interface back
-// end encrypts with the same four bytes.
-const unsigned char kProxyPasswordKey[4] = {0x5c, 0x3a, 0x9e, 0x71};
-
-// Blowfish lives in OpenSSL's legacy provider; a library context of our own
-// holds it (with the default provider) so the rest of the process keeps the
-// default set-up.  Created once, kept for the process's life.
-OSSL_LIB_CTX* CipherContext() {
-  static OSSL_LIB_CTX* ctx = [] {
-    OSSL_LIB_CTX* c = OSSL_LIB_CTX_new();
-    if (c != nullptr) {
-      OSSL_PROVIDER_load(c, "legacy");
-      OSSL_PROVIDER_load(c, "default");
-    }
-    return c;
-  }();
-  return ctx;
-}
-
-struct CipherFree {
-  void operator()(EVP_CIPHER* c) const { EVP_CIPHER_free(c); }
-};
-struct CipherCtxFree {
-  void operator()(EVP_CIPHER_CTX* c) const { EVP_CIPHER_CTX_free(c); }
-};
-
-// Blowfish CFB-64 over `in` with the password key and a zero vector;
-// `encrypt` picks the direction.  The output has the input's length.
-int ProxyPasswordCipher(const std::string& in, bool encrypt, std::string* out) {
-  out->clear();
-  OSSL_LIB_CTX* lib = CipherContext();
-  if (lib == nullptr) return -1;
-  std::unique_ptr<EVP_CIPHER, CipherFree> cipher(EVP_CIPHER_fetch(lib, "BF-CFB", nullptr));
-  std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx(EVP_CIPHER_CTX_new());
-  if (!cipher || !ctx) return -1;
-  const int enc = encrypt ? 1 : 0;
-  const unsigned char iv[8] = {0};
-  if (EVP_CipherInit_ex2(ctx.get(), cipher.get(), nullptr, nullptr, enc, nullptr) != 1 ||
-      EVP_CIPHER_CTX_set_key_length(ctx.get(), sizeof(kProxyPasswordKey)) != 1 ||
-      EVP_CipherInit_ex2(ctx.get(), nullptr, kProxyPasswordKey, iv, enc, nullptr) != 1) {
-    return -1;
-  }
-  std::string buffer(in.size() + EVP_MAX_BLOCK_LENGTH, '\0');
-  unsigned char* dst = reinterpret_cast<unsigned char*>(&buffer[0]);
-  int len = 0, tail = 0;
-  if (EVP_CipherUpdate(ctx.get(), dst, &len, reinterpret_cast<const unsigned char*>(in.data()),
-                       static_cast<int>(in.size())) != 1 ||
-      EVP_CipherFinal_ex(ctx.get(), dst + len, &tail) != 1) {
-    return -1;
-  }
-  buffer.resize(static_cast<size_t>(len + tail));
-  out->swap(buffer);
-  return 0;
-}
-
 }  // namespace
-
-int SystemDB::EncodeProxyPassword(const std::string& plain, std::string* stored) {
-  stored->clear();
-  if (plain.empty()) return 0;
-  std::string cipher_text;
-  if (ProxyPasswordCipher(plain, true, &cipher_text) != 0) return -1;
-  return Base64Encode(cipher_text, kBase64Standard, stored);
-}
-
-int SystemDB::DecodeProxyPassword(const std::string& stored, std::string* plain) {
-  plain->clear();
-  // Most rows hold no password; the cipher's set-up costs more than a row.
-  if (stored.empty()) return 0;
-  std::string cipher_text;
-  if (Base64Decode(stored, kBase64Standard, &cipher_text) != 0) return -1;
-  if (ProxyPasswordCipher(cipher_text, false, plain) != 0) return -1;
-  size_t nul = plain->find('\0');
-  if (nul != std::string::npos) plain->resize(nul);
-  return 0;
-}
 
 int SystemDB::initialize(const std::string& path) {
   if (m_db != nullptr) {
     LOG_INFO(kComponent, "SystemDB has been initialized (no-op)");
     return 0;
   }
+  // m_dbMutex serialises every use of the handle, so SQLite's own lock
+  // around each call (taken by every column read of every row) is dropped.
   SqliteHandle db;
-  int rc = sqlite3_open(path.c_str(), db.out());
+  int rc = sqlite3_open_v2(path.c_str(), db.out(),
+                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     LOG_ERROR(kComponent, "SystemDB: Failed to open database at '%s'. [%d] %s", path.c_str(), rc,
               sqlite3_errmsg(db.get()));
@@ -539,74 +293,59 @@ void SystemDB::deinitialize() {
 }
 
 int SystemDB::setSessionStatus(uint64_t session_id, int status) {
-  return WriteInteger("setSessionStatus",
-                      sqlite3_mprintf("update session_table SET status = %d WHERE id = %llu;",
-                                      status, static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kStatusOrError, "setSessionStatus", session_id,
+                  "update session_table SET status = %d WHERE id = %llu;", status,
+                  static_cast<ull>(session_id));
 }
 
 int SystemDB::setConnectionStatus(uint64_t conn_id, int status) {
-  return WriteInteger("setConnectionStatus",
-                      sqlite3_mprintf("update connection_table SET status = %d WHERE id = %llu;",
-                                      status, static_cast<ull>(conn_id)));
+  return WriteRow(RowWrite::kStatusOrError, "setConnectionStatus", conn_id,
+                  "update connection_table SET status = %d WHERE id = %llu;", status,
+                  static_cast<ull>(conn_id));
 }
 
 int SystemDB::setSessionErr(uint64_t session_id, int error) {
-  return WriteInteger("setSessionErr",
-                      sqlite3_mprintf("update session_table SET error = %d WHERE id = %llu;",
-                                      error, static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kStatusOrError, "setSessionErr", session_id,
+                  "update session_table SET error = %d WHERE id = %llu;", error,
+                  static_cast<ull>(session_id));
 }
 
 int SystemDB::setConnectionErr(uint64_t conn_id, int error) {
-  return WriteInteger("setConnectionErr",
-                      sqlite3_mprintf("update connection_table SET error = %d WHERE id = %llu;",
-                                      error, static_cast<ull>(conn_id)));
+  return WriteRow(RowWrite::kStatusOrError, "setConnectionErr", conn_id,
+                  "update connection_table SET error = %d WHERE id = %llu;", error,
+                  static_cast<ull>(conn_id));
 }
 
 int SystemDB::setLinkByConnection(uint64_t conn_id, int linked) {
-  SqliteText sql(sqlite3_mprintf("UPDATE connection_table SET linked = %d WHERE id = %llu; ",
-                                 linked, static_cast<ull>(conn_id)));
-  if (!sql) {
-    LOG_ERROR(kComponent, "insert sqlite3_mprintf failed.");
-    return -1;
-  }
-  ExecResult r;
-  if (!Exec(sql.get(), &r)) {
-    LOG_ERROR(kComponent, "setLinkByConnection fail ret = %d %s", r.code, r.message.c_str());
-    return -1;
-  }
-  return 0;
+  return WriteRow(RowWrite::kLink, "setLinkByConnection", conn_id,
+                  "UPDATE connection_table SET linked = %d WHERE id = %llu; ", linked,
+                  static_cast<ull>(conn_id));
 }
 
 int SystemDB::updateUserInfo(uint64_t conn_id, uint32_t uid, uint32_t gid, bool is_admin) {
-  SqliteText sql(sqlite3_mprintf(
-      "UPDATE connection_table SET user_uid = %u, user_gid = %u, user_is_admin = %u "
-      "WHERE id = %llu\n",
-      uid, gid, is_admin ? 1u : 0u, static_cast<ull>(conn_id)));
-  if (!sql) return -1;
-  ExecResult r;
-  if (!Exec(sql.get(), &r)) {
-    LOG_ERROR(kComponent, "update user info of #%llu failed (%d)", static_cast<ull>(conn_id),
-              r.code);
-    return -1;
-  }
-  return 0;
+  return WriteRow(RowWrite::kUserInfo, "updateUserInfo", conn_id,
+                  "UPDATE connection_table SET user_uid = %u, user_gid = %u, user_is_admin = %u "
+                  "WHERE id = %llu\n",
+                  uid, gid, is_admin ? 1u : 0u, static_cast<ull>(conn_id));
 }
 
 int SystemDB::setSessionReadOnly(uint64_t session_id) {
-  return WriteSessionFlags(sqlite3_mprintf(
-      "UPDATE session_table SET is_read_only = 1 WHERE id = %llu;", static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kSessionFlags, "setSessionReadOnly", session_id,
+                  "UPDATE session_table SET is_read_only = 1 WHERE id = %llu;",
+                  static_cast<ull>(session_id));
 }
 
 int SystemDB::clearSessionReadOnly(uint64_t session_id) {
-  return WriteSessionFlags(sqlite3_mprintf(
-      "UPDATE session_table SET is_read_only = 0 WHERE id = %llu;", static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kSessionFlags, "clearSessionReadOnly", session_id,
+                  "UPDATE session_table SET is_read_only = 0 WHERE id = %llu;",
+                  static_cast<ull>(session_id));
 }
 
 int SystemDB::setSessionEncryptionState(uint64_t session_id, bool is_encryption,
                                         bool is_mounted) {
-  return WriteSessionFlags(sqlite3_mprintf(
-      "UPDATE session_table SET is_encryption = %d, is_mounted = %d WHERE id = %llu;",
-      is_encryption ? 1 : 0, is_mounted ? 1 : 0, static_cast<ull>(session_id)));
+  return WriteRow(RowWrite::kSessionFlags, "setSessionEncryptionState", session_id,
+                  "UPDATE session_table SET is_encryption = %d, is_mounted = %d WHERE id = %llu;",
+                  is_encryption ? 1 : 0, is_mounted ? 1 : 0, static_cast<ull>(session_id));
 }
 
 int SystemDB::updateConnectionEntry(ConnectionEntry* entry, const ProxyInfo& proxy,
@@ -684,170 +423,6 @@ int SystemDB::updateSessionInfo(SessionInfo* session) {
   session->id = id;
   LOG_DEBUG(kComponent, "update row id %llu", static_cast<ull>(id));
   return 0;
-}
-
-int SystemDB::getSessionStatusAndErr(uint64_t session_id, int* session_status,
-                                     int* session_error, int* conn_status, int* conn_error) {
-  int* const out[] = {session_status, session_error, conn_status, conn_error};
-  int found = SelectInts("getSessionStatusAndErr",
-                         sqlite3_mprintf("SELECT st.status, st.error, ct.status, ct.error FROM "
-                                         "session_table AS st, connection_table AS ct WHERE "
-                                         "st.id = %llu AND ct.id = st.conn_id;",
-                                         static_cast<ull>(session_id)),
-                         out, 4);
-  if (found == 0) {
-    LOG_DEBUG(kComponent, "cannnot get getSessionStatusAndErr %llu", static_cast<ull>(session_id));
-  }
-  return found == 1 ? 0 : -1;
-}
-
-int SystemDB::getSessionErr(uint64_t session_id, int* error) {
-  int* const out[] = {error};
-  int found = SelectInts(
-      "getSessionErr",
-      sqlite3_mprintf("SELECT error from session_table WHERE id = %llu;",
-                      static_cast<ull>(session_id)),
-      out, 1);
-  if (found == 0) {
-    LOG_WARNING(kComponent, "cannnot get error code for session %llu",
-                static_cast<ull>(session_id));
-  }
-  return found == 1 ? 0 : -1;
-}
-
-int SystemDB::getConnectionErr(uint64_t conn_id, int* error) {
-  SqliteText sql(sqlite3_mprintf("SELECT error from connection_table WHERE id = %llu;",
-                                 static_cast<ull>(conn_id)));
-  if (!sql) {
-    LOG_ERROR(kComponent, "sqlite3_mprintf failed");
-    return -1;
-  }
-  std::lock_guard<std::mutex> lock(m_dbMutex);
-  SqliteStatement stmt;
-  int rc = sqlite3_prepare_v2(m_db, sql.get(), -1, stmt.out(), nullptr);
-  if (rc != SQLITE_OK) {
-    LOG_ERROR(kComponent, "sqlite3_prepare_v2: %s (%d)", sqlite3_errmsg(m_db), rc);
-    return -1;
-  }
-  rc = sqlite3_step(stmt.get());
-  if (rc == SQLITE_DONE) {
-    LOG_WARNING(kComponent, "cannnot get error code for connection %llu",
-                static_cast<ull>(conn_id));
-    return -1;
-  }
-  if (rc != SQLITE_ROW) {
-    LOG_ERROR(kComponent, "sqlite3_step: %s (%d)", sqlite3_errmsg(m_db), rc);
-    return -1;
-  }
-  *error = sqlite3_column_int(stmt.get(), 0);
-  return 0;
-}
-
-namespace {
-
-// Sets one option from a system_table row; keys of no option are ignored.
-void ApplyOption(const std::string& key, sqlite3_stmt* stmt, int value_col, GeneralOptions* o) {
-  struct FlagKey {
-    const char* key;
-    bool GeneralOptions::*flag;
-  };
-  static const FlagKey kFlags[] = {
-      {"enable_desktop_notification", &GeneralOptions::enable_desktop_notification},
-      {"enable_iconoverlay", &GeneralOptions::enable_iconoverlay},
-      {"enable_filtered_iconoverlay", &GeneralOptions::enable_filtered_iconoverlay},
-      {"enable_context_menu", &GeneralOptions::enable_context_menu},
-      {"enable_startup", &GeneralOptions::enable_startup},
-      {"use_black_white_icon", &GeneralOptions::use_black_white_icon},
-      {"show_tutorial", &GeneralOptions::show_tutorial},
-  };
-  for (const FlagKey& f : kFlags) {
-    if (key == f.key) {
-      o->*f.flag = sqlite3_column_int64(stmt, value_col) == 1;
-      return;
-    }
-  }
-  if (key == "sync_mode") {
-    o->sync_mode = sqlite3_column_int(stmt, value_col);
-  } else if (key == "open_folder") {
-    o->open_folder = ColumnText(stmt, value_col);
-  } else if (key == "machine_uuid") {
-    o->machine_uuid = ColumnText(stmt, value_col);
-  } else if (key == "device_uuid") {
-    o->device_uuid = ColumnText(stmt, value_col);
-  }
-}
-
-}  // namespace
-
-int SystemDB::getGeneralOptions(GeneralOptions* options) {
-  std::lock_guard<std::mutex> lock(m_dbMutex);
-  SqliteStatement stmt;
-  if (PrepareLocked("getGeneralOptions", "SELECT * FROM system_table", &stmt) != 0) return -1;
-  int row;
-  while ((row = StepOnce(stmt.get())) == 1) {
-    ApplyOption(ColumnText(stmt.get(), 0), stmt.get(), 1, options);
-  }
-  return row < 0 ? -1 : 0;
-}
-
-int SystemDB::getConnectionEntryByConnID(uint64_t conn_id, ConnectionEntry* entry) {
-  SqliteText sql(sqlite3_mprintf("SELECT %s FROM connection_table WHERE id = %llu;",
-                                 kConnectionColumns, static_cast<ull>(conn_id)));
-  if (!sql) {
-    LOG_ERROR(kComponent, "insert/replace sqlite3_mprintf failed.");
-    return -1;
-  }
-  std::lock_guard<std::mutex> lock(m_dbMutex);
-  SqliteStatement stmt;
-  if (PrepareLocked("getConnectionEntryByConnID", sql.get(), &stmt) != 0) return -1;
-  int found = StepOnce(stmt.get());
-  if (found < 0) return -1;
-  if (found == 0) {
-    LOG_INFO(kComponent, "connection %llu does not exit", static_cast<ull>(conn_id));
-    return -1;
-  }
-  ReadConnectionRow(stmt.get(), entry);
-  return 0;
-}
-
-int SystemDB::getSessionInfoBySessionID(uint64_t session_id, SessionInfo* session) {
-  SqliteText where(sqlite3_mprintf("id = %llu", static_cast<ull>(session_id)));
-  if (!where) {
-    LOG_ERROR(kComponent, "insert/replace sqlite3_mprintf failed.");
-    return -1;
-  }
-  return SelectOneSession(where.get(), session) < 0 ? -1 : 0;
-}
-
-int SystemDB::getSessionInfoBySyncFolder(const std::string& sync_folder, SessionInfo* session) {
-  const std::string stored = sync_folder + "/";
-  SqliteText where(sqlite3_mprintf("sync_folder = %Q", stored.c_str()));
-  if (!where) {
-    LOG_ERROR(kComponent, "insert/replace sqlite3_mprintf failed.");
-    return -1;
-  }
-  return SelectOneSession(where.get(), session);
-}
-
-int SystemDB::getSessionListByConnectionID(std::list<SessionInfo>* sessions, uint64_t conn_id) {
-  sessions->clear();
-  SqliteText sql(sqlite3_mprintf("SELECT %s FROM session_table WHERE conn_id = %llu;",
-                                 kSessionColumns, static_cast<ull>(conn_id)));
-  if (!sql) {
-    LOG_ERROR(kComponent, "insert/replace sqlite3_mprintf failed.");
-    return -1;
-  }
-  return SelectRows("getSessionListByConnectionID", sql.get(), ReadSessionRow, sessions);
-}
-
-int SystemDB::getLinkedConnectionEntryList(std::list<ConnectionEntry>* entries) {
-  entries->clear();
-  SqliteText sql(sqlite3_mprintf("SELECT %s FROM connection_table;", kConnectionColumns));
-  if (!sql) {
-    LOG_ERROR(kComponent, "insert/replace sqlite3_mprintf failed.");
-    return -1;
-  }
-  return SelectRows("getLinkedConnectionEntryList", sql.get(), ReadConnectionRow, entries);
 }
 
 int SystemDB::replaceServerViews(uint64_t conn_id, const std::list<ServerViewEntry>& views) {

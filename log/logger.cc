@@ -49,27 +49,45 @@ bool CountersShared(const Logger::InitConfig& c) { return c.share_mode >= 2; }
 }  // namespace
 
 namespace {
+
 // flock locks belong to an open file description, which a forked child
 // shares with its parent: a child must open the lock file anew before its
-// lock excludes anyone.
-pid_t flock_owner = 0;
+// lock excludes anyone.  A fork handler marks the child, so that Lock need
+// not ask for the process id on every message.
+bool lock_file_inherited = false;
+
+void MarkLockFileInherited() { lock_file_inherited = true; }
 
 int OpenLockFile(const std::string& log_file) {
-  flock_owner = getpid();
+  static const int registered = pthread_atfork(nullptr, nullptr, MarkLockFileInherited);
+  (void)registered;
+  lock_file_inherited = false;
   std::string lock_path = log_file + ".lock";
   return open(lock_path.c_str(), O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, 0777);
 }
+
+// True while log_fp is a stream the logger opened (the log file, or its own
+// stream on standard output or error when flushing asynchronously), which
+// Shutdown must close.
+bool stream_owned = false;
+
 }  // namespace
 
 // Flushes the log stream from a thread of its own, so that a burst of
 // messages costs one write per 4096 bytes or per flush interval.
+//
+// Its buffer is the stream's own: the handler must outlive every stream it
+// is installed on (Shutdown closes the stream before it deletes the
+// handler), and the buffer is installed before anything is written to the
+// stream.
 class Logger::AsyncLoggingHandler {
  public:
   AsyncLoggingHandler() = default;
   AsyncLoggingHandler(const AsyncLoggingHandler&) = delete;
   AsyncLoggingHandler& operator=(const AsyncLoggingHandler&) = delete;
 
-  // Makes the handler's buffer the stream's own (full buffering).
+  // Makes the handler's buffer the stream's own (full buffering).  `fp` has
+  // just been opened: nothing has been written to it yet.
   void InstallBuffer(FILE* fp) { setvbuf(fp, buffer_, _IOFBF, sizeof(buffer_)); }
 
   void SpawnThread(int flush_interval_ms) {
@@ -186,6 +204,10 @@ int Logger::Init(const InitConfig& new_config) {
     for (const auto& kv : levels) log_level[kv.first] = atoi(kv.second.c_str());
   }
 
+  const bool stamped = config.output_type == kStdout || config.output_type == kStderr ||
+                       config.output_type == kFile;
+  if (config.async && stamped) async_handler = new AsyncLoggingHandler;
+
   switch (config.output_type) {
     case kSyslog:
     case kStdout:
@@ -193,6 +215,10 @@ int Logger::Init(const InitConfig& new_config) {
       log_fp = config.output_type == kSyslog ? nullptr
                : config.output_type == kStdout ? stdout
                                                : stderr;
+      if (async_handler != nullptr && OpenOwnStandardStream() != 0) {
+        Shutdown();
+        return -1;
+      }
       log_path.clear();
       *log_size = -1;
       *log_rotated_count_shared = 0;
@@ -211,11 +237,7 @@ int Logger::Init(const InitConfig& new_config) {
       break;
   }
 
-  if (config.async && log_fp != nullptr) {
-    async_handler = new AsyncLoggingHandler;
-    async_handler->InstallBuffer(log_fp);
-    async_handler->SpawnThread(config.flush_interval_ms);
-  }
+  if (async_handler != nullptr) async_handler->SpawnThread(config.flush_interval_ms);
 
   log_initialized = true;
   return 0;
@@ -226,6 +248,8 @@ int Logger::Init(const InitConfig& new_config) {
 int Logger::OpenFile() {
   log_fp = fopen(config.path.c_str(), "ae");
   if (log_fp == nullptr) return -1;
+  stream_owned = true;
+  if (async_handler != nullptr) async_handler->InstallBuffer(log_fp);
   log_path = config.path;
   struct stat st;
   if (stat(config.path.c_str(), &st) != 0) {
@@ -235,7 +259,23 @@ int Logger::OpenFile() {
   } else {
     *log_size = static_cast<int32_t>(st.st_size);
   }
-  if (async_handler != nullptr) async_handler->InstallBuffer(log_fp);
+  return 0;
+}
+
+// Replaces log_fp, standard output or error, with a stream of the logger's
+// own on a duplicate of its descriptor, carrying the handler's buffer.  The
+// process's stream keeps its own buffer, which may already hold output, and
+// stays usable whatever becomes of the handler.
+int Logger::OpenOwnStandardStream() {
+  int fd = fcntl(fileno(log_fp), F_DUPFD_CLOEXEC, 0);
+  FILE* own = fd >= 0 ? fdopen(fd, "a") : nullptr;
+  if (own == nullptr) {
+    if (fd >= 0) close(fd);
+    return -1;
+  }
+  log_fp = own;
+  stream_owned = true;
+  async_handler->InstallBuffer(log_fp);
   return 0;
 }
 
@@ -251,14 +291,20 @@ int Logger::GetLevel(const std::string& component) {
 
 void Logger::Lock() {
   if (log_lock != nullptr) pthread_mutex_lock(log_lock);
-  if (log_flock >= 0 && flock_owner != getpid()) {
+  if (log_flock >= 0 && lock_file_inherited) {
     int fd = OpenLockFile(config.path);
     if (fd >= 0) {
       close(log_flock);
       log_flock = fd;
     }
   }
-  if (log_flock >= 0) flock(log_flock, LOCK_EX);
+  // The daemon's signal handlers do not restart system calls: a signal
+  // that ends the wait for another process's lock must not let this write
+  // through without it.
+  if (log_flock >= 0) {
+    while (flock(log_flock, LOCK_EX) != 0 && errno == EINTR) {
+    }
+  }
 }
 
 void Logger::Unlock() {
@@ -277,6 +323,7 @@ void Logger::Log(int level, const char* component, const char* format, ...) {
     // Another process rotated the file: follow it to the new one.
     fclose(log_fp);
     log_fp = nullptr;
+    stream_owned = false;
     if (OpenFile() == 0) log_rotated_count_private = *log_rotated_count_shared;
   }
   if (config.output_type != kSyslog && log_fp == nullptr) {
@@ -338,10 +385,12 @@ int Logger::Rotate() {
 
   fclose(log_fp);
   log_fp = nullptr;
+  stream_owned = false;
   snprintf(to, sizeof(to), "%s_%d", config.path.c_str(), 0);
   if (rename(config.path.c_str(), to) != 0) return -1;
   log_fp = fopen(config.path.c_str(), "ae");
   if (log_fp == nullptr) return -1;
+  stream_owned = true;
   if (async_handler != nullptr) {
     async_handler->InstallBuffer(log_fp);
     async_handler->ResetPending();
@@ -353,18 +402,19 @@ int Logger::Rotate() {
 
 void Logger::Shutdown() {
   log_initialized = false;
-  if (async_handler != nullptr) {
-    async_handler->Stop();
-    delete async_handler;
-    async_handler = nullptr;
+  if (async_handler != nullptr) async_handler->Stop();
+  // The stream goes before the handler whose buffer it may use.
+  if (stream_owned) {
+    fclose(log_fp);
+    stream_owned = false;
   }
-  // log_path is set only while this logger owns an open file, which makes a
-  // second Shutdown harmless.
-  if (config.output_type == kFile && !log_path.empty()) {
-    if (log_fp != nullptr) fclose(log_fp);
-    log_fp = stdout;
-    log_path.clear();
-  }
+  delete async_handler;
+  async_handler = nullptr;
+  // A closed file falls back to standard output; the standard streams are
+  // the process's own again.
+  if (config.output_type == kFile || config.output_type == kStdout) log_fp = stdout;
+  if (config.output_type == kStderr) log_fp = stderr;
+  log_path.clear();
   const bool shared = CountersShared(config);
   FreeCounter(log_size, shared);
   FreeCounter(log_rotated_count_shared, shared);

@@ -8,6 +8,11 @@
 // sent to syslog.  A file is rotated by size; several threads (share_mode 1)
 // or several processes forked after Init (share_mode 2) may write one file.
 //
+// With async set, a background thread flushes the stream, whose buffer the
+// logger owns until Shutdown has closed the stream; on standard output or
+// error the logger writes through a stream of its own on a duplicate of the
+// descriptor, so the process's stream keeps its own buffer.
+//
 // Init and Shutdown are called by the main thread while no other thread
 // logs; Log and IsLogEnabled may be called from any thread.
 #ifndef VESTA_LOG_LOGGER_H_
@@ -74,6 +79,7 @@ class Logger {
  private:
   static int Rotate();
   static int OpenFile();
+  static int OpenOwnStandardStream();
   static void Lock();
   static void Unlock();
 };

@@ -19,12 +19,25 @@ import sys
 # ">=" row reads as "at least this fast": its ratio is the speed ratio
 # denominator-time / numerator-time, so 0.8 means 80 % of the baseline's
 # speed.
+# The one-row writers of SystemDB; each is measured beside sqlite3_exec of
+# its own SQL text on the same handle.
+DB_WRITERS = ("setSessionStatus", "setConnectionStatus", "setSessionErr", "setConnectionErr",
+              "setLinkByConnection", "updateUserInfo", "setSessionReadOnly",
+              "clearSessionReadOnly", "setSessionEncryptionState")
+
 GOALS = [
     ("status pass over 1,000 connections vs its reads", "BM_StatusPass/real_time",
      "BM_StatusPassRawReads/real_time", "<=", 2.0),
     ("share reconciliation of 1,000 sessions vs its reads", "BM_Reconcile",
      "BM_ReconcileRawReads", "<=", 2.0),
-]
+    ("SystemDB 1,000-session read vs stepping its select", "BM_GetSessionListByConnectionID",
+     "BM_StepPreparedSelect", "<=", 1.1),
+    ("Logger share_mode 1 speed vs fprintf+fflush", "BM_LoggerLog/share_mode:1",
+     "BM_FprintfFflush", ">=", 0.8),
+    ("Logger share_mode 2 vs share_mode 1", "BM_LoggerLog/share_mode:2",
+     "BM_LoggerLog/share_mode:1", "<=", 1.5),
+] + [("SystemDB.%s vs exec of its SQL" % op, "BM_SystemDBWrite/" + op, "BM_ExecSameSql/" + op,
+      "<=", 1.1) for op in DB_WRITERS]
 
 
 def load_times(folder):

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <thread>
 
@@ -368,11 +369,30 @@ TEST_F(SystemDBTest, StatusErrorLinkUserAndFlagWrites) {
   EXPECT_EQ("1|0", db.Rows("SELECT is_encryption, is_mounted FROM session_table WHERE id = " +
                            std::to_string(sess))[0]);
 
-  // A write that SQLite refuses is reported with its code.
-  db.Exec("CREATE TRIGGER no_status BEFORE UPDATE OF status ON session_table "
-          "BEGIN SELECT RAISE(ABORT, 'status frozen'); END;");
-  EXPECT_EQ(-1, SystemDB::setSessionStatus(sess, 0));
-  EXPECT_TRUE(log_.Contains("setSessionStatus fail ret = 19 status frozen"));
+  // A write that SQLite refuses fails with its own message and SQLite's code.
+  db.Exec("CREATE TRIGGER s BEFORE UPDATE ON session_table BEGIN SELECT RAISE(ABORT, 'frozen'); "
+          "END; CREATE TRIGGER c BEFORE UPDATE ON connection_table BEGIN SELECT "
+          "RAISE(ABORT, 'frozen'); END;");
+  const std::string flags = "sqlite3_exec failed: ret = 19 [frozen]";
+  const std::pair<std::function<int()>, std::string> kRefused[] = {
+      {[&] { return SystemDB::setSessionStatus(sess, 0); }, "setSessionStatus fail ret = 19 frozen"},
+      {[&] { return SystemDB::setConnectionStatus(conn, 0); },
+       "setConnectionStatus fail ret = 19 frozen"},
+      {[&] { return SystemDB::setSessionErr(sess, 0); }, "setSessionErr fail ret = 19 frozen"},
+      {[&] { return SystemDB::setConnectionErr(conn, 0); }, "setConnectionErr fail ret = 19 frozen"},
+      {[&] { return SystemDB::setLinkByConnection(conn, 0); },
+       "setLinkByConnection fail ret = 19 frozen"},
+      {[&] { return SystemDB::updateUserInfo(conn, 1, 1, true); },
+       "update user info of #" + std::to_string(conn) + " failed (19)"},
+      {[&] { return SystemDB::setSessionReadOnly(sess); }, flags},
+      {[&] { return SystemDB::clearSessionReadOnly(sess); }, flags},
+      {[&] { return SystemDB::setSessionEncryptionState(sess, false, true); }, flags},
+  };
+  for (const auto& refused : kRefused) {
+    const size_t logged = log_.Text().size();
+    EXPECT_EQ(-1, refused.first()) << refused.second;
+    EXPECT_NE(std::string::npos, log_.Text().find(refused.second, logged)) << refused.second;
+  }
 }
 
 TEST_F(SystemDBTest, SessionPathsAndFlags) {
@@ -776,7 +796,8 @@ TEST_F(SystemDBTest, WriteWaitsForAnotherProcessHoldingTheLock) {
     RunCommand("sqlite3 " + ShellQuote(path_) + " < " + ShellQuote(script));
   });
   struct stat st;
-  while (stat(marker.c_str(), &st) != 0) usleep(10000);
+  for (int i = 0; i < 3000 && stat(marker.c_str(), &st) != 0; ++i) usleep(10000);  // 30 s
+  EXPECT_EQ(0, stat(marker.c_str(), &st)) << "the shell never took the lock";
   // The lock is held now: our write must wait for the commit, then land.
   EXPECT_EQ(0, SystemDB::setSessionStatus(sess, 7));
   holder.join();

@@ -1,13 +1,21 @@
 #include "log/logger.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstring>
+#include <functional>
 #include <map>
 #include <regex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -199,6 +207,89 @@ TEST_F(LoggerTest, AsyncFlushWritesEverythingByShutdown) {
   Logger::Shutdown();
   EXPECT_EQ(1001u, Lines(ReadFile(log)).size());
   EXPECT_NE(std::string::npos, ReadFile(log).find("message 999"));
+}
+
+// Standard output keeps a buffer of its own through an asynchronous logger
+// on it: nothing written after Shutdown lands in the handler's freed buffer.
+TEST_F(LoggerTest, StandardOutputOutlivesTheAsyncBuffer) {
+  std::string out = dir_.File("stdout");
+  fflush(stdout);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    static char own[BUFSIZ];
+    stdout = fdopen(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), "w");
+    setvbuf(stdout, own, _IOFBF, sizeof(own));
+    Logger::InitConfig config;  // standard output
+    config.async = true;
+    Logger::Init(config);
+    Logger::Log(LOG_LEVEL_ERROR, "c", "logged\n");
+    Logger::Shutdown();
+    fputs("after shutdown\n", stdout);
+    const bool in_own_buffer = strncmp(own, "after shutdown\n", 15) == 0;
+    fflush(stdout);
+    _exit(in_own_buffer ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(pid, waitpid(pid, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(std::regex_match(ReadFile(out), std::regex("\\S+ logged\nafter shutdown\n")))
+      << ReadFile(out);
+}
+
+// Whether thread `tid` of this process waits in flock now, and how many
+// times it has gone to sleep so far.
+struct TaskState {
+  bool in_flock;
+  long sleeps;
+};
+TaskState StateOf(pid_t tid) {
+  const std::string task = "/proc/self/task/" + std::to_string(tid) + "/";
+  const std::string call = ReadFile(task + "syscall"), status = ReadFile(task + "status");
+  const size_t at = status.find("\nvoluntary_ctxt_switches:");
+  return {call.compare(0, call.find(' '), std::to_string(SYS_flock)) == 0,
+          at == std::string::npos ? -1 : atol(status.c_str() + at + 25)};
+}
+
+bool Eventually(const std::function<bool()>& condition) {
+  for (int i = 0; i < 10000; ++i, usleep(1000)) {  // 10 s
+    if (condition()) return true;
+  }
+  return false;
+}
+
+// A signal that ends the wait for another process's lock (the daemon's
+// handlers do not restart system calls) does not let the message through.
+TEST_F(LoggerTest, SignalDuringTheLockWaitKeepsWaiting) {
+  std::string log = dir_.File("locked.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 2));
+  int other = open((log + ".lock").c_str(), O_RDWR);  // as another process would
+  ASSERT_EQ(0, flock(other, LOCK_EX));
+  struct sigaction handler = {}, saved;
+  handler.sa_handler = [](int) {};  // no SA_RESTART
+  sigaction(SIGUSR2, &handler, &saved);
+  std::atomic<pid_t> tid{0};
+  std::atomic<bool> returned{false};
+  std::thread writer([&] {
+    tid = static_cast<pid_t>(syscall(SYS_gettid));
+    Logger::Log(LOG_LEVEL_ERROR, "c", "written\n");
+    returned = true;
+  });
+  EXPECT_TRUE(Eventually([&] { return StateOf(tid).in_flock; }));
+  const long sleeps = StateOf(tid).sleeps;
+  pthread_kill(writer.native_handle(), SIGUSR2);
+  // Woken by the signal, the writer either writes at once or waits again.
+  EXPECT_TRUE(Eventually([&] {
+    const TaskState now = StateOf(tid);
+    return returned || (now.in_flock && now.sleeps > sleeps);
+  }));
+  EXPECT_FALSE(returned);
+  EXPECT_EQ("", ReadFile(log));
+  flock(other, LOCK_UN);
+  writer.join();
+  EXPECT_NE(std::string::npos, ReadFile(log).find("written"));
+  sigaction(SIGUSR2, &saved, nullptr);
+  close(other);
 }
 
 TEST_F(LoggerTest, InitFailuresKeepThePreviousOutput) {
