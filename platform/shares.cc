@@ -53,7 +53,7 @@ int LoadShare(const char* name, ZephShare* share) {
     KLIB_SET_ERR(KLIB_ERR_NO_SUCH_SHARE);
     return -1;
   }
-  if (ReadKeyValueFile(file, &share->keys) != 0) {
+  if (ReadKeyValueFile(file, &share->keys, KeyValueRules::kRelaxed) != 0) {
     LOG_ERROR("platform", "share file '%s' cannot be read or is malformed", file.c_str());
     KLIB_SET_ERR(KLIB_ERR_FILE);
     return -1;
