@@ -1,6 +1,7 @@
 #include "sdk/fslib/fslib.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <mntent.h>
 #include <unistd.h>
 
@@ -215,15 +216,37 @@ struct DirClose {
   void operator()(DIR* dir) const { closedir(dir); }
 };
 
-int RemoveEntries(const std::string& dir_path) {
-  std::unique_ptr<DIR, DirClose> dir(opendir(dir_path.c_str()));
-  if (!dir) return -1;
+int RemoveAt(int parent_fd, const char* name);
+
+// Removes every entry of the directory open at `dir_fd`, which the walk
+// takes over and closes.  Subdirectories are entered by descriptor, never
+// by a path, so a directory swapped for a symbolic link behind the walk's
+// back cannot lead it out of the tree.
+int RemoveEntries(int dir_fd) {
+  std::unique_ptr<DIR, DirClose> dir(fdopendir(dir_fd));
+  if (!dir) {
+    close(dir_fd);
+    return -1;
+  }
   int result = 0;
   while (struct dirent* e = readdir(dir.get())) {
     if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-    if (RemovePath(dir_path + "/" + e->d_name) != 0) result = -1;
+    if (RemoveAt(dirfd(dir.get()), e->d_name) != 0) result = -1;
   }
   return result;
+}
+
+// Removes `name` of the directory `parent_fd` (AT_FDCWD for a path): a
+// directory with its tree, anything else (a symbolic link included) by
+// unlinking the name.
+int RemoveAt(int parent_fd, const char* name) {
+  const int fd = openat(parent_fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    // Not a directory; or one that cannot be opened, which goes only when empty.
+    return unlinkat(parent_fd, name, errno == ENOTDIR || errno == ELOOP ? 0 : AT_REMOVEDIR);
+  }
+  const int entries = RemoveEntries(fd);
+  return unlinkat(parent_fd, name, AT_REMOVEDIR) == 0 ? entries : -1;
 }
 
 }  // namespace
@@ -352,10 +375,4 @@ bool PathExists(const std::string& path) {
   return !path.empty() && stat(path.c_str(), &st) == 0;
 }
 
-int RemovePath(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return -1;
-  if (!S_ISDIR(st.st_mode)) return unlink(path.c_str());
-  const int entries = RemoveEntries(path);
-  return rmdir(path.c_str()) == 0 ? entries : -1;
-}
+int RemovePath(const std::string& path) { return RemoveAt(AT_FDCWD, path.c_str()); }
