@@ -11,6 +11,7 @@
 #include "log/key_value_file.h"
 #include "log/log.h"
 #include "platform/fixed_path.h"
+#include "platform/normalize_path.h"
 #include "platform/flags.h"
 #include "platform/klib.h"
 #include "platform/scoped_fd.h"
@@ -65,6 +66,9 @@ int LoadShare(const char* name, ZephShare* share) {
     KLIB_SET_ERR(KLIB_ERR_BAD_VALUE);
     return -1;
   }
+  // The encryption path, the snapshot search and the acl_mask lookup work
+  // on the path's text: one folder must have one text.
+  share->path = NormalizePath(share->path);
   share->status = 0;
   for (const StatusKey& s : kStatusKeys) {
     int flag = KlibFlagOf(share->keys, s.key);

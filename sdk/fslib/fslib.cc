@@ -10,39 +10,13 @@
 #include <memory>
 
 #include "log/log.h"
+#include "platform/normalize_path.h"
 
 namespace {
 
 constexpr uint32_t kBtrfsMagic = 0x9123683E;  // statfs f_type of btrfs
 
 // ---- paths ----
-
-// Absolute, without ".", "..", empty components or a trailing "/".  Works
-// on the text alone: links are not resolved.
-std::string Normalize(const std::string& path) {
-  std::string input = path;
-  if (input.empty() || input[0] != '/') {
-    char cwd[4096];
-    if (getcwd(cwd, sizeof(cwd)) != nullptr) input = std::string(cwd) + "/" + input;
-  }
-  std::vector<std::string> parts;
-  size_t begin = 0;
-  while (begin <= input.size()) {
-    size_t end = input.find('/', begin);
-    if (end == std::string::npos) end = input.size();
-    const std::string part = input.substr(begin, end - begin);
-    begin = end + 1;
-    if (part.empty() || part == ".") continue;
-    if (part == "..") {
-      if (!parts.empty()) parts.pop_back();
-      continue;
-    }
-    parts.push_back(part);
-  }
-  std::string out;
-  for (const std::string& part : parts) out += "/" + part;
-  return out.empty() ? "/" : out;
-}
 
 // The text before the last "/", or "/".
 std::string Parent(const std::string& path) {
@@ -178,7 +152,7 @@ int FillEcryptfsDevice(const std::string& m, const std::string& table, const FsP
 int FillProperty(const std::string& path, const std::string& table, const FsProbe& probe,
                  FileSystemProperty* p) {
   std::string m;
-  if (FindMountPoint(Normalize(path), probe, &m) != 0) return -1;
+  if (FindMountPoint(NormalizePath(path), probe, &m) != 0) return -1;
 
   MountEntry entry;
   const int found = FindMountEntry(m, &entry, table);

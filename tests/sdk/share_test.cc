@@ -342,7 +342,19 @@ TEST_F(ShareAttributesTest, SyncableShares) {
       "/dev/md2 /volume1 ext4 rw 0 0\n"
       "/dev/md2 /volume1/photo/#snapshot/GMT+00-2024 ext4 ro 0 0\n"
       "/dev/md2 /volume1/photo2#snapshot ext4 ro 0 0\n");
-  EXPECT_FALSE(Make("/volume1/photo", "", table)->IsSyncable());
+  // One folder, however its path is written: same path, same encryption
+  // path, same snapshot search.
+  for (const char* path : {"/volume1/photo", "/volume1/photo/", "/volume1//photo/."}) {
+    auto s = Make(path, "", table);
+    EXPECT_EQ("/volume1/photo", s->GetPath()) << path;
+    EXPECT_FALSE(s->IsSyncable()) << path;
+    ZephShare* raw = nullptr;
+    char enc[64] = "";
+    ASSERT_EQ(0, ZEPHShareGet("a", &raw));
+    EXPECT_EQ(0, KLIBShareEncryptPathGet(raw, enc, sizeof(enc)));
+    ZEPHShareFree(raw);
+    EXPECT_STREQ("/volume1/@photo", enc) << path;
+  }
   EXPECT_TRUE(Make("/volume1/photo", "encrypted=yes\n", table)->IsSyncable());
   EXPECT_TRUE(Make("/volume1/photo2", "", table)->IsSyncable());  // not below the path
   EXPECT_FALSE(Make("/volume1/music", "forbidden=yes\n", table)->IsSyncable());
