@@ -18,6 +18,7 @@
 #include "platform/fixed_path.h"
 #include "platform/flags.h"
 #include "platform/shares.h"
+#include "platform/utf8_case.h"
 
 namespace {
 
@@ -102,7 +103,7 @@ bool MaskInList(const std::string& list, const std::string& user, uint32_t* mask
     const std::string item = list.substr(begin, end - begin);
     begin = end + 1;
     size_t colon = item.rfind(':');
-    if (colon == std::string::npos || item.compare(0, colon, user) != 0) continue;
+    if (colon == std::string::npos || !Utf8CaseEqual(user.c_str(), item.c_str(), colon)) continue;
     const std::string text = item.substr(colon + 1);
     char* stop = nullptr;
     errno = 0;
@@ -144,7 +145,7 @@ bool ExplicitMask(const std::string& path, const std::string& user, uint32_t* ma
 
 uint32_t MaskOfModeBits(mode_t rwx) {
   uint32_t mask = 0;
-  if (rwx & 4) mask |= ZEPH_ACL_READ;
+  if (rwx & 4) mask |= ZEPH_ACL_MODE_READ;
   if (rwx & 2) mask |= ZEPH_ACL_WRITE;
   return mask;
 }

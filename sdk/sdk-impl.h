@@ -8,6 +8,7 @@
 
 #include "platform/klib.h"
 #include "platform/shares.h"
+#include "platform/users.h"
 
 namespace SDK {
 
@@ -32,10 +33,8 @@ enum {
   kPrivFullControl = 8,
 };
 
-// ACL masks of the privilege computation.
-constexpr uint32_t kAclFull = 0x1fff;
-constexpr uint32_t kAclRead = 0x74;        // all of it: may read
-constexpr uint32_t kAclWrite = 0x18a;      // all of it: may write
+// ACL masks of the privilege computation beside the platform's
+// ZEPH_ACL_READ, ZEPH_ACL_WRITE and ZEPH_ACL_FULL.
 constexpr uint32_t kAclControl = 0x600;    // all of it, with write: full control
 constexpr uint32_t kAclRwListMask = 0x7ff;  // what the read-write list keeps
 constexpr uint32_t kAclRoListMask = 0x75;   // what the read-only list keeps

@@ -225,10 +225,18 @@ TEST_F(PrivilegeTest, LoosePrivilegeAndGroups) {
   files_.Write("s", d770_, "");
   files_.Write("t", d750_, "");
   files_.Write("f", d770_, "forbidden=yes\n");
+  std::string upper_alice = a.alice;
+  for (char& c : upper_alice) c = static_cast<char>(toupper(c));
+  // Every read bit (0x74) is read, for both calculations; the mask's user
+  // name matches without regard to case.
+  files_.Write("m", d700_, "acl_mask=\"" + upper_alice + ":0x74\"\nrw_users=" + a.alice + "\n");
   std::shared_ptr<SDK::Share> s = SDK::GetShare("s");
   std::shared_ptr<SDK::Share> t = SDK::GetShare("t");
   std::shared_ptr<SDK::Share> f = SDK::GetShare("f");
-  ASSERT_TRUE(s && t && f);
+  std::shared_ptr<SDK::Share> m = SDK::GetShare("m");
+  ASSERT_TRUE(s && t && f && m);
+  EXPECT_EQ(kRO, m->GetLoosePrivilege(a.alice));
+  EXPECT_EQ(kRO, m->GetPrivilege(a.alice));
   EXPECT_EQ(kRW, s->GetLoosePrivilege(a.alice));
   EXPECT_EQ(kRW, s->GetLoosePrivilege(a.owner));
   EXPECT_EQ(kRO, t->GetLoosePrivilege(a.alice));
