@@ -11,20 +11,16 @@
 #include "log/key_value_file.h"
 #include "log/log.h"
 #include "platform/fixed_path.h"
-#include "platform/normalize_path.h"
 #include "platform/flags.h"
+#include "platform/holders.h"
 #include "platform/klib.h"
+#include "platform/normalize_path.h"
 #include "platform/scoped_fd.h"
 #include "platform/users.h"
 
 namespace {
 
 constexpr char kSharesDir[] = "/etc/vesta/shares/";
-
-struct ShareFree {
-  void operator()(ZephShare* share) const { ZEPHShareFree(share); }
-};
-using ShareHolder = std::unique_ptr<ZephShare, ShareFree>;
 
 // A share name is one file name: no "/", not "." or "..", not empty.
 bool IsValidName(const char* name) {
@@ -118,7 +114,7 @@ int ZEPHShareGet(const char* name, ZephShare** out) {
     return -1;
   }
   *out = nullptr;
-  ShareHolder share(new (std::nothrow) ZephShare);
+  ShareRecord share(new (std::nothrow) ZephShare);
   if (!share) {
     KLIB_SET_ERR(KLIB_ERR_OUT_OF_MEMORY);
     return -1;

@@ -17,6 +17,7 @@
 #include "log/log.h"
 #include "platform/fixed_path.h"
 #include "platform/flags.h"
+#include "platform/holders.h"
 #include "platform/shares.h"
 #include "platform/utf8_case.h"
 
@@ -90,9 +91,6 @@ std::string GroupNameOf(gid_t gid) {
 struct DirClose {
   void operator()(DIR* dir) const { closedir(dir); }
 };
-struct ShareFree {
-  void operator()(ZephShare* share) const { ZEPHShareFree(share); }
-};
 
 // Finds `user` in an "acl_mask" list ("alice:0x1fff,bob:0x75").
 bool MaskInList(const std::string& list, const std::string& user, uint32_t* mask) {
@@ -132,7 +130,7 @@ bool ExplicitMask(const std::string& path, const std::string& user, uint32_t* ma
     file.resize(file.size() - kSuffix.size());
     ZephShare* raw = nullptr;
     if (ZEPHShareGet(file.c_str(), &raw) != 0) continue;
-    std::unique_ptr<ZephShare, ShareFree> share(raw);
+    ShareRecord share(raw);
     char enc_path[4096] = "";
     if (share->path != path &&
         (KLIBShareEncryptPathGet(share.get(), enc_path, sizeof(enc_path)) != 0 || path != enc_path)) {
@@ -172,7 +170,7 @@ int KLIBGroupInfoListGet(const char* user, KlibSzList** out) {
   if (LookUpUser(user, &u) != 0) return -1;
   std::vector<gid_t> gids;
   if (GroupIdsOf(user, u.gid, &gids) != 0) return -1;
-  std::unique_ptr<KlibSzList> list(new (std::nothrow) KlibSzList);
+  SzList list(new (std::nothrow) KlibSzList);
   if (!list) {
     KLIB_SET_ERR(KLIB_ERR_OUT_OF_MEMORY);
     return -1;

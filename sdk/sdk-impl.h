@@ -1,29 +1,14 @@
-// Internal to sdk/: owners of the platform's records, freed on every path,
-// and the pure steps of the privilege computation.
+// Internal to sdk/: the pure steps of the privilege computation.  The
+// owners of the platform's records are in platform/holders.h.
 #ifndef VESTA_SDK_SDK_IMPL_H_
 #define VESTA_SDK_SDK_IMPL_H_
 
 #include <cstdint>
-#include <memory>
 
-#include "platform/klib.h"
-#include "platform/shares.h"
+#include "platform/holders.h"
 #include "platform/users.h"
 
 namespace SDK {
-
-struct ShareRecordFree {
-  void operator()(ZephShare* share) const { ZEPHShareFree(share); }
-};
-struct SzListFree {
-  void operator()(KlibSzList* list) const { KLIBCSzListFree(list); }
-};
-struct SzHashFree {
-  void operator()(KlibSzHash* hash) const { KLIBCSzHashFree(hash); }
-};
-using ShareRecord = std::unique_ptr<ZephShare, ShareRecordFree>;
-using SzList = std::unique_ptr<KlibSzList, SzListFree>;
-using SzHash = std::unique_ptr<KlibSzHash, SzHashFree>;
 
 // Privilege codes.
 enum {
