@@ -86,7 +86,7 @@ int ConnectSocket(int fd, const struct sockaddr* addr, socklen_t len,
 int ConnectUnix(const std::string& path, int timeout,
                 const std::atomic<int>* cancel_flag) {
   if (Cancelled(cancel_flag)) return -1;
-  FdGuard fd(socket(AF_UNIX, SOCK_STREAM, 0));
+  FdGuard fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (fd.get() < 0) return -1;
   struct sockaddr_un addr;
   memset(&addr, 0, sizeof(addr));
@@ -112,7 +112,7 @@ int ConnectTcp(const std::string& host, int port, int timeout,
   std::unique_ptr<struct addrinfo, AddrInfoDeleter> list(raw);
   for (struct addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
     if (Cancelled(cancel_flag)) return -1;
-    FdGuard fd(socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol));
+    FdGuard fd(socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol));
     if (fd.get() < 0) continue;
     if (ConnectSocket(fd.get(), ai->ai_addr, ai->ai_addrlen, timeout, cancel_flag) == 0) {
       return fd.release();
@@ -122,7 +122,7 @@ int ConnectTcp(const std::string& host, int port, int timeout,
 }
 
 std::unique_ptr<Socket> CreateTcpSocket(bool blocking, int linger) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return nullptr;
   auto sock = std::make_unique<Socket>(fd);
   if (sock->SetBlocking(blocking) < 0 || (linger >= 0 && sock->SetLinger(linger) < 0)) {
