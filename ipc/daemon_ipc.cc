@@ -155,7 +155,7 @@ int AddSession(const SessionInfo& session, const GeneralOptions& options, bool r
     return -1;
   }
   if (three_way_merge) {
-    int rc = AddEvent(session.id, "three_way_merge", "/", false);
+    int rc = AddThreeWayMergeEvent(session.id);
     if (rc != 0) {
       LOG_ERROR(kComponent, "add three way merge event to daemon fail[id=%llu,path=%s]", id,
                 share_name.c_str());
@@ -233,6 +233,15 @@ int AddEvent(uint64_t session_id, const std::string& type, const std::string& pa
   request["type"] = type;
   request["path"] = path;
   request["is_dir"] = Flag(is_dir);
+  return SendDaemonCommand(request, &reply);
+}
+
+int AddThreeWayMergeEvent(uint64_t session_id) {
+  PObject request, reply;
+  request["action"] = std::string("add_event");
+  request["type"] = std::string("three_way_merge");
+  request["session_id"] = static_cast<int64_t>(session_id);
+  request["path"] = std::string("/");
   return SendDaemonCommand(request, &reply);
 }
 

@@ -207,7 +207,7 @@ TEST_F(DaemonIpcTest, AddSession) {
           "conflict_policy": "compare_mtime", "rename_conflict": 0,
           "attribute_check_strength": 3, "with_q9share": 1})";
   ExpectRequests({add, R"({"action": "add_event", "session_id": 12,
-                           "type": "three_way_merge", "path": "/", "is_dir": 0})"});
+                           "type": "three_way_merge", "path": "/"})"});
 
   // Resume alone; perm_mode outside the table travels as "".
   SessionInfo s = HomeSession();
