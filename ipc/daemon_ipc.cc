@@ -119,8 +119,9 @@ int SendCommand(const std::string& socket_path, const PObject& request, PObject*
     return -1;
   }
   if (HasMember(*reply, "error")) {
-    LOG_ERROR(kComponent, "ipc response error[action=%s, error=%s]", action.c_str(),
-              reply->Lookup("error").AsString().c_str());
+    const PObject& error = reply->Lookup("error");
+    const std::string text = error.IsString() ? error.AsString() : ToJson(error);
+    LOG_ERROR(kComponent, "ipc response error[action=%s, error=%s]", action.c_str(), text.c_str());
     return -1;
   }
   if (HasMember(*reply, "ack")) {

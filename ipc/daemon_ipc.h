@@ -9,7 +9,8 @@
 // logged once at ERROR under `default_component` and reported as -1; there
 // is no retry and no time-out beyond the Channel's own.
 //
-// Reply rules: a reply holding "error" fails (even beside "ack" "ok"); a
+// Reply rules: a reply holding "error" fails (even beside "ack" "ok"; the
+// error is logged as its text, or as its JSON rendering when no string); a
 // reply whose "ack" is a string other than "ok" fails; anything else,
 // including an empty map, succeeds.
 #ifndef VESTA_IPC_DAEMON_IPC_H_
