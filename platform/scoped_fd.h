@@ -1,6 +1,6 @@
 // Owns one file descriptor and closes it on every path, unless it is
-// released to a new owner.  The one descriptor guard of the daemon's own
-// code (the stand-in's files, the sockets of the connect helpers).
+// released to a new owner.  Used by the stand-in's files and the sockets of
+// the connect helpers.
 #ifndef VESTA_PLATFORM_SCOPED_FD_H_
 #define VESTA_PLATFORM_SCOPED_FD_H_
 
