@@ -61,8 +61,10 @@ if [ -n "$stale" ]; then
   rm -f "$build/libvesta.a"
 fi
 [ -f "$build/libvesta.a" ] || ar rcs "$build/libvesta.a" $objects
-$cxx -fsanitize=fuzzer,address,undefined "$build/obj/tests_fuzz_$target.cc.o" "$build/libvesta.a" \
-  $libs -lpthread -o "$build/$target"
+main="$build/obj/tests_fuzz_$target.cc.o"
+if [ ! -x "$build/$target" ] || [ "$main" -nt "$build/$target" ] || [ "$build/libvesta.a" -nt "$build/$target" ]; then
+  $cxx -fsanitize=fuzzer,address,undefined "$main" "$build/libvesta.a" $libs -lpthread -o "$build/$target"
+fi
 flock -u 9
 
 seeds="$root/tests/fuzz/corpus-$target"
