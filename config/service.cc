@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 
+#include "log/read_line.h"
+
 const char kServiceConfigPath[] = "/var/packages/Fernbox/etc/tandem/service.conf";
 const char kServiceLockPath[] = "/var/packages/Fernbox/etc/tandem/setting.conf.lock";
 
@@ -46,10 +48,6 @@ const ErrorName kErrorNames[] = {
     {kLineNotExpected, "LINE_NOT_EXPECTED"},
     {kInternalError, "INTERNAL_ERROR"},
 };
-
-// The line buffer: a read takes at most kLineRead characters.
-constexpr size_t kLineBufferSize = 10298;
-constexpr int kLineRead = 10296;
 
 // A number text this long or longer is refused.
 constexpr size_t kMaxNumberText = 4096;
@@ -365,18 +363,21 @@ void ConfigStringClear(char** text) {
 }
 
 int ParseConfigFile(const char* path, const ConfigSchema& schema, void* target) {
-  std::unique_ptr<char[]> line(new (std::nothrow) char[kLineBufferSize]);
-  if (!line) return kParseFailed;
   std::unique_ptr<FILE, FileCloser> file(fopen(path, "r"));
   if (!file) return kParseFailed;
+  return ParseConfigStream(file.get(), schema, target);
+}
 
+int ParseConfigStream(FILE* file, const ConfigSchema& schema, void* target) {
   Parser parser(schema, target);
+  std::string line;
   int line_number = 0;
-  while (fgets(line.get(), kLineRead + 1, file.get()) != nullptr) {
+  for (;;) {
+    const LineRead read = ReadLine(file, kConfigMaxLine, &line);
+    if (read == LineRead::kEnd) break;
     ++line_number;
-    int rc = parser.Line(line.get());
+    int rc = read == LineRead::kTooLong ? kValueTooLong : parser.Line(line.c_str());
     if (rc != kConfigNoError) {
-      file.reset();
       fprintf(stderr, "parser: %s at line %d\n", ConfigErrorName(rc), line_number);
       return kParseFailed;
     }

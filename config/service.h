@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 // The service configuration (its key "volume" names the data volume) and
 // the lock file that serialises its readers across the package's
@@ -59,6 +60,10 @@ struct ConfigKey {
 constexpr int kConfigMaxKeys = 64;      // keys a section may have
 constexpr size_t kConfigMaxName = 32;   // characters of a section or key name
 constexpr size_t kConfigMaxValue = 4096;  // decoded bytes of a string value
+// Bytes of one line, newline included; a longer line is VALUE_TOO_LONG.
+// Far above the longest line the filter writer makes (five values of 4,095
+// escaped bytes), so every file it writes reads back.
+constexpr size_t kConfigMaxLine = 1 << 20;
 
 // One section: its part of the target record starts `offset` bytes in.
 struct ConfigSection {
@@ -120,5 +125,7 @@ enum {
 // described above.  On failure the values stored before the error stay in
 // `target`; the caller clears it.
 int ParseConfigFile(const char* path, const ConfigSchema& schema, void* target);
+// The same from an open file, read from where it stands to its end.
+int ParseConfigStream(FILE* file, const ConfigSchema& schema, void* target);
 
 #endif  // VESTA_CONFIG_SERVICE_H_

@@ -2,8 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "platform/fixed_path.h"
 #include "platform/klib.h"
@@ -12,6 +15,8 @@ namespace {
 
 // The source name that prefixes this file's system-log messages.
 const char kSource[] = "setting";
+
+constexpr mode_t kLockFileMode = 0644;
 
 // Size of the buffer the volume is read into, NUL included.
 constexpr size_t kVolumeBufferSize = 256;
@@ -29,6 +34,19 @@ class ScopedSettingLock {
   ServiceSetting* setting_;
 };
 
+// Opens the lock file read-write.  One this call creates gets mode 0644
+// whatever the umask, since the package's other programs open it too; an
+// existing one keeps its mode.
+int OpenLockFile(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kLockFileMode);
+  if (fd >= 0) {
+    fchmod(fd, kLockFileMode);
+    return fd;
+  }
+  if (errno != EEXIST) return -1;
+  return open(path.c_str(), O_RDWR | O_CLOEXEC);
+}
+
 }  // namespace
 
 ServiceSetting::ServiceSetting(const std::string& config_path)
@@ -41,7 +59,7 @@ ServiceSetting::~ServiceSetting() {
 
 int ServiceSetting::Lock() {
   if (lock_fd_ < 0) {
-    lock_fd_ = open(lock_path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    lock_fd_ = OpenLockFile(lock_path_);
     if (lock_fd_ < 0) {
       syslog(LOG_CRIT, "%s:%d Failed to open lock file '%s'\n", kSource, __LINE__,
              lock_path_.c_str());

@@ -1,11 +1,13 @@
 #include "db/filter-db-util.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "db/sqlite-guards.h"
 #include "log/log.h"
@@ -138,9 +140,56 @@ void WriteMaximum(FILE* f, const char* key, uint64_t value) {
   fprintf(f, "%s = %llu\n", key, static_cast<ull>(value));
 }
 
-struct FileCloser {
-  void operator()(FILE* f) const { fclose(f); }
-};
+// A filter file made where none was, as the daemon's umask would make it.
+constexpr mode_t kNewFilterFileMode = 0644;
+
+void WriteConfig(FILE* f, const FilterConfig& c) {
+  fprintf(f, "[Version]\nmajor = %d\nminor = %d\n\n", c.version.major, c.version.minor);
+
+  fputs("[Common]\n", f);
+  WriteString(f, "black_char", c.common.black_char);
+  WriteSet(f, "black_prefix", c.common.black_prefix);
+  WriteSet(f, "black_suffix", c.common.black_suffix);
+  WriteSet(f, "black_dir_prefix", c.common.black_dir_prefix);
+  WriteSet(f, "black_name", c.common.black_name);
+  WriteMaximum(f, "max_length", c.common.max_length);
+  WriteMaximum(f, "max_path", c.common.max_path);
+  fputc('\n', f);
+
+  fputs("[File]\n", f);
+  WriteString(f, "black_char", c.file.black_char);
+  WriteSet(f, "black_ext", c.file.black_ext);
+  WriteSet(f, "black_name", c.file.black_name);
+  WriteSet(f, "black_prefix", c.file.black_prefix);
+  WriteSet(f, "black_suffix", c.file.black_suffix);
+  WriteSet(f, "black_glob", c.file.black_glob);
+  WriteMaximum(f, "max_size", c.file.max_size);
+  fputc('\n', f);
+
+  fputs("[Directory]\n", f);
+  WriteString(f, "black_char", c.directory.black_char);
+  WriteSet(f, "black_name", c.directory.black_name);
+  WriteSet(f, "black_prefix", c.directory.black_prefix);
+  WriteSet(f, "black_suffix", c.directory.black_suffix);
+  fputc('\n', f);
+
+  fputs("[EA]\n", f);
+  WriteSet(f, "black_ea_name", c.ea.black_ea_name);
+  fputc('\n', f);
+}
+
+// Writes `c` into the new file `fd`, gives it `mode`, flushes it to the
+// disk and closes it.  0, or -1 when any of these failed.
+int WriteToDisk(int fd, mode_t mode, const FilterConfig& c) {
+  FILE* f = fdopen(fd, "w");
+  if (f == nullptr) {
+    close(fd);
+    return -1;
+  }
+  WriteConfig(f, c);
+  const bool flushed = fchmod(fd, mode) == 0 && fflush(f) == 0 && !ferror(f) && fsync(fd) == 0;
+  return fclose(f) == 0 && flushed ? 0 : -1;
+}
 
 }  // namespace
 
@@ -241,43 +290,18 @@ int FilterFile::Load(const std::string& path) {
 
 int FilterFile::Write(const std::string& path) {
   std::lock_guard<std::mutex> lock(mutex_);
-  std::unique_ptr<FILE, FileCloser> file(fopen(path.c_str(), "w"));
-  if (!file) return -1;
-  FILE* f = file.get();
-  const FilterConfig& c = config_;
-
-  fprintf(f, "[Version]\nmajor = %d\nminor = %d\n\n", c.version.major, c.version.minor);
-
-  fputs("[Common]\n", f);
-  WriteString(f, "black_char", c.common.black_char);
-  WriteSet(f, "black_prefix", c.common.black_prefix);
-  WriteSet(f, "black_suffix", c.common.black_suffix);
-  WriteSet(f, "black_dir_prefix", c.common.black_dir_prefix);
-  WriteSet(f, "black_name", c.common.black_name);
-  WriteMaximum(f, "max_length", c.common.max_length);
-  WriteMaximum(f, "max_path", c.common.max_path);
-  fputc('\n', f);
-
-  fputs("[File]\n", f);
-  WriteString(f, "black_char", c.file.black_char);
-  WriteSet(f, "black_ext", c.file.black_ext);
-  WriteSet(f, "black_name", c.file.black_name);
-  WriteSet(f, "black_prefix", c.file.black_prefix);
-  WriteSet(f, "black_suffix", c.file.black_suffix);
-  WriteSet(f, "black_glob", c.file.black_glob);
-  WriteMaximum(f, "max_size", c.file.max_size);
-  fputc('\n', f);
-
-  fputs("[Directory]\n", f);
-  WriteString(f, "black_char", c.directory.black_char);
-  WriteSet(f, "black_name", c.directory.black_name);
-  WriteSet(f, "black_prefix", c.directory.black_prefix);
-  WriteSet(f, "black_suffix", c.directory.black_suffix);
-  fputc('\n', f);
-
-  fputs("[EA]\n", f);
-  WriteSet(f, "black_ea_name", c.ea.black_ea_name);
-  fputc('\n', f);
+  // The new text goes to a file of its own beside the old one and replaces
+  // it by a rename only once every byte has reached the disk: a crash or a
+  // full disk leaves the old file or the new one, never a cut one.
+  std::string temp = path + ".XXXXXX";
+  const int fd = mkostemp(&temp[0], O_CLOEXEC);
+  if (fd < 0) return -1;
+  struct stat old;
+  const mode_t mode = stat(path.c_str(), &old) == 0 ? (old.st_mode & 07777) : kNewFilterFileMode;
+  if (WriteToDisk(fd, mode, config_) != 0 || rename(temp.c_str(), path.c_str()) != 0) {
+    unlink(temp.c_str());
+    return -1;
+  }
   return 0;
 }
 

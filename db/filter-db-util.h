@@ -101,8 +101,10 @@ class FilterFile {
   // schema is accepted only when it says major 1 and minor above 0.  0, or
   // -1 with the config empty.
   int Load(const std::string& path);
-  // Writes the config to `path` (truncating).  -1 only when the file cannot
-  // be opened; errors while writing are not detected.
+  // Replaces the file at `path` with the config: written to a temporary
+  // file in the same directory ("path.XXXXXX", with the old file's mode, or
+  // 0644), synced, then renamed over `path`.  0, or -1 when any step fails;
+  // `path` is then as it was and the temporary file is gone.
   int Write(const std::string& path);
   // Sets Common max_length (kFilterMaxLength) or max_path (kFilterMaxPath).
   // -1 for any other `which`.

@@ -49,17 +49,6 @@ std::string HostPart(const std::string& text) {
   return colon == std::string::npos ? text : text.substr(0, colon);
 }
 
-// Queues a three-way merge of the whole session: the request carries these
-// four keys and no others.
-int QueueThreeWayMerge(uint64_t session_id) {
-  PObject request, reply;
-  request["action"] = std::string("add_event");
-  request["type"] = std::string("three_way_merge");
-  request["session_id"] = static_cast<int64_t>(session_id);
-  request["path"] = std::string("/");
-  return SendDaemonCommand(request, &reply);
-}
-
 }  // namespace
 
 bool ResyncPause::Wait() const {
@@ -151,7 +140,7 @@ int NXClientErrorHandler::UpgradeConnection(uint64_t conn_id,
     for (const SessionInfo& s : sessions) {
       LOG_INFO(kComponent,
                "Upgrade connectino and force 3-way merge to sync all node before pullevent");
-      QueueThreeWayMerge(s.id);
+      AddThreeWayMergeEvent(s.id);
     }
   }
   return 0;

@@ -119,8 +119,9 @@ int SendCommand(const std::string& socket_path, const PObject& request, PObject*
     return -1;
   }
   if (HasMember(*reply, "error")) {
-    LOG_ERROR(kComponent, "ipc response error[action=%s, error=%s]", action.c_str(),
-              reply->Lookup("error").AsString().c_str());
+    const PObject& error = reply->Lookup("error");
+    const std::string text = error.IsString() ? error.AsString() : ToJson(error);
+    LOG_ERROR(kComponent, "ipc response error[action=%s, error=%s]", action.c_str(), text.c_str());
     return -1;
   }
   if (HasMember(*reply, "ack")) {
@@ -155,7 +156,7 @@ int AddSession(const SessionInfo& session, const GeneralOptions& options, bool r
     return -1;
   }
   if (three_way_merge) {
-    int rc = AddEvent(session.id, "three_way_merge", "/", false);
+    int rc = AddThreeWayMergeEvent(session.id);
     if (rc != 0) {
       LOG_ERROR(kComponent, "add three way merge event to daemon fail[id=%llu,path=%s]", id,
                 share_name.c_str());
@@ -233,6 +234,15 @@ int AddEvent(uint64_t session_id, const std::string& type, const std::string& pa
   request["type"] = type;
   request["path"] = path;
   request["is_dir"] = Flag(is_dir);
+  return SendDaemonCommand(request, &reply);
+}
+
+int AddThreeWayMergeEvent(uint64_t session_id) {
+  PObject request, reply;
+  request["action"] = std::string("add_event");
+  request["type"] = std::string("three_way_merge");
+  request["session_id"] = static_cast<int64_t>(session_id);
+  request["path"] = std::string("/");
   return SendDaemonCommand(request, &reply);
 }
 

@@ -9,7 +9,8 @@
 // logged once at ERROR under `default_component` and reported as -1; there
 // is no retry and no time-out beyond the Channel's own.
 //
-// Reply rules: a reply holding "error" fails (even beside "ack" "ok"); a
+// Reply rules: a reply holding "error" fails (even beside "ack" "ok"; the
+// error is logged as its text, or as its JSON rendering when no string); a
 // reply whose "ack" is a string other than "ok" fails; anything else,
 // including an empty map, succeeds.
 #ifndef VESTA_IPC_DAEMON_IPC_H_
@@ -33,8 +34,8 @@ int SendDaemonCommand(const PObject& request, PObject* reply);
 
 // Registers `session` with the daemon.  Creates the session's directory
 // (mode 0755) first and fails before sending anything when it cannot be a
-// directory.  With `three_way_merge` an "add_event" of type
-// "three_way_merge" on "/" follows; otherwise, with `resume`, a "resume".
+// directory.  With `three_way_merge` AddThreeWayMergeEvent follows;
+// otherwise, with `resume`, a "resume".
 int AddSession(const SessionInfo& session, const GeneralOptions& options, bool resume,
                bool three_way_merge);
 int RemoveSession(uint64_t session_id);
@@ -51,6 +52,11 @@ int ReloadSessionConflictPolicy(uint64_t session_id, const std::string& conflict
                                 bool rename_conflict);
 int AddEvent(uint64_t session_id, const std::string& type, const std::string& path,
              bool is_dir);
+// Queues a three-way merge of the whole session: "add_event" with exactly
+// "type" "three_way_merge", "session_id" and "path" "/" (no "is_dir").  The
+// one builder of that event: AddSession sends it, and so will
+// UpgradeConnection for every session of an upgraded connection.
+int AddThreeWayMergeEvent(uint64_t session_id);
 int AddWatchSession(uint64_t session_id, bool merge_mode);
 
 // Writes the "reload_connection" keys of `connection` into `map`.  The proxy

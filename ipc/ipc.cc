@@ -144,7 +144,7 @@ void IPCServer::Close() {
 
 // ---- IPCSender ----
 
-IPCSender::IPCSender() : channel_(kChannelBufferSize) {}
+IPCSender::IPCSender() : channel_(Channel::kDefaultBlockSize) {}
 
 IPCSender::~IPCSender() { Disconnect(); }
 

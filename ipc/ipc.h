@@ -67,9 +67,6 @@ class IPCServer {
 
 class IPCSender {
  public:
-  // Size of the channel's transfer blocks.
-  static constexpr size_t kChannelBufferSize = 81920;
-
   IPCSender();
   // Disconnects.
   virtual ~IPCSender();

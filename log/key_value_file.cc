@@ -1,14 +1,10 @@
 #include "log/key_value_file.h"
 
-#include <cstdio>
-#include <cstring>
 #include <memory>
 
-namespace {
+#include "log/read_line.h"
 
-// Lines are read with a fixed buffer, as fgets reads them: a longer line
-// arrives as several pieces, each parsed as a line of its own.
-constexpr int kLineBufferSize = 8192;
+namespace {
 
 bool IsBlank(unsigned char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
@@ -27,9 +23,10 @@ const char* SkipBlanks(const char* p) {
   return p;
 }
 
-enum LineResult { kSkipped, kPair, kSyntaxError };
+enum LineResult { kSkipped, kPair, kUnset, kSyntaxError };
 
-LineResult ParseLine(const char* line, std::string* key, std::string* value) {
+LineResult ParseLine(const char* line, KeyValueRules rules, std::string* key,
+                     std::string* value) {
   const char* p = SkipBlanks(line);
   if (*p == '\0' || *p == '#') return kSkipped;
 
@@ -41,7 +38,7 @@ LineResult ParseLine(const char* line, std::string* key, std::string* value) {
   p = SkipBlanks(p);
   if (*p != '=') return kSyntaxError;
   p = SkipBlanks(p + 1);
-  if (*p == '\0') return kSyntaxError;
+  if (*p == '\0') return rules == KeyValueRules::kRelaxed ? kUnset : kSyntaxError;
 
   if (*p == '"' || *p == '\'') {
     const char quote = *p++;
@@ -60,7 +57,7 @@ LineResult ParseLine(const char* line, std::string* key, std::string* value) {
 
   p = SkipBlanks(p);
   if (*p != '\0' && *p != '#') return kSyntaxError;
-  return kPair;
+  return rules == KeyValueRules::kRelaxed && value->empty() ? kUnset : kPair;
 }
 
 struct FileCloser {
@@ -69,24 +66,37 @@ struct FileCloser {
 
 }  // namespace
 
-int ReadKeyValueFile(const std::string& path, std::map<std::string, std::string>* out) {
+int ReadKeyValueFile(const std::string& path, std::map<std::string, std::string>* out,
+                     KeyValueRules rules) {
   out->clear();
   std::unique_ptr<FILE, FileCloser> file(fopen(path.c_str(), "r"));
   if (!file) return -1;
+  return ReadKeyValueStream(file.get(), rules, out);
+}
 
-  char line[kLineBufferSize];
-  std::string key, value;
-  while (fgets(line, sizeof(line), file.get()) != nullptr) {
-    switch (ParseLine(line, &key, &value)) {
+int ReadKeyValueStream(FILE* file, KeyValueRules rules, std::map<std::string, std::string>* out) {
+  out->clear();
+  const bool strict = rules == KeyValueRules::kStrict;
+  std::string line, key, value;
+  for (;;) {
+    const LineRead read = ReadLine(file, strict ? kKeyValuePiece : kKeyValueMaxLine, &line);
+    if (read == LineRead::kEnd) return 0;
+    // A strict reader parses each piece of a long line as a line of its
+    // own; a relaxed one refuses a line over its limit.
+    LineResult result = kSyntaxError;
+    if (strict || read == LineRead::kLine) result = ParseLine(line.c_str(), rules, &key, &value);
+    switch (result) {
       case kSkipped:
         break;
       case kPair:
         (*out)[key] = value;
+        break;
+      case kUnset:
+        out->erase(key);
         break;
       case kSyntaxError:
         out->clear();
         return -1;
     }
   }
-  return 0;
 }

@@ -22,6 +22,9 @@ namespace {
 
 int Level() { return Daemon::log_level.load(std::memory_order_relaxed); }
 
+// The largest pid Linux hands out (PID_MAX_LIMIT, 2^22).
+constexpr long kMaxPid = 4194304;
+
 }  // namespace
 
 void Daemon::OpenSyslog() { openlog("", LOG_NDELAY, LOG_USER); }
@@ -39,20 +42,22 @@ int Daemon::IsRunning(const std::string& pid_file, pid_t* pid) {
     DAEMON_SYSLOG(Level() > 2, "cannot open pid file at '%s', daemon is not running\n", path);
     return 0;
   }
-  int value = 0;
-  int fields = fscanf(f, "%d", &value);
+  long value = 0;
+  int fields = fscanf(f, "%ld", &value);
   fclose(f);
-  if (fields != 1) {
+  // Signal 0 to pid 0 or a negative pid asks a whole process group, and
+  // succeeds: only a positive pid names one process that may be running.
+  if (fields != 1 || value <= 0 || value > kMaxPid) {
     DAEMON_SYSLOG(Level() > 2, "cannot find pid int pid file at '%s', daemon is not running\n",
                   path);
     return 0;
   }
-  if (kill(value, 0) != 0) {
+  if (kill(static_cast<pid_t>(value), 0) != 0) {
     int err = errno;
     DAEMON_SYSLOG(Level() > 5, "kill: %s (%d)\n", strerror(err), err);
     return 0;
   }
-  *pid = value;
+  *pid = static_cast<pid_t>(value);
   return 1;
 }
 

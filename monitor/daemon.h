@@ -27,7 +27,8 @@ class Daemon {
 
   virtual int Run() = 0;
 
-  // 1 and *pid when the pid file names a live process, else 0.
+  // 1 and *pid when the pid file names a live process, else 0.  Only a
+  // positive pid counts: 0, a negative number or text means not running.
   static int IsRunning(const std::string& pid_file, pid_t* pid);
   // Detaches into the background with signal handlers and a pid file.
   static int Daemonize(const std::string& pid_file);

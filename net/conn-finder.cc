@@ -6,18 +6,11 @@
 #include <memory>
 
 #include "log/log.h"
-#include "platform/proxy.h"
+#include "platform/holders.h"
 
 namespace {
 
 constexpr size_t kHostNameSize = 512;
-
-struct ProxyInfoFree {
-  void operator()(ZephProxyInfo* info) const { ZEPHProxyInfoFree(info); }
-};
-struct ProxySettingFree {
-  void operator()(ZephProxySetting* setting) const { ZEPHProxySettingFree(setting); }
-};
 
 bool Flag(const ZephProxySetting* setting, int attribute) {
   bool value = false;
@@ -80,12 +73,12 @@ int ReadProxy(const ZephProxyInfo* info, const ZephProxySetting* setting, ProxyI
 }  // namespace
 
 int GetSystemProxy(ProxyInfo* proxy) {
-  std::unique_ptr<ZephProxyInfo, ProxyInfoFree> info(ZEPHProxyInfoInit(0));
+  ProxyInfoRecord info(ZEPHProxyInfoInit(0));
   if (!info) {
     LOG_ERROR("autoconn_debug", "failed to init proxy info");
     return -1;
   }
-  std::unique_ptr<ZephProxySetting, ProxySettingFree> setting(ZEPHProxySettingInit());
+  ProxySettingRecord setting(ZEPHProxySettingInit());
   if (!setting) {
     LOG_ERROR("autoconn_debug", "failed to init proxy setting");
     return -1;

@@ -37,7 +37,7 @@ int KLIBCFileGetKeyValue(const char* path, const char* key, char* buf, size_t si
   }
   buf[0] = '\0';
   std::map<std::string, std::string> pairs;
-  if (ReadKeyValueFile(path, &pairs) != 0) {
+  if (ReadKeyValueFile(path, &pairs, KeyValueRules::kRelaxed) != 0) {
     LOG_ERROR("platform", "cannot read key=value file '%s'", path);
     KLIB_SET_ERR(KLIB_ERR_FILE);
     return -1;

@@ -19,7 +19,7 @@ int ReadProxyFile(std::map<std::string, std::string>* keys) {
   const std::string path = FixedPath(kProxyFile);
   keys->clear();
   if (access(path.c_str(), F_OK) != 0) return 0;
-  if (ReadKeyValueFile(path, keys) != 0) {
+  if (ReadKeyValueFile(path, keys, KeyValueRules::kRelaxed) != 0) {
     LOG_ERROR("platform", "proxy file '%s' cannot be read or is malformed", path.c_str());
     KLIB_SET_ERR(KLIB_ERR_FILE);
     return -1;

@@ -12,18 +12,15 @@
 #include "log/log.h"
 #include "platform/fixed_path.h"
 #include "platform/flags.h"
+#include "platform/holders.h"
 #include "platform/klib.h"
+#include "platform/normalize_path.h"
 #include "platform/scoped_fd.h"
 #include "platform/users.h"
 
 namespace {
 
 constexpr char kSharesDir[] = "/etc/vesta/shares/";
-
-struct ShareFree {
-  void operator()(ZephShare* share) const { ZEPHShareFree(share); }
-};
-using ShareHolder = std::unique_ptr<ZephShare, ShareFree>;
 
 // A share name is one file name: no "/", not "." or "..", not empty.
 bool IsValidName(const char* name) {
@@ -53,7 +50,7 @@ int LoadShare(const char* name, ZephShare* share) {
     KLIB_SET_ERR(KLIB_ERR_NO_SUCH_SHARE);
     return -1;
   }
-  if (ReadKeyValueFile(file, &share->keys) != 0) {
+  if (ReadKeyValueFile(file, &share->keys, KeyValueRules::kRelaxed) != 0) {
     LOG_ERROR("platform", "share file '%s' cannot be read or is malformed", file.c_str());
     KLIB_SET_ERR(KLIB_ERR_FILE);
     return -1;
@@ -65,6 +62,9 @@ int LoadShare(const char* name, ZephShare* share) {
     KLIB_SET_ERR(KLIB_ERR_BAD_VALUE);
     return -1;
   }
+  // The encryption path, the snapshot search and the acl_mask lookup work
+  // on the path's text: one folder must have one text.
+  share->path = NormalizePath(share->path);
   share->status = 0;
   for (const StatusKey& s : kStatusKeys) {
     int flag = KlibFlagOf(share->keys, s.key);
@@ -114,7 +114,7 @@ int ZEPHShareGet(const char* name, ZephShare** out) {
     return -1;
   }
   *out = nullptr;
-  ShareHolder share(new (std::nothrow) ZephShare);
+  ShareRecord share(new (std::nothrow) ZephShare);
   if (!share) {
     KLIB_SET_ERR(KLIB_ERR_OUT_OF_MEMORY);
     return -1;

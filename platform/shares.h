@@ -28,7 +28,7 @@ enum {
 // ZEPHShareFree.
 struct ZephShare {
   std::string name;
-  std::string path;       // absolute path of the shared folder
+  std::string path;       // absolute path of the shared folder, normalised (NormalizePath)
   uint32_t status = 0;    // ZEPH_SHARE_STATUS_* bits
   std::string deny_list;  // comma-separated users and "@group"s, no access
   std::string rw_list;    // ... read-write

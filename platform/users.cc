@@ -17,7 +17,9 @@
 #include "log/log.h"
 #include "platform/fixed_path.h"
 #include "platform/flags.h"
+#include "platform/holders.h"
 #include "platform/shares.h"
+#include "platform/utf8_case.h"
 
 namespace {
 
@@ -89,9 +91,6 @@ std::string GroupNameOf(gid_t gid) {
 struct DirClose {
   void operator()(DIR* dir) const { closedir(dir); }
 };
-struct ShareFree {
-  void operator()(ZephShare* share) const { ZEPHShareFree(share); }
-};
 
 // Finds `user` in an "acl_mask" list ("alice:0x1fff,bob:0x75").
 bool MaskInList(const std::string& list, const std::string& user, uint32_t* mask) {
@@ -102,7 +101,7 @@ bool MaskInList(const std::string& list, const std::string& user, uint32_t* mask
     const std::string item = list.substr(begin, end - begin);
     begin = end + 1;
     size_t colon = item.rfind(':');
-    if (colon == std::string::npos || item.compare(0, colon, user) != 0) continue;
+    if (colon == std::string::npos || !Utf8CaseEqual(user.c_str(), item.c_str(), colon)) continue;
     const std::string text = item.substr(colon + 1);
     char* stop = nullptr;
     errno = 0;
@@ -131,7 +130,7 @@ bool ExplicitMask(const std::string& path, const std::string& user, uint32_t* ma
     file.resize(file.size() - kSuffix.size());
     ZephShare* raw = nullptr;
     if (ZEPHShareGet(file.c_str(), &raw) != 0) continue;
-    std::unique_ptr<ZephShare, ShareFree> share(raw);
+    ShareRecord share(raw);
     char enc_path[4096] = "";
     if (share->path != path &&
         (KLIBShareEncryptPathGet(share.get(), enc_path, sizeof(enc_path)) != 0 || path != enc_path)) {
@@ -144,7 +143,7 @@ bool ExplicitMask(const std::string& path, const std::string& user, uint32_t* ma
 
 uint32_t MaskOfModeBits(mode_t rwx) {
   uint32_t mask = 0;
-  if (rwx & 4) mask |= ZEPH_ACL_READ;
+  if (rwx & 4) mask |= ZEPH_ACL_MODE_READ;
   if (rwx & 2) mask |= ZEPH_ACL_WRITE;
   return mask;
 }
@@ -171,7 +170,7 @@ int KLIBGroupInfoListGet(const char* user, KlibSzList** out) {
   if (LookUpUser(user, &u) != 0) return -1;
   std::vector<gid_t> gids;
   if (GroupIdsOf(user, u.gid, &gids) != 0) return -1;
-  std::unique_ptr<KlibSzList> list(new (std::nothrow) KlibSzList);
+  SzList list(new (std::nothrow) KlibSzList);
   if (!list) {
     KLIB_SET_ERR(KLIB_ERR_OUT_OF_MEMORY);
     return -1;

@@ -1,28 +1,14 @@
-// Internal to sdk/: owners of the platform's records, freed on every path,
-// and the pure steps of the privilege computation.
+// Internal to sdk/: the pure steps of the privilege computation.  The
+// owners of the platform's records are in platform/holders.h.
 #ifndef VESTA_SDK_SDK_IMPL_H_
 #define VESTA_SDK_SDK_IMPL_H_
 
 #include <cstdint>
-#include <memory>
 
-#include "platform/klib.h"
-#include "platform/shares.h"
+#include "platform/holders.h"
+#include "platform/users.h"
 
 namespace SDK {
-
-struct ShareRecordFree {
-  void operator()(ZephShare* share) const { ZEPHShareFree(share); }
-};
-struct SzListFree {
-  void operator()(KlibSzList* list) const { KLIBCSzListFree(list); }
-};
-struct SzHashFree {
-  void operator()(KlibSzHash* hash) const { KLIBCSzHashFree(hash); }
-};
-using ShareRecord = std::unique_ptr<ZephShare, ShareRecordFree>;
-using SzList = std::unique_ptr<KlibSzList, SzListFree>;
-using SzHash = std::unique_ptr<KlibSzHash, SzHashFree>;
 
 // Privilege codes.
 enum {
@@ -32,10 +18,8 @@ enum {
   kPrivFullControl = 8,
 };
 
-// ACL masks of the privilege computation.
-constexpr uint32_t kAclFull = 0x1fff;
-constexpr uint32_t kAclRead = 0x74;        // all of it: may read
-constexpr uint32_t kAclWrite = 0x18a;      // all of it: may write
+// ACL masks of the privilege computation beside the platform's
+// ZEPH_ACL_READ, ZEPH_ACL_WRITE and ZEPH_ACL_FULL.
 constexpr uint32_t kAclControl = 0x600;    // all of it, with write: full control
 constexpr uint32_t kAclRwListMask = 0x7ff;  // what the read-write list keeps
 constexpr uint32_t kAclRoListMask = 0x75;   // what the read-only list keeps

@@ -273,7 +273,7 @@ int Share::GetPrivilege(const std::string& user) const {
   if (admin == 1 && (mask & ~0x1u) != 0) {
     // An administrator with any real permission has full control, limited
     // on an ordinary share by its user lists.
-    mask = kAclFull;
+    mask = ZEPH_ACL_FULL;
     if (acl_only == 1) return read_only == 1 ? kPrivReadOnly : kPrivFullControl;
   } else if (acl_only == 1) {
     return PrivilegeOfMask(mask, read_only == 1);
@@ -281,12 +281,12 @@ int Share::GetPrivilege(const std::string& user) const {
     // On a share with Windows-style ACLs an explicit "nothing" holds even
     // for administrators.
     if (admin == 1 && win_acl == 0) {
-      mask = kAclFull;
+      mask = ZEPH_ACL_FULL;
     } else {
       return kPrivNoAccess;
     }
   } else if (admin == 1) {
-    mask = kAclFull;
+    mask = ZEPH_ACL_FULL;
   }
 
   if (FilterByUserLists(user, &mask) != 0) return kPrivNoAccess;

@@ -10,32 +10,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/scoped_fd.h"
+
 namespace cat {
 namespace {
 
 bool Cancelled(const std::atomic<int>* flag) {
   return flag != nullptr && flag->load(std::memory_order_relaxed) != 0;
 }
-
-// Owns a descriptor until released.
-class FdGuard {
- public:
-  explicit FdGuard(int fd) : fd_(fd) {}
-  ~FdGuard() {
-    if (fd_ >= 0) close(fd_);
-  }
-  FdGuard(const FdGuard&) = delete;
-  FdGuard& operator=(const FdGuard&) = delete;
-  int get() const { return fd_; }
-  int release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_;
-};
 
 // Owns a getaddrinfo list.
 struct AddrInfoDeleter {
@@ -86,7 +68,7 @@ int ConnectSocket(int fd, const struct sockaddr* addr, socklen_t len,
 int ConnectUnix(const std::string& path, int timeout,
                 const std::atomic<int>* cancel_flag) {
   if (Cancelled(cancel_flag)) return -1;
-  FdGuard fd(socket(AF_UNIX, SOCK_STREAM, 0));
+  ScopedFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (fd.get() < 0) return -1;
   struct sockaddr_un addr;
   memset(&addr, 0, sizeof(addr));
@@ -112,7 +94,7 @@ int ConnectTcp(const std::string& host, int port, int timeout,
   std::unique_ptr<struct addrinfo, AddrInfoDeleter> list(raw);
   for (struct addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
     if (Cancelled(cancel_flag)) return -1;
-    FdGuard fd(socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol));
+    ScopedFd fd(socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol));
     if (fd.get() < 0) continue;
     if (ConnectSocket(fd.get(), ai->ai_addr, ai->ai_addrlen, timeout, cancel_flag) == 0) {
       return fd.release();
@@ -122,7 +104,7 @@ int ConnectTcp(const std::string& host, int port, int timeout,
 }
 
 std::unique_ptr<Socket> CreateTcpSocket(bool blocking, int linger) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return nullptr;
   auto sock = std::make_unique<Socket>(fd);
   if (sock->SetBlocking(blocking) < 0 || (linger >= 0 && sock->SetLinger(linger) < 0)) {

@@ -4,6 +4,8 @@
 // 800 ms steps; each empty step counts 800,000 us against the time limit,
 // and the caller's cancel flag is tested before every step, so another
 // thread can abort a connect within one step.  Safe to call from any thread.
+// Every socket made here is close-on-exec, like those the daemon listens
+// and accepts on, so no child process inherits a connection.
 #ifndef VESTA_NET_CAT_SOCKET_OPS_H_
 #define VESTA_NET_CAT_SOCKET_OPS_H_
 

@@ -1,6 +1,7 @@
 #include "sdk/fslib/fslib.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <mntent.h>
 #include <unistd.h>
 
@@ -9,39 +10,13 @@
 #include <memory>
 
 #include "log/log.h"
+#include "platform/normalize_path.h"
 
 namespace {
 
 constexpr uint32_t kBtrfsMagic = 0x9123683E;  // statfs f_type of btrfs
 
 // ---- paths ----
-
-// Absolute, without ".", "..", empty components or a trailing "/".  Works
-// on the text alone: links are not resolved.
-std::string Normalize(const std::string& path) {
-  std::string input = path;
-  if (input.empty() || input[0] != '/') {
-    char cwd[4096];
-    if (getcwd(cwd, sizeof(cwd)) != nullptr) input = std::string(cwd) + "/" + input;
-  }
-  std::vector<std::string> parts;
-  size_t begin = 0;
-  while (begin <= input.size()) {
-    size_t end = input.find('/', begin);
-    if (end == std::string::npos) end = input.size();
-    const std::string part = input.substr(begin, end - begin);
-    begin = end + 1;
-    if (part.empty() || part == ".") continue;
-    if (part == "..") {
-      if (!parts.empty()) parts.pop_back();
-      continue;
-    }
-    parts.push_back(part);
-  }
-  std::string out;
-  for (const std::string& part : parts) out += "/" + part;
-  return out.empty() ? "/" : out;
-}
 
 // The text before the last "/", or "/".
 std::string Parent(const std::string& path) {
@@ -177,7 +152,7 @@ int FillEcryptfsDevice(const std::string& m, const std::string& table, const FsP
 int FillProperty(const std::string& path, const std::string& table, const FsProbe& probe,
                  FileSystemProperty* p) {
   std::string m;
-  if (FindMountPoint(Normalize(path), probe, &m) != 0) return -1;
+  if (FindMountPoint(NormalizePath(path), probe, &m) != 0) return -1;
 
   MountEntry entry;
   const int found = FindMountEntry(m, &entry, table);
@@ -215,15 +190,37 @@ struct DirClose {
   void operator()(DIR* dir) const { closedir(dir); }
 };
 
-int RemoveEntries(const std::string& dir_path) {
-  std::unique_ptr<DIR, DirClose> dir(opendir(dir_path.c_str()));
-  if (!dir) return -1;
+int RemoveAt(int parent_fd, const char* name);
+
+// Removes every entry of the directory open at `dir_fd`, which the walk
+// takes over and closes.  Subdirectories are entered by descriptor, never
+// by a path, so a directory swapped for a symbolic link behind the walk's
+// back cannot lead it out of the tree.
+int RemoveEntries(int dir_fd) {
+  std::unique_ptr<DIR, DirClose> dir(fdopendir(dir_fd));
+  if (!dir) {
+    close(dir_fd);
+    return -1;
+  }
   int result = 0;
   while (struct dirent* e = readdir(dir.get())) {
     if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-    if (RemovePath(dir_path + "/" + e->d_name) != 0) result = -1;
+    if (RemoveAt(dirfd(dir.get()), e->d_name) != 0) result = -1;
   }
   return result;
+}
+
+// Removes `name` of the directory `parent_fd` (AT_FDCWD for a path): a
+// directory with its tree, anything else (a symbolic link included) by
+// unlinking the name.
+int RemoveAt(int parent_fd, const char* name) {
+  const int fd = openat(parent_fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    // Not a directory; or one that cannot be opened, which goes only when empty.
+    return unlinkat(parent_fd, name, errno == ENOTDIR || errno == ELOOP ? 0 : AT_REMOVEDIR);
+  }
+  const int entries = RemoveEntries(fd);
+  return unlinkat(parent_fd, name, AT_REMOVEDIR) == 0 ? entries : -1;
 }
 
 }  // namespace
@@ -352,10 +349,4 @@ bool PathExists(const std::string& path) {
   return !path.empty() && stat(path.c_str(), &st) == 0;
 }
 
-int RemovePath(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return -1;
-  if (!S_ISDIR(st.st_mode)) return unlink(path.c_str());
-  const int entries = RemoveEntries(path);
-  return rmdir(path.c_str()) == 0 ? entries : -1;
-}
+int RemovePath(const std::string& path) { return RemoveAt(AT_FDCWD, path.c_str()); }

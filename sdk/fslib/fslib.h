@@ -115,9 +115,11 @@ int GetFileSystemPropertyOfPath(const std::string& path, FileSystemProperty* out
 bool PathExists(const std::string& path);
 
 // Removes `path`: a directory with everything below it, entries first
-// (symbolic links are removed, never followed); anything else is unlinked.
-// 0 when all is gone; -1 when something could not be removed (as much as
-// possible is removed all the same).
+// (symbolic links are removed, never followed, also when one takes a
+// directory's place during the walk); anything else is unlinked.  Holds one
+// descriptor per directory level being walked.  0 when all is gone; -1 when
+// something could not be removed (as much as possible is removed all the
+// same).
 int RemovePath(const std::string& path);
 
 #endif  // VESTA_SDK_FSLIB_FSLIB_H_

@@ -40,7 +40,7 @@ class ServiceSettingTest : public ::testing::Test {
 TEST_F(ServiceSettingTest, VolumeAndPaths) {
   EXPECT_EQ(etc_ + "/service.conf", config_);
   dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\nvolume=/volume2\n");
-  mode_t old_mask = umask(0);
+  mode_t old_mask = umask(077);  // the lock file's mode does not depend on it
   ServiceSetting setting(config_);
   std::string v;
   ASSERT_EQ(0, setting.GetServiceVolume(&v));

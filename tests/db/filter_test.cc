@@ -2,7 +2,10 @@
 // byte value, the load rules), the filter database clean-up and the
 // encryption-driven maximum name length.
 #include <stdlib.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -135,16 +138,38 @@ TEST_F(FilterFileTest, EveryByteValueRoundTrips) {
   ASSERT_EQ(0, back.Load(dir_.File("f")));
   ExpectSameConfig(f.config(), back.config());
 
-  // An escaped text over 4095 bytes is cut at a whole escape.
+  // An escaped text over 4095 bytes is cut at a whole escape; a line of
+  // five such values (over 20,000 bytes) reads back.
   FilterFile longer;
   Add(&longer.config().ea.black_ea_name, std::string(1100, '@'));
-  Add(&longer.config().ea.black_ea_name, std::string(5000, 'z'));
+  for (int i = 0; i < 4; ++i) Add(&longer.config().ea.black_ea_name, std::string(5000, 'z'));
   ASSERT_EQ(0, longer.Write(dir_.File("g")));
   FilterFile cut;
   ASSERT_EQ(0, cut.Load(dir_.File("g")));
-  ASSERT_EQ(2u, cut.config().ea.black_ea_name.count);
+  ASSERT_EQ(5u, cut.config().ea.black_ea_name.count);
   EXPECT_EQ(std::string(1023, '@'), cut.config().ea.black_ea_name.items[0]);
-  EXPECT_EQ(std::string(4095, 'z'), cut.config().ea.black_ea_name.items[1]);
+  EXPECT_EQ(std::string(4095, 'z'), cut.config().ea.black_ea_name.items[4]);
+}
+
+// A write that fails half-way (here: the file size limit) is reported and
+// leaves the old file as it was, with no temporary file beside it.
+TEST_F(FilterFileTest, AFailedWriteKeepsTheOldFile) {
+  const std::string old_text = "[Version]\nmajor = 1\nminor = 1\n";
+  const std::string path = dir_.Write("blacklist.filter", old_text);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = {16, 16};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    FilterFile f;
+    _exit(f.Write(path) == -1 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status) << "the failed write was not reported";
+  EXPECT_EQ(old_text, ReadFile(path));
+  EXPECT_EQ("blacklist.filter\n", RunCommand("ls -A '" + dir_.path() + "'"));
 }
 
 TEST_F(FilterFileTest, LoadRulesAliasesAndMaxima) {

@@ -192,7 +192,7 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
     const char* connection;  // error|status|package_version
   };
   const std::vector<std::string> kResync = {"remove_session s1", "reload_connection c1",
-                                            "add_session s1", "add_event s1/5"};
+                                            "add_session s1", "add_event s1/4"};
   std::vector<std::string> resync_then_pause = kResync;
   resync_then_pause.push_back("pause c1");  // builds below 10000 are not served
   const Case kCases[] = {

@@ -103,13 +103,16 @@ TEST_F(DaemonIpcTest, ReplyRules) {
   SetScript(R"({"replies": {"pause": {"error": "busy", "ack": "ok"},
                             "resume": {"ack": "later"},
                             "get_status": {"connection_list": [{"connection_id": 3}]},
-                            "remove_session": {"ack": "ok", "extra": 1}},
+                            "remove_session": {"ack": "ok", "extra": 1},
+                            "reload_session": {"error": 17}},
                "close": ["unlink_connection"]})");
   EXPECT_EQ(-1, PauseSession(1));
   EXPECT_NE(std::string::npos, Log().find("ipc response error[action=pause, error=busy]"));
   EXPECT_EQ(-1, ResumeSession(1));
   EXPECT_NE(std::string::npos, Log().find("ipc ack not ok[ack=later]"));
   EXPECT_EQ(0, RemoveSession(1));
+  EXPECT_EQ(-1, ReloadSessionFilter(1));
+  EXPECT_NE(std::string::npos, Log().find("ipc response error[action=reload_session, error=17]"));
   EXPECT_EQ(0, AddWatchSession(1, true));  // "*" absent: empty map succeeds
   EXPECT_EQ(-1, UnlinkConnection(1));
   EXPECT_NE(std::string::npos,
@@ -144,7 +147,7 @@ TEST_F(DaemonIpcTest, AddSession) {
           "conflict_policy": "compare_mtime", "rename_conflict": 0,
           "attribute_check_strength": 3, "with_q9share": 1})";
   ExpectRequests({add, R"({"action": "add_event", "session_id": 12,
-                           "type": "three_way_merge", "path": "/", "is_dir": 0})"});
+                           "type": "three_way_merge", "path": "/"})"});
 
   // Resume alone; perm_mode outside the table travels as "".
   SessionInfo s = HomeSession();

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
 #include "log/key_value_file.h"
@@ -169,9 +170,12 @@ TEST(PidFile, StaleOrUnreadablePidIsNotRunning) {
 
   pid_t pid = 0;
   std::string stale = dir.Write("stale.pid", std::to_string(child) + "\n");
-  EXPECT_EQ(0, Daemon::IsRunning(stale, &pid));
-  EXPECT_EQ(0, Daemon::IsRunning(dir.Write("junk.pid", "not a pid\n"), &pid));
-  EXPECT_EQ(0, Daemon::IsRunning(dir.Write("empty.pid", ""), &pid));
+  // Signal 0 to 0, -1 or minus a group id reaches live processes: no pid.
+  const std::vector<std::string> texts = {ReadFile(stale), "not a pid\n", "", "0\n", "-1\n",
+                                          "-" + std::to_string(getpgrp()) + "\n"};
+  for (const std::string& text : texts) {
+    EXPECT_EQ(0, Daemon::IsRunning(dir.Write("t.pid", text), &pid)) << text;
+  }
 
   // The stale file is overwritten by the next start.
   ASSERT_EQ(0, Daemon::WritePidFile(stale));

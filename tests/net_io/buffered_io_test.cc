@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -493,11 +494,23 @@ TEST(SocketOpsTest, ConnectsAndFailsWithinItsLimits) {
   int fd = cat::ConnectTcp("127.0.0.1", listener.port(), 5, nullptr);
   ASSERT_GE(fd, 0);
   EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+  EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
   close(fd);
   fd = cat::ConnectTcp("localhost", listener.port(), 0, nullptr);  // blocking
   ASSERT_GE(fd, 0);
   EXPECT_FALSE(fcntl(fd, F_GETFL) & O_NONBLOCK);
   close(fd);
+  TempDir dir;
+  struct sockaddr_un addr = {AF_UNIX, {}};
+  snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", dir.File("s.sock").c_str());
+  int unix_listener = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_EQ(0, bind(unix_listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+  ASSERT_EQ(0, listen(unix_listener, 1));
+  fd = cat::ConnectUnix(addr.sun_path, 5, nullptr);
+  ASSERT_GE(fd, 0);
+  EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+  close(fd);
+  close(unix_listener);
 
   std::atomic<int> cancel{1};
   EXPECT_EQ(cat::ConnectTcp("127.0.0.1", listener.port(), 5, &cancel), -1);
@@ -505,11 +518,11 @@ TEST(SocketOpsTest, ConnectsAndFailsWithinItsLimits) {
   EXPECT_EQ(cat::ConnectTcp("127.0.0.1", closed_port, 5, nullptr), -1);
   EXPECT_EQ(cat::ConnectTcp("no-such-host.invalid", 80, 5, nullptr), -1);
 
-  TempDir dir;
   EXPECT_EQ(cat::ConnectUnix(dir.File("none.sock"), 5, nullptr), -1);
   auto sock = cat::CreateTcpSocket(false, 1);
   ASSERT_NE(sock, nullptr);
   EXPECT_TRUE(fcntl(sock->fd(), F_GETFL) & O_NONBLOCK);
+  EXPECT_TRUE(fcntl(sock->fd(), F_GETFD) & FD_CLOEXEC);
   sock->Close();
   EXPECT_FALSE(sock->valid());
 }

@@ -42,6 +42,21 @@ TEST(KlibFileTest, ReadsPlainAndQuotedValues) {
   EXPECT_EQ(-1, KLIBCFileGetKeyValue(nullptr, "volume", buf, sizeof(buf), 0));
 }
 
+// The stand-in's files, unlike the daemon's own, take "key=" as unset and
+// read long lines whole.
+TEST(KlibFileTest, EmptyValuesUnsetAndLongLinesStayWhole) {
+  TempDir dir;
+  const std::string list(9000, 'u');
+  std::string path = dir.Write("share.conf", "deny_users=x\ndeny_users=\nquoted=\"\"\n"
+                                              "rw_users=" + list + ",alice\nvolume=/volume1\n");
+  const std::string no_key = "<" + std::to_string(KLIB_ERR_NO_SUCH_KEY) + ">";
+  EXPECT_EQ(no_key, Lookup(path, "deny_users"));
+  EXPECT_EQ(no_key, Lookup(path, "quoted"));
+  EXPECT_EQ("/volume1", Lookup(path, "volume"));
+  std::string buf(list.size() + 16, '\0');
+  EXPECT_EQ(9006, KLIBCFileGetKeyValue(path.c_str(), "rw_users", &buf[0], buf.size(), 0));
+}
+
 TEST(KlibFileTest, StringTableHoldsCapacityKeys) {
   KlibSzHash* hash = KLIBCSzHashAlloc(2);
   ASSERT_NE(nullptr, hash);

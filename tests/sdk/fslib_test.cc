@@ -1,6 +1,9 @@
 #include "sdk/fslib/fslib.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/fanotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +11,7 @@
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "tests/common/temp_dir.h"
 
@@ -299,6 +303,38 @@ TEST_F(FslibTest, ExistenceAndRecursiveRemoval) {
   const std::string file = dir_.Write("single", "y");
   EXPECT_EQ(0, RemovePath(file));
   EXPECT_FALSE(PathExists(file));
+}
+
+// tree/sub is swapped for a link to `target` while the walk opens it (held
+// there by a permission event): the walk must empty what it opened, never
+// the link's target.
+TEST_F(FslibTest, RemovalNeverFollowsADirectorySwappedForALink) {
+  const std::string target = dir_.File("target"), tree = dir_.File("tree");
+  const std::string sub = tree + "/sub", link = dir_.File("link");
+  for (const std::string& d : {target, tree, sub}) ASSERT_EQ(0, mkdir(d.c_str(), 0755));
+  dir_.Write("target/x", "precious");
+  dir_.Write("tree/sub/x", "doomed");
+  ASSERT_EQ(0, symlink(target.c_str(), link.c_str()));
+  const int fan = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK, O_RDONLY);
+  if (fan < 0 || fanotify_mark(fan, FAN_MARK_ADD, FAN_OPEN_PERM | FAN_ONDIR, AT_FDCWD,
+                               sub.c_str()) != 0) {
+    GTEST_SKIP() << "no fanotify permission events here: " << strerror(errno);
+  }
+  std::thread walker([&] { RemovePath(tree); });
+  struct pollfd pfd = {fan, POLLIN, 0};
+  struct fanotify_event_metadata event = {};
+  if (poll(&pfd, 1, 60000) == 1 &&
+      read(fan, &event, sizeof(event)) == static_cast<ssize_t>(sizeof(event))) {
+    EXPECT_EQ(0, renameat2(AT_FDCWD, sub.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE));
+    struct fanotify_response allow = {event.fd, FAN_ALLOW};
+    EXPECT_EQ(static_cast<ssize_t>(sizeof(allow)), write(fan, &allow, sizeof(allow)));
+    close(event.fd);
+  } else {
+    ADD_FAILURE() << "the walk never opened " << sub;
+  }
+  walker.join();
+  close(fan);
+  EXPECT_EQ("precious", ReadFile(target + "/x"));
 }
 
 }  // namespace

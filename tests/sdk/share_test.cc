@@ -225,10 +225,18 @@ TEST_F(PrivilegeTest, LoosePrivilegeAndGroups) {
   files_.Write("s", d770_, "");
   files_.Write("t", d750_, "");
   files_.Write("f", d770_, "forbidden=yes\n");
+  std::string upper_alice = a.alice;
+  for (char& c : upper_alice) c = static_cast<char>(toupper(c));
+  // Every read bit (0x74) is read, for both calculations; the mask's user
+  // name matches without regard to case.
+  files_.Write("m", d700_, "acl_mask=\"" + upper_alice + ":0x74\"\nrw_users=" + a.alice + "\n");
   std::shared_ptr<SDK::Share> s = SDK::GetShare("s");
   std::shared_ptr<SDK::Share> t = SDK::GetShare("t");
   std::shared_ptr<SDK::Share> f = SDK::GetShare("f");
-  ASSERT_TRUE(s && t && f);
+  std::shared_ptr<SDK::Share> m = SDK::GetShare("m");
+  ASSERT_TRUE(s && t && f && m);
+  EXPECT_EQ(kRO, m->GetLoosePrivilege(a.alice));
+  EXPECT_EQ(kRO, m->GetPrivilege(a.alice));
   EXPECT_EQ(kRW, s->GetLoosePrivilege(a.alice));
   EXPECT_EQ(kRW, s->GetLoosePrivilege(a.owner));
   EXPECT_EQ(kRO, t->GetLoosePrivilege(a.alice));
@@ -342,7 +350,19 @@ TEST_F(ShareAttributesTest, SyncableShares) {
       "/dev/md2 /volume1 ext4 rw 0 0\n"
       "/dev/md2 /volume1/photo/#snapshot/GMT+00-2024 ext4 ro 0 0\n"
       "/dev/md2 /volume1/photo2#snapshot ext4 ro 0 0\n");
-  EXPECT_FALSE(Make("/volume1/photo", "", table)->IsSyncable());
+  // One folder, however its path is written: same path, same encryption
+  // path, same snapshot search.
+  for (const char* path : {"/volume1/photo", "/volume1/photo/", "/volume1//photo/."}) {
+    auto s = Make(path, "", table);
+    EXPECT_EQ("/volume1/photo", s->GetPath()) << path;
+    EXPECT_FALSE(s->IsSyncable()) << path;
+    ZephShare* raw = nullptr;
+    char enc[64] = "";
+    ASSERT_EQ(0, ZEPHShareGet("a", &raw));
+    EXPECT_EQ(0, KLIBShareEncryptPathGet(raw, enc, sizeof(enc)));
+    ZEPHShareFree(raw);
+    EXPECT_STREQ("/volume1/@photo", enc) << path;
+  }
   EXPECT_TRUE(Make("/volume1/photo", "encrypted=yes\n", table)->IsSyncable());
   EXPECT_TRUE(Make("/volume1/photo2", "", table)->IsSyncable());  // not below the path
   EXPECT_FALSE(Make("/volume1/music", "forbidden=yes\n", table)->IsSyncable());
