@@ -115,7 +115,7 @@ sql "INSERT INTO connection_table (id, conn_mode, server_name, server_ip, server
   VALUES (1, 1, 'sample-nas', '127.0.0.1', $server_port, 'alice', 'nx-sample', 'sid', 70, 1,
   10001, 3, 1, 0);
 INSERT INTO session_table (id, conn_id, share_name, remote_path, view_id, sync_folder,
-  is_daemon_enable) VALUES (1, 1, 'team', '/', 100, '$volume/docs/', 1);"
+  is_daemon_enable) VALUES (1, 1, 'team', '/', 100, 'docs/', 1);"
 
 tail -n +1 -F "$log" 2>/dev/null &
 pids+=($!)
