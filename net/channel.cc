@@ -146,14 +146,14 @@ Channel::Channel(size_t block_size)
 
 Channel::~Channel() { Close(); }
 
-void Channel::BuildIO() {
+void Channel::BuildIO(const cat::IOBase& io) {
   if (is_ssl_) {  // a TLS stream belongs to the previous connection
     io_.reset();
     is_ssl_ = false;
   }
   if (io_ == nullptr) io_ = std::make_unique<cat::BufferedIO>();
   io_->Detach();
-  io_->Attach(*socket_);
+  io_->Attach(io);
   io_->SetController(controller_.get());
   io_->SetTimeout(timeout_);
 }
@@ -173,7 +173,7 @@ int Channel::Open(const std::string& socket_path) {
   int fd = cat::ConnectUnix(socket_path, timeout_, controller_->GetCancelFlag());
   if (fd < 0) return kErrIo;
   OpenDescriptor(fd);
-  BuildIO();
+  BuildIO(*socket_);
   return kOk;
 }
 
@@ -195,8 +195,14 @@ int Channel::Open(int fd, bool set_linger) {
     }
   }
   if (!socket_->valid()) return kErrBadState;
-  BuildIO();
+  BuildIO(*socket_);
   LOG_DEBUG(kComponent, "Channel: opening socket %d", fd);
+  return kOk;
+}
+
+int Channel::OpenIO(const cat::IOBase& io) {
+  if (io_ != nullptr) return kErrBadState;
+  BuildIO(io);
   return kOk;
 }
 
@@ -212,7 +218,7 @@ int Channel::Open(const char* host, int port) {
   if (SetupTcpKeepAlive(fd) != 0) {
     LOG_DEBUG(kComponent, "Channel::Open: SetupTcpKeepAlive failed (ignoring)");
   }
-  BuildIO();
+  BuildIO(*socket_);
   return kOk;
 }
 

@@ -29,6 +29,7 @@
 
 namespace cat {
 class BufferedIOBase;
+class IOBase;
 class Socket;
 }  // namespace cat
 
@@ -112,6 +113,11 @@ class Channel {
   // a keep-alive failure is ignored).  -4 for a null host or negative port,
   // -2 when the connect fails, -3 when linger cannot be set.
   virtual int Open(const char* host, int port);
+  // Runs the channel over a clone of `io` instead of a socket it owns: for
+  // byte sources that are no socket, such as the memory-backed stream of the
+  // benchmarks.  File transfers need a socket and fail here.  -4 when the
+  // channel is already open.
+  int OpenIO(const cat::IOBase& io);
   // Flushes, closes and releases everything; the channel may be opened again.
   virtual int Close();
   virtual int GetFd() const;
@@ -233,7 +239,7 @@ class Channel {
   struct Digest;
 
   int OpenDescriptor(int fd);
-  void BuildIO();
+  void BuildIO(const cat::IOBase& io);
   void FeedDigest(const void* data, size_t n);
   int SetupTcpKeepAlive(int fd);
   int RecvFileCopyingCounted(int fd, uint64_t offset, uint64_t length,

@@ -20,6 +20,14 @@ import sys
 # denominator-time / numerator-time, so 0.8 means 80 % of the baseline's
 # speed.
 GOALS = [
+    ("PStream decode, status reply, vs msgpack-c unpack",
+     "BM_PStreamDecode/status", "BM_MsgpackUnpack/status", ">=", 1.00),
+    ("PStream decode, user-info reply, vs msgpack-c unpack",
+     "BM_PStreamDecode/user_info", "BM_MsgpackUnpack/user_info", ">=", 1.00),
+    ("PStream encode, status reply, vs msgpack-c pack",
+     "BM_PStreamEncode/status", "BM_MsgpackPack/status", ">=", 1.00),
+    ("PStream encode, user-info reply, vs msgpack-c pack",
+     "BM_PStreamEncode/user_info", "BM_MsgpackPack/user_info", ">=", 1.00),
 ]
 
 
