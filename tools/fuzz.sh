@@ -21,7 +21,7 @@ mkdir -p "$build/obj" "$build/corpus"
 
 # The decoder and what it stands on: the value, the encoding, the Channel
 # with its I/O primitives, and the logger.
-sources="$root/stream/PObject.cc $root/stream/stream.cc $root/net/channel.cc
+sources="$(ls "$root"/stream/*.cc) $root/net/channel.cc
          $(ls "$root"/net/cat/*.cc) $(ls "$root"/log/*.cc) $root/tests/fuzz/pstream_fuzz.cc"
 objects=""
 for src in $sources; do
