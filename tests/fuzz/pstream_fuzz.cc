@@ -9,7 +9,10 @@
 //
 // Built and run by tools/fuzz.sh.
 #include <dirent.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -70,15 +73,21 @@ void DecodeFromChannel(const uint8_t* data, size_t size, PStream* stream, PObjec
   stream->Recv(&channel, value);
 }
 
-// Received files land here and nowhere else; emptied after every input.
+// Received files land here and nowhere else (tools/fuzz.sh names it);
+// emptied after every input.  Files may not grow past kFileLimit, so an
+// announced length never reserves real disk space.
+constexpr rlim_t kFileLimit = 1 << 20;
+
 const std::string& Scratch() {
   static const std::string dir = [] {
-    char path[] = "/tmp/pstream-fuzz-XXXXXX";
-    if (mkdtemp(path) == nullptr) return std::string();
-    atexit([] { rmdir(Scratch().c_str()); });
-    return std::string(path);
+    const char* named = getenv("PSTREAM_FUZZ_DIR");
+    std::string path = named != nullptr ? named : "pstream-fuzz-files";
+    mkdir(path.c_str(), 0755);
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{kFileLimit, kFileLimit};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    return path;
   }();
-  if (dir.empty()) abort();
   return dir;
 }
 
