@@ -159,6 +159,7 @@ void Channel::BuildIO(const cat::IOBase& io) {
   io_->Attach(io);
   io_->SetController(controller_.get());
   io_->SetTimeout(timeout_);
+  io_->SetDeadline(0);  // a deadline belongs to one connection
 }
 
 // Closes the previous connection's descriptor, if any, and takes `fd`.
