@@ -22,7 +22,6 @@
 
 #include <stddef.h>
 #include <stdint.h>
-
 #include <string.h>
 
 #include <atomic>
