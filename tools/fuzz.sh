@@ -35,11 +35,15 @@ done
 $cxx -fsanitize=fuzzer,address,undefined $objects -lssl -lcrypto -lpthread -o "$build/pstream_fuzz"
 
 # New inputs go to the build folder; the committed seeds stay as they are.
-# Received files go to a scratch folder of this run, removed afterwards.
+# Received files go to a scratch folder of this run, removed afterwards.  The
+# target limits the size of every file it writes, so its output goes through
+# a pipe, never straight into a log file.
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 export PSTREAM_FUZZ_DIR="$build/files-$$"
-rc=0
-"$build/pstream_fuzz" -max_total_time="$seconds" -rss_limit_mb=1024 -malloc_limit_mb=64 \
-  -timeout=10 -max_len=4096 -artifact_prefix="$build/" -print_final_stats=1 "$build/corpus" "$root/tests/fuzz/corpus" || rc=$?
-rm -rf "$PSTREAM_FUZZ_DIR"
-exit $rc
+status="$build/status-$$"
+{ "$build/pstream_fuzz" -max_total_time="$seconds" -rss_limit_mb=1024 -malloc_limit_mb=64 \
+    -timeout=10 -max_len=4096 -artifact_prefix="$build/" -print_final_stats=1 \
+    "$build/corpus" "$root/tests/fuzz/corpus" 2>&1; echo $? > "$status"; } | cat
+rc=$(cat "$status")
+rm -rf "$PSTREAM_FUZZ_DIR" "$status"
+exit "$rc"
