@@ -17,6 +17,12 @@ namespace {
 
 // The buffer of a served connection.
 constexpr size_t kChannelBufferSize = 81920;
+// A client holds the main thread at most this long, however it trickles
+// its request: every other client waits meanwhile.
+constexpr int kRequestDeadlineSeconds = 10;
+// The memory one request may take once decoded; the largest well-formed
+// request is a few hundred bytes.
+constexpr size_t kRequestSizeCap = 16u << 20;
 
 bool HasMember(const PObject& map, const char* key) {
   return map.IsMap() && map.AsMap().count(key) != 0;
@@ -31,10 +37,17 @@ int MonitorDaemon::HandleMessage(int fd) {
 
   PObject request, reply;
   {
-    // No local process may make the daemon write a file: binaries refused.
+    // No local process may make the daemon write a file, nor take more
+    // than the cap of its memory, nor hold it past the deadline; a stop
+    // signal ends the wait at once.  The reply is written without these.
+    channel.SetDeadline(kRequestDeadlineSeconds);
+    channel.SetRunFlag(&daemon_run);
     PStream stream;
     stream.SetRefuseBinaries(true);
+    stream.SetSizeCap(kRequestSizeCap);
     if (stream.Recv(&channel, &request) != 0) return -1;
+    channel.SetDeadline(0);
+    channel.SetRunFlag(nullptr);
   }
   if (HasMember(request, "notify")) {
     // The notifier is released before the work is done.

@@ -98,7 +98,8 @@ class LocalFile {
 class ChannelController : public cat::BandwidthController {
  public:
   bool IsCancelled() override {
-    return cancel_flag_ != nullptr && cancel_flag_->load(std::memory_order_relaxed) != 0;
+    return (cancel_flag_ != nullptr && cancel_flag_->load(std::memory_order_relaxed) != 0) ||
+           (run_flag_ != nullptr && run_flag_->load(std::memory_order_relaxed) == 0);
   }
   void OnRead(size_t n) override {
     if (reporter_ != nullptr) reporter_->Update(n);
@@ -110,11 +111,13 @@ class ChannelController : public cat::BandwidthController {
   }
 
   void SetCancelFlag(const std::atomic<int>* flag) { cancel_flag_ = flag; }
+  void SetRunFlag(const std::atomic<int32_t>* run) { run_flag_ = run; }
   const std::atomic<int>* GetCancelFlag() const { return cancel_flag_; }
   void SetReporter(Channel::ProgressReporter* reporter) { reporter_ = reporter; }
 
  private:
   const std::atomic<int>* cancel_flag_ = nullptr;      // caller's; null = none
+  const std::atomic<int32_t>* run_flag_ = nullptr;     // caller's; 0 cancels
   Channel::ProgressReporter* reporter_ = nullptr;      // set during a transfer
 };
 
@@ -146,16 +149,17 @@ Channel::Channel(size_t block_size)
 
 Channel::~Channel() { Close(); }
 
-void Channel::BuildIO() {
+void Channel::BuildIO(const cat::IOBase& io) {
   if (is_ssl_) {  // a TLS stream belongs to the previous connection
     io_.reset();
     is_ssl_ = false;
   }
   if (io_ == nullptr) io_ = std::make_unique<cat::BufferedIO>();
   io_->Detach();
-  io_->Attach(*socket_);
+  io_->Attach(io);
   io_->SetController(controller_.get());
   io_->SetTimeout(timeout_);
+  io_->SetDeadline(0);  // a deadline belongs to one connection
 }
 
 // Closes the previous connection's descriptor, if any, and takes `fd`.
@@ -173,7 +177,7 @@ int Channel::Open(const std::string& socket_path) {
   int fd = cat::ConnectUnix(socket_path, timeout_, controller_->GetCancelFlag());
   if (fd < 0) return kErrIo;
   OpenDescriptor(fd);
-  BuildIO();
+  BuildIO(*socket_);
   return kOk;
 }
 
@@ -195,8 +199,14 @@ int Channel::Open(int fd, bool set_linger) {
     }
   }
   if (!socket_->valid()) return kErrBadState;
-  BuildIO();
+  BuildIO(*socket_);
   LOG_DEBUG(kComponent, "Channel: opening socket %d", fd);
+  return kOk;
+}
+
+int Channel::OpenIO(const cat::IOBase& io) {
+  if (io_ != nullptr) return kErrBadState;
+  BuildIO(io);
   return kOk;
 }
 
@@ -212,7 +222,7 @@ int Channel::Open(const char* host, int port) {
   if (SetupTcpKeepAlive(fd) != 0) {
     LOG_DEBUG(kComponent, "Channel::Open: SetupTcpKeepAlive failed (ignoring)");
   }
-  BuildIO();
+  BuildIO(*socket_);
   return kOk;
 }
 
@@ -291,6 +301,12 @@ void Channel::SetTimeout(int seconds) {
 }
 
 void Channel::SetCancelFlag(const std::atomic<int>* flag) { controller_->SetCancelFlag(flag); }
+
+void Channel::SetRunFlag(const std::atomic<int32_t>* run) { controller_->SetRunFlag(run); }
+
+void Channel::SetDeadline(int seconds) {
+  if (io_ != nullptr) io_->SetDeadline(seconds > 0 ? static_cast<uint64_t>(seconds) * 1000000u : 0);
+}
 
 void Channel::SetAuxiliary(std::unique_ptr<Auxiliary> aux) { auxiliary_ = std::move(aux); }
 
@@ -401,45 +417,58 @@ int Channel::ReadUInt8(uint8_t* value) { return Read(value, 1); }
 int Channel::ReadUInt16(uint16_t* value) {
   uint8_t b[2];
   int rc = Read(b, sizeof(b));
-  if (rc == kOk) *value = static_cast<uint16_t>((b[0] << 8) | b[1]);
+  if (rc == kOk) *value = GetUInt16(b);
   return rc;
 }
 
 int Channel::ReadUInt32(uint32_t* value) {
   uint8_t b[4];
   int rc = Read(b, sizeof(b));
-  if (rc != kOk) return rc;
-  *value = 0;
-  for (uint8_t byte : b) *value = (*value << 8) | byte;
-  return kOk;
+  if (rc == kOk) *value = GetUInt32(b);
+  return rc;
 }
 
 int Channel::ReadUInt64(uint64_t* value) {
   uint8_t b[8];
   int rc = Read(b, sizeof(b));
-  if (rc != kOk) return rc;
-  *value = 0;
-  for (uint8_t byte : b) *value = (*value << 8) | byte;
-  return kOk;
+  if (rc == kOk) *value = GetUInt64(b);
+  return rc;
 }
 
 int Channel::WriteUInt8(uint8_t value) { return Write(&value, 1); }
 
 int Channel::WriteUInt16(uint16_t value) {
-  uint8_t b[2] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+  uint8_t b[2];
+  PutUInt16(b, value);
   return Write(b, sizeof(b));
 }
 
 int Channel::WriteUInt32(uint32_t value) {
   uint8_t b[4];
-  for (int i = 3; i >= 0; --i, value >>= 8) b[i] = static_cast<uint8_t>(value);
+  PutUInt32(b, value);
   return Write(b, sizeof(b));
 }
 
 int Channel::WriteUInt64(uint64_t value) {
   uint8_t b[8];
-  for (int i = 7; i >= 0; --i, value >>= 8) b[i] = static_cast<uint8_t>(value);
+  PutUInt64(b, value);
   return Write(b, sizeof(b));
+}
+
+size_t Channel::Peek(size_t want, const uint8_t** data) {
+  if (io_ == nullptr) return 0;
+  const char* bytes = nullptr;
+  size_t visible = io_->Peek(want, &bytes);
+  *data = reinterpret_cast<const uint8_t*>(bytes);
+  return visible;
+}
+
+void Channel::Consume(size_t n) {
+  if (io_ == nullptr || n == 0) return;
+  const char* bytes = nullptr;
+  io_->Peek(0, &bytes);
+  FeedDigest(bytes, n);
+  io_->Consume(n);
 }
 
 int Channel::SendFile(int fd, uint64_t offset, uint64_t length, ProgressReporter* reporter) {
@@ -453,10 +482,14 @@ int Channel::SendFilePlain(int fd, uint64_t offset, uint64_t length,
     LOG_DEBUG(kComponent, "Write failed: channel has been closed.");
     return kErrIo;
   }
+  // The reporter hears of file bytes only, the last piece included: what
+  // was buffered before goes out first, the file's tail before it leaves.
+  if (io_->Flush() != 0) return kErrIo;
   ReporterScope<ChannelController> scope(controller_.get(), reporter);
   cat::File file(fd);
   int64_t sent = io_->SendFile(file, offset, length);
-  return sent == static_cast<int64_t>(length) ? kOk : kErrIo;
+  if (sent != static_cast<int64_t>(length) || io_->Flush() != 0) return kErrIo;
+  return kOk;
 }
 
 int Channel::SendFileDigesting(int fd, uint64_t offset, uint64_t length,

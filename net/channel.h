@@ -22,6 +22,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <atomic>
 #include <memory>
@@ -29,6 +30,7 @@
 
 namespace cat {
 class BufferedIOBase;
+class IOBase;
 class Socket;
 }  // namespace cat
 
@@ -112,6 +114,11 @@ class Channel {
   // a keep-alive failure is ignored).  -4 for a null host or negative port,
   // -2 when the connect fails, -3 when linger cannot be set.
   virtual int Open(const char* host, int port);
+  // Runs the channel over a clone of `io` instead of a socket it owns: for
+  // byte sources that are no socket, such as the memory-backed stream of the
+  // benchmarks.  File transfers need a socket and fail here.  -4 when the
+  // channel is already open.
+  int OpenIO(const cat::IOBase& io);
   // Flushes, closes and releases everything; the channel may be opened again.
   virtual int Close();
   virtual int GetFd() const;
@@ -123,6 +130,14 @@ class Channel {
   // non-zero cancels every wait (error -2 from the I/O layer).  nullptr
   // removes it.
   virtual void SetCancelFlag(const std::atomic<int>* flag);
+  // `run` is owned by the caller and must outlive the channel's use of it;
+  // once it reads 0 every wait ends as cancelled (a process run flag that a
+  // stop signal clears).  nullptr removes it.
+  void SetRunFlag(const std::atomic<int32_t>* run);
+  // Every read and write must be done within `seconds` from now, however
+  // the peer trickles its bytes; after that they fail (-2) as after an idle
+  // time-out.  0 removes the deadline.  Needs an open channel.
+  void SetDeadline(int seconds);
 
   // Starts digesting every byte read or written (OpenSSL digest names such as
   // "sha256").  Returns 1 on success (also for enable == false, which stops
@@ -142,6 +157,36 @@ class Channel {
   // 0 without change when already TLS.
   virtual int ConvertToSSLChannel(bool as_server);
 
+  // Big-endian packing of the wire's integers, the one place that knows the
+  // byte order: the Read/Write helpers below and PStream both use these.
+  static void PutUInt16(uint8_t* out, uint16_t value) {
+    value = __builtin_bswap16(value);
+    memcpy(out, &value, sizeof(value));
+  }
+  static void PutUInt32(uint8_t* out, uint32_t value) {
+    value = __builtin_bswap32(value);
+    memcpy(out, &value, sizeof(value));
+  }
+  static void PutUInt64(uint8_t* out, uint64_t value) {
+    value = __builtin_bswap64(value);
+    memcpy(out, &value, sizeof(value));
+  }
+  static uint16_t GetUInt16(const uint8_t* in) {
+    uint16_t value;
+    memcpy(&value, in, sizeof(value));
+    return __builtin_bswap16(value);
+  }
+  static uint32_t GetUInt32(const uint8_t* in) {
+    uint32_t value;
+    memcpy(&value, in, sizeof(value));
+    return __builtin_bswap32(value);
+  }
+  static uint64_t GetUInt64(const uint8_t* in) {
+    uint64_t value;
+    memcpy(&value, in, sizeof(value));
+    return __builtin_bswap64(value);
+  }
+
   // Exact reads and writes of big-endian integers.
   virtual int ReadUInt8(uint8_t* value);
   virtual int ReadUInt16(uint16_t* value);
@@ -158,6 +203,18 @@ class Channel {
   virtual int Read(void* buffer, size_t n, size_t* received);
   // Writes `n` bytes (they may stay buffered until Flush): 0 or -2.
   virtual int Write(const void* buffer, size_t n);
+
+  // In-place reading for decoders: makes the bytes the stream holds visible
+  // at *data without consuming them, reading more first while fewer than
+  // `want` are held (at most the stream's buffer size).  Returns the count
+  // visible: fewer than `want` only at end of stream, on an error or past
+  // the buffer's size; 0 when closed or when the stream keeps no buffer of
+  // its own (TLS) -- Read serves then.  The bytes stay valid until the next
+  // call on the channel.
+  size_t Peek(size_t want, const uint8_t** data);
+  // Consumes `n` of the bytes the last Peek made visible; a running digest
+  // sees them.
+  void Consume(size_t n);
 
   // Sends `length` bytes of the file `fd` from `offset`: the digesting send
   // while a digest runs, else the plain send.  `reporter` may be null.
@@ -233,7 +290,7 @@ class Channel {
   struct Digest;
 
   int OpenDescriptor(int fd);
-  void BuildIO();
+  void BuildIO(const cat::IOBase& io);
   void FeedDigest(const void* data, size_t n);
   int SetupTcpKeepAlive(int fd);
   int RecvFileCopyingCounted(int fd, uint64_t offset, uint64_t length,

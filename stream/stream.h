@@ -18,10 +18,22 @@
 //                   in map form, then 0x40
 // A map key that starts with '_' travels without that character.
 //
-// The decoder faces every local process, so it never trusts a length: bytes
-// are read in chunks that grow with what has arrived, containers nest at
-// most kMaxDepth levels, and an integer has at most 8 bytes.  A stream told
-// to refuse binaries fails on their tag before any file is touched.
+// The decoder parses in place from the Channel's read buffer and hands the
+// bytes it used back to the channel (so a file that follows, or the next
+// value, is read from the right place).  It faces every local process, so it
+// never trusts a length: bodies longer than what is buffered are read in
+// chunks that grow with what has arrived, containers nest at most kMaxDepth
+// levels, and an integer has at most 8 bytes.  A stream told to refuse
+// binaries fails on their tag before any file is touched; a stream given a
+// size cap fails as soon as the value decoded so far would take more memory
+// than the cap (each element counted at its in-memory footprint).
+//
+// Files: a received binary lands where its target names (resuming at the
+// target's offset), else under binary_dir with a fresh name.  The binary of
+// a binary_ex is decoded into a fresh member, so it always lands under a
+// fresh name; when that member fails, its own partial file is removed and
+// nothing else.  A failed receive leaves the target's offset and length as
+// they were.
 //
 // Threads: one PStream serves one conversation on one thread.  Only the
 // progress pair may be read from another thread (GetProgress, under the
@@ -33,9 +45,11 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -54,7 +68,7 @@ class PStream {
     kErrChannel = -2,       // the channel failed; binary without a channel
     kErrDiskFull = -4,      // receiving a binary: disk or quota full
     kErrMalformed = -5,     // bad tag, bad length byte, key not a string,
-                            // too deep, binary refused
+                            // too deep, binary refused, over the size cap
     kErrFileTooLarge = -7,  // receiving a binary: file would grow too large
   };
 
@@ -129,6 +143,9 @@ class PStream {
   void SetBinaryDir(const std::string& dir) { binary_dir_ = dir; }
   // A binary or binary_ex tag fails with -5 before any file is opened.
   void SetRefuseBinaries(bool refuse) { refuse_binaries_ = refuse; }
+  // A received value that would take more than `bytes` of memory fails with
+  // -5 (logged once) as soon as it passes the cap; 0 = no cap.
+  void SetSizeCap(size_t bytes) { size_cap_ = bytes; }
   void SetProgressCallback(ProgressCallback callback) { progress_callback_ = std::move(callback); }
 
   // The digest text of the last hashed transfer.
@@ -141,7 +158,8 @@ class PStream {
   static std::string TemporaryName();
 
  private:
-  class HashAlgoScope;
+  struct FileTarget;
+  struct BinaryExParts;
 
   void Begin(Channel* channel, std::ostream* out, std::istream* in);
   int Finish(int rc);
@@ -149,7 +167,7 @@ class PStream {
   void ResetProgress();
   const char* Indent() const;
 
-  // Writing.
+  // Writing (stream.cc; binaries in stream_binary.cc).
   int WriteValue(const PObject& value);
   int WriteInteger(int64_t value);
   int WriteString(std::string_view text);
@@ -158,38 +176,85 @@ class PStream {
   int WriteMap(const PObject::map_type& members);
   int WriteBinary(const PObject::binary_type& binary);
   int WriteBinaryEx(const PObject::binary_ex_type& binary);
-  int WriteBytes(const void* data, size_t n);
+  // Appends to the pending bytes; they go to the channel when the block is
+  // full, before a file and at the end of Send.
+  int WriteBytes(const void* data, size_t n) {
+    if (n > pending_capacity_ - pending_length_) return WriteBytesSlow(data, n);
+    memcpy(pending_.get() + pending_length_, data, n);
+    pending_length_ += n;
+    return kOk;
+  }
+  int WriteBytesSlow(const void* data, size_t n);
   int WriteDirect(const void* data, size_t n);
   int FlushPending();
 
-  // Reading.
-  int ReadRaw(void* data, size_t n);
-  int ReadTag(uint8_t* tag);
+  // Reading (stream_read.cc; binaries in stream_binary.cc).  The window
+  // [in_pos_, in_end_) holds bytes not yet parsed: a part of the channel's
+  // buffer, or a few bytes staged from a source that keeps no buffer.
+  // Makes `n` (at most kStageSize) contiguous bytes available at in_pos_.
+  int Need(size_t n) { return static_cast<size_t>(in_end_ - in_pos_) >= n ? kOk : Refill(n); }
+  int Refill(size_t n);
+  // Hands the parsed part of the window back to the channel; the window is
+  // empty afterwards.  Before anything else reads the channel.
+  void Commit();
+  // Exactly `n` bytes, from the window first.
+  int ReadBytes(void* data, size_t n);
+  // Exactly `n` bytes past the window (which must be empty).
+  int ReadExact(void* data, size_t n);
+  // Counts `bytes` of memory against the size cap.
+  int Charge(size_t bytes) {
+    if (bytes <= budget_) {
+      budget_ -= bytes;
+      return kOk;
+    }
+    return OverCap();
+  }
+  int OverCap();
   int ReadTaggedValue(PObject* target);
   int ReadValue(uint8_t tag, PObject* target);
   int ReadNull(PObject* target);
   int ReadInteger(PObject* target);
-  int ReadStringBody(std::string* text);
+  int ReadString(PObject* target);
+  int ReadStringBody(size_t length, std::string* text);
   int ReadBuffer(PObject* target);
   int ReadArray(PObject* target);
   template <typename ReadMember>
   int ReadMembers(ReadMember read_member);
+  int ReadKey(std::string* key);
   int ReadMap(PObject* target);
-  int ReadKey(uint8_t tag, std::string* key);
   int ReadBinary(PObject* target);
   int ReadBinaryEx(PObject* target);
+  int ReadBinaryExMember(const std::string& key, BinaryExParts* parts);
   int StoreBinary(PObject::binary_type* binary, uint64_t length);
+  int OpenFileTarget(const PObject::binary_type& binary, FileTarget* target);
+  int ReceiveFile(const FileTarget& target, uint64_t length, uint64_t* received);
+  void RemoveOwnFile(const PObject& member) const;
   int EnterContainer();
+
+  static constexpr size_t kStageSize = 16;
 
   Channel* channel_ = nullptr;     // the conversation's channel, or:
   std::ostream* out_ = nullptr;    // the output stream, or:
   std::istream* in_ = nullptr;     // the input stream (one of the three)
-  std::string pending_;            // encoded bytes not yet handed to the channel
-  std::vector<std::string> key_path_;  // keys above the current value,
-                                       // outermost first
+
+  std::unique_ptr<char[]> pending_;  // encoded bytes not yet handed on
+  size_t pending_length_ = 0;        // bytes in pending_
+  size_t pending_capacity_ = 0;      // bytes allocated for pending_
+
+  const uint8_t* in_pos_ = nullptr;   // next byte to parse
+  const uint8_t* in_end_ = nullptr;   // end of the window
+  const uint8_t* in_base_ = nullptr;  // start of a window peeked from the
+                                      // channel; null for a staged one
+  uint8_t staged_[kStageSize];        // a window read from a source
+                                      // without a buffer
+  size_t size_cap_ = 0;               // bytes; 0 = none
+  size_t budget_ = 0;                 // bytes left under the cap
+
+  std::vector<std::string> error_keys_;  // keys of a failure, innermost
+                                         // first, filled on the way out
   int depth_ = 0;                  // open arrays, maps and binary_ex
   bool dump_ = false;              // DEBUG enabled for `stream` at Begin
-  std::string scratch_;            // string bodies being read
+  std::string scratch_;            // string bodies longer than the window
 
   mutable std::mutex progress_mutex_;  // guards the pair below
   uint64_t progress_done_ = 0;

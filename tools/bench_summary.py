@@ -36,6 +36,14 @@ GOALS = [
      "BM_FprintfFflush", ">=", 0.8),
     ("Logger share_mode 2 vs share_mode 1", "BM_LoggerLog/share_mode:2",
      "BM_LoggerLog/share_mode:1", "<=", 1.5),
+    ("PStream decode, status reply, vs msgpack-c unpack",
+     "BM_PStreamDecode/status", "BM_MsgpackUnpack/status", ">=", 1.00),
+    ("PStream decode, user-info reply, vs msgpack-c unpack",
+     "BM_PStreamDecode/user_info", "BM_MsgpackUnpack/user_info", ">=", 1.00),
+    ("PStream encode, status reply, vs msgpack-c pack",
+     "BM_PStreamEncode/status", "BM_MsgpackPack/status", ">=", 1.00),
+    ("PStream encode, user-info reply, vs msgpack-c pack",
+     "BM_PStreamEncode/user_info", "BM_MsgpackPack/user_info", ">=", 1.00),
 ] + [("SystemDB.%s vs exec of its SQL" % op, "BM_SystemDBWrite/" + op, "BM_ExecSameSql/" + op,
       "<=", 1.1) for op in DB_WRITERS]
 

@@ -1,17 +1,28 @@
 // PObject and PStream beside plain baselines in the same run:
 //   - a 1,000-member map built, deep-copied and looked up, beside
 //     std::map<std::string, int64_t> doing the same;
-//   - a status-like reply with 1,000 connections encoded and decoded, in
-//     bytes per second, beside memcpy of the same byte count.
+//   - two replies -- the sync daemon's status with 1,000 connections and a
+//     remote server's user info with 1,000 views -- encoded onto and decoded
+//     from a Channel over a memory-backed stream (bytes already in memory, no
+//     socket), beside msgpack-c packing and unpacking the same logical value
+//     to and from a memory buffer (when msgpack-c is installed), and beside
+//     memcpy of the same byte count.
 #include <cstring>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "benchmark/benchmark.h"
+#include "net/cat/io.h"
+#include "net/channel.h"
 #include "stream/PObject.h"
 #include "stream/stream.h"
+
+#ifdef VESTA_BENCH_MSGPACK
+#include <msgpack.h>
+#endif
 
 namespace {
 
@@ -92,29 +103,36 @@ void BM_StdMapLookup(benchmark::State& state) {
 }
 BENCHMARK(BM_StdMapLookup);
 
-// Output that only counts, and input read in place: the figures are the
-// codec's, not a string stream's growth and copies.
-class CountingSink : public std::streambuf {
+// A byte source and sink in memory behind the I/O interface, so a Channel
+// runs without a socket: reads come from `input`, writes go to `output`.
+// Clones share the state, as clones of a descriptor share the file.
+class MemoryIO : public cat::IOBase {
  public:
-  size_t count = 0;
+  struct State {
+    std::string input;
+    size_t read_pos = 0;
+    std::string output;
+  };
+  explicit MemoryIO(std::shared_ptr<State> state) : IOBase(0), state_(std::move(state)) {}
 
- protected:
-  std::streamsize xsputn(const char*, std::streamsize n) override {
-    count += static_cast<size_t>(n);
-    return n;
+  ssize_t Read(void* buffer, size_t n) override {
+    size_t k = std::min(n, state_->input.size() - state_->read_pos);
+    memcpy(buffer, state_->input.data() + state_->read_pos, k);
+    state_->read_pos += k;
+    return static_cast<ssize_t>(k);
   }
-  int_type overflow(int_type c) override {
-    ++count;
-    return c;
+  ssize_t Write(const void* buffer, size_t n) override {
+    state_->output.append(static_cast<const char*>(buffer), n);
+    return static_cast<ssize_t>(n);
   }
-};
+  int Sync() override { return 0; }
+  int Wait(int, int) override { return 1; }
+  std::unique_ptr<cat::IOBase> Clone() const override {
+    return std::make_unique<MemoryIO>(state_);
+  }
 
-class MemorySource : public std::streambuf {
- public:
-  explicit MemorySource(const std::string& bytes) {
-    char* p = const_cast<char*>(bytes.data());
-    setg(p, p, p + bytes.size());
-  }
+ private:
+  std::shared_ptr<State> state_;
 };
 
 // The shape of the sync daemon's status reply.
@@ -143,6 +161,42 @@ PObject StatusReply() {
   return reply;
 }
 
+// The shape of a remote server's query_user_info reply with its views.
+PObject UserInfoReply() {
+  PObject reply;
+  reply["uid"] = 1026;
+  reply["gid"] = 100;
+  reply["is_admin_group"] = 1;
+  reply["enable_email_notification"] = 1;
+  reply["enable_chat_notification"] = 0;
+  reply["archive_codepage"] = "enu";
+  reply["name"] = "alice";
+  reply["nickname"] = "Alice Example";
+  PObject::array_type& views = reply["view_list"].MutableArray();
+  for (int i = 0; i < kMembers; ++i) {
+    PObject v;
+    v["view_id"] = 1000 + i;
+    v["node_id"] = int64_t{4294967296} + i;
+    v["name"] = "share-folder-" + std::to_string(i);
+    v["privilege"] = "read-write";
+    v["version"] = 70;
+    v["share_priv_disabled"] = 0;
+    v["is_encryption"] = i % 7 == 0;
+    v["is_mounted"] = 1;
+    v["is_q9share"] = 0;
+    v["q9_share_id"] = "";
+    v["q9_hash_key"] = "";
+    views.push_back(std::move(v));
+  }
+  return reply;
+}
+
+const PObject& Reply(int which) {
+  static const PObject status = StatusReply();
+  static const PObject user_info = UserInfoReply();
+  return which == 0 ? status : user_info;
+}
+
 std::string Encoded(const PObject& value) {
   std::ostringstream out;
   PStream stream;
@@ -150,36 +204,52 @@ std::string Encoded(const PObject& value) {
   return out.str();
 }
 
-void BM_PStreamEncodeStatus(benchmark::State& state) {
-  const PObject reply = StatusReply();
+// PStream onto a Channel whose stream appends to memory.
+void BM_PStreamEncode(benchmark::State& state, int which) {
+  const PObject& reply = Reply(which);
   const size_t bytes = Encoded(reply).size();
+  auto memory = std::make_shared<MemoryIO::State>();
+  memory->output.reserve(2 * bytes);
+  Channel channel;
+  channel.OpenIO(MemoryIO(memory));
   PStream stream;
   for (auto _ : state) {
-    CountingSink sink;
-    std::ostream out(&sink);
-    if (stream.Send(&out, reply) != 0 || sink.count != bytes) state.SkipWithError("encode failed");
+    memory->output.clear();
+    if (stream.Send(&channel, reply) != 0 || memory->output.size() != bytes) {
+      state.SkipWithError("encode failed");
+    }
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
   state.counters["wire_bytes"] = static_cast<double>(bytes);
 }
-BENCHMARK(BM_PStreamEncodeStatus);
+BENCHMARK_CAPTURE(BM_PStreamEncode, status, 0);
+BENCHMARK_CAPTURE(BM_PStreamEncode, user_info, 1);
 
-void BM_PStreamDecodeStatus(benchmark::State& state) {
-  const std::string wire = Encoded(StatusReply());
+// PStream from a Channel whose stream reads the encoded bytes from memory.
+void BM_PStreamDecode(benchmark::State& state, int which) {
+  const PObject& reply = Reply(which);
+  auto memory = std::make_shared<MemoryIO::State>();
+  memory->input = Encoded(reply);
+  Channel channel;
+  channel.OpenIO(MemoryIO(memory));
   PStream stream;
+  {
+    PObject first;
+    if (stream.Recv(&channel, &first) != 0 || !(first == reply)) state.SkipWithError("decode failed");
+  }
   for (auto _ : state) {
-    MemorySource source(wire);
-    std::istream in(&source);
+    memory->read_pos = 0;
     PObject value;
-    if (stream.Recv(&in, &value) != 0) state.SkipWithError("decode failed");
+    if (stream.Recv(&channel, &value) != 0) state.SkipWithError("decode failed");
     benchmark::DoNotOptimize(value);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * wire.size()));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * memory->input.size()));
 }
-BENCHMARK(BM_PStreamDecodeStatus);
+BENCHMARK_CAPTURE(BM_PStreamDecode, status, 0);
+BENCHMARK_CAPTURE(BM_PStreamDecode, user_info, 1);
 
-void BM_MemcpyStatusBytes(benchmark::State& state) {
-  const std::string wire = Encoded(StatusReply());
+void BM_MemcpyReplyBytes(benchmark::State& state, int which) {
+  const std::string wire = Encoded(Reply(which));
   std::string target(wire.size(), '\0');
   for (auto _ : state) {
     memcpy(&target[0], wire.data(), wire.size());
@@ -188,6 +258,93 @@ void BM_MemcpyStatusBytes(benchmark::State& state) {
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * wire.size()));
 }
-BENCHMARK(BM_MemcpyStatusBytes);
+BENCHMARK_CAPTURE(BM_MemcpyReplyBytes, status, 0);
+BENCHMARK_CAPTURE(BM_MemcpyReplyBytes, user_info, 1);
+
+#ifdef VESTA_BENCH_MSGPACK
+// The same logical value in msgpack: maps with the same string keys,
+// integers as integers, strings as str.
+void PackValue(msgpack_packer* pk, const PObject& value) {
+  switch (value.GetType()) {
+    case PObject::kInteger:
+      msgpack_pack_int64(pk, value.AsInteger());
+      return;
+    case PObject::kString: {
+      std::string_view text = value.AsStringView();
+      msgpack_pack_str(pk, text.size());
+      msgpack_pack_str_body(pk, text.data(), text.size());
+      return;
+    }
+    case PObject::kArray:
+      msgpack_pack_array(pk, value.AsArray().size());
+      for (const PObject& e : value.AsArray()) PackValue(pk, e);
+      return;
+    case PObject::kMap:
+      msgpack_pack_map(pk, value.AsMap().size());
+      for (const auto& m : value.AsMap()) {
+        msgpack_pack_str(pk, m.first.size());
+        msgpack_pack_str_body(pk, m.first.data(), m.first.size());
+        PackValue(pk, m.second);
+      }
+      return;
+    default:
+      msgpack_pack_nil(pk);
+  }
+}
+
+std::string MsgpackBytes(const PObject& value) {
+  msgpack_sbuffer buffer;
+  msgpack_sbuffer_init(&buffer);
+  msgpack_packer pk;
+  msgpack_packer_init(&pk, &buffer, msgpack_sbuffer_write);
+  PackValue(&pk, value);
+  std::string bytes(buffer.data, buffer.size);
+  msgpack_sbuffer_destroy(&buffer);
+  return bytes;
+}
+
+// msgpack-c unpacking from a memory buffer into its own object tree.
+void BM_MsgpackUnpack(benchmark::State& state, int which) {
+  const std::string wire = MsgpackBytes(Reply(which));
+  msgpack_unpacked result;
+  msgpack_unpacked_init(&result);
+  for (auto _ : state) {
+    size_t offset = 0;
+    if (msgpack_unpack_next(&result, wire.data(), wire.size(), &offset) != MSGPACK_UNPACK_SUCCESS) {
+      state.SkipWithError("unpack failed");
+    }
+    benchmark::DoNotOptimize(result.data);
+  }
+  msgpack_unpacked_destroy(&result);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * wire.size()));
+  state.counters["wire_bytes"] = static_cast<double>(wire.size());
+}
+BENCHMARK_CAPTURE(BM_MsgpackUnpack, status, 0);
+BENCHMARK_CAPTURE(BM_MsgpackUnpack, user_info, 1);
+
+// msgpack-c packing its object tree into a memory buffer.
+void BM_MsgpackPack(benchmark::State& state, int which) {
+  const std::string wire = MsgpackBytes(Reply(which));
+  msgpack_unpacked tree;
+  msgpack_unpacked_init(&tree);
+  size_t offset = 0;
+  msgpack_unpack_next(&tree, wire.data(), wire.size(), &offset);
+  msgpack_sbuffer buffer;
+  msgpack_sbuffer_init(&buffer);
+  msgpack_packer pk;
+  msgpack_packer_init(&pk, &buffer, msgpack_sbuffer_write);
+  for (auto _ : state) {
+    msgpack_sbuffer_clear(&buffer);
+    if (msgpack_pack_object(&pk, tree.data) != 0 || buffer.size != wire.size()) {
+      state.SkipWithError("pack failed");
+    }
+  }
+  msgpack_sbuffer_destroy(&buffer);
+  msgpack_unpacked_destroy(&tree);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * wire.size()));
+}
+BENCHMARK_CAPTURE(BM_MsgpackPack, status, 0);
+BENCHMARK_CAPTURE(BM_MsgpackPack, user_info, 1);
+#endif  // VESTA_BENCH_MSGPACK
 
 }  // namespace

@@ -148,6 +148,7 @@ int BufferedIOBase::HandOver(BufferedIOBase* target) {
   target->SetTimeout(timeout_);
   target->SetController(controller_);
   target->SetClock(clock_);
+  target->deadline_us_ = deadline_us_;
   if (target->Attach(*io_) != 0) return -1;
   Detach();
   return 0;
@@ -158,6 +159,10 @@ void BufferedIOBase::Detach() {
   ResetState();
 }
 
+void BufferedIOBase::SetDeadline(uint64_t micros) {
+  deadline_us_ = micros == 0 ? 0 : clock_->NowMicros() + micros;
+}
+
 int BufferedIOBase::WaitReady(int events) {
   const uint64_t limit_us = static_cast<uint64_t>(timeout_ < 0 ? 0 : timeout_) * 1000000u;
   const uint64_t start_us = clock_->NowMicros();
@@ -166,7 +171,17 @@ int BufferedIOBase::WaitReady(int events) {
       SetError(kErrCancelled);
       return 0;
     }
-    int rc = io_->Wait(events, kWaitSliceSeconds);
+    int slice = kWaitSliceSeconds;
+    if (deadline_us_ != 0) {
+      const uint64_t now = clock_->NowMicros();
+      if (now >= deadline_us_) {
+        SetError(kErrTimeout);
+        return 0;
+      }
+      // The last slice ends within a second after the deadline.
+      slice = static_cast<int>(std::min<uint64_t>(slice, (deadline_us_ - now + 999999) / 1000000));
+    }
+    int rc = io_->Wait(events, slice);
     if (rc > 0) return 1;
     if (rc < 0) {
       if (errno == EINTR) continue;
@@ -282,6 +297,28 @@ ssize_t BufferedIO::Read(void* buffer, size_t n) {
     }
   }
   return static_cast<ssize_t>(got);
+}
+
+size_t BufferedIO::Peek(size_t want, const char** data) {
+  want = std::min(want, kBufferSize);
+  if (read_end_ - read_pos_ < want && IsReadable()) {
+    // Move what is held to the front, then fill the rest.
+    memmove(read_buffer_.data(), read_buffer_.data() + read_pos_, read_end_ - read_pos_);
+    read_end_ -= read_pos_;
+    read_pos_ = 0;
+    while (read_end_ < want) {
+      ssize_t k = ReadSome(read_buffer_.data() + read_end_, kBufferSize - read_end_);
+      if (k == 0) break;
+      read_end_ += static_cast<size_t>(k);
+    }
+  }
+  *data = read_buffer_.data() + read_pos_;
+  return read_end_ - read_pos_;
+}
+
+void BufferedIO::Consume(size_t n) {
+  assert(n <= read_end_ - read_pos_);
+  read_pos_ += n;
 }
 
 size_t BufferedIO::WriteDirect(const char* data, size_t n) {

@@ -86,12 +86,24 @@ class BufferedIOBase {
   virtual int64_t RecvFile(File& file, uint64_t offset, uint64_t length);
   // Writes out buffered bytes.  0, or -1 when some remain.
   virtual int Flush() = 0;
+  // Look-ahead: the bytes held in the read buffer, at *data, after reading
+  // more while fewer than `want` (at most the buffer's size) are held.
+  // Returns their count.  A stream without a read buffer holds none: 0.
+  virtual size_t Peek(size_t /*want*/, const char** data) {
+    *data = nullptr;
+    return 0;
+  }
+  // Drops `n` of the bytes Peek showed.
+  virtual void Consume(size_t /*n*/) {}
 
   bool IsReadable() const;
   bool IsWritable() const;
   int GetError() const { return error_; }
   int GetFlags() const { return flags_; }
   void SetTimeout(int seconds) { timeout_ = seconds; }
+  // Every wait ends `micros` from now at the latest (error kErrTimeout),
+  // whatever progress is made meanwhile; 0 removes the deadline.
+  void SetDeadline(uint64_t micros);
   int GetTimeout() const { return timeout_; }
   // `controller` is not owned and must outlive its use; null = the base
   // controller (grants everything, cancels nothing).
@@ -114,6 +126,7 @@ class BufferedIOBase {
   int timeout_;                         // idle time-out, seconds
   int flags_ = 0;                       // kReadClosed | kWriteClosed
   int error_ = 0;                       // first error, 0 = none
+  uint64_t deadline_us_ = 0;            // on clock_; 0 = none
 
  private:
   static BufferedIOController default_controller_;
@@ -138,6 +151,8 @@ class BufferedIO : public BufferedIOBase {
   // other descriptor: error kErrNotSocket and -1.
   int64_t RecvFile(File& file, uint64_t offset, uint64_t length) override;
   int Flush() override;
+  size_t Peek(size_t want, const char** data) override;
+  void Consume(size_t n) override;
 
   // Socket-to-file receive straight into a shared mapping of `file`, which
   // is first extended to offset + length.  Returns the bytes received

@@ -1,14 +1,24 @@
-// libFuzzer target of the wire decoder.  Every input is decoded twice: from
-// a standard stream, and from a Channel on a socket pair with received files
-// thrown away (so the binary paths run too).  A value that decodes must
-// encode and decode again to the same value and the same bytes.
+// libFuzzer target of the wire decoder.  Every input is decoded from a
+// standard stream, and from a Channel on a socket pair: with received files
+// thrown away, with a size cap, and with files stored in a scratch
+// directory into targets of each kind -- fresh, a binary resuming an
+// existing file, a binary_ex naming one.  A value that decodes must encode
+// and decode again to the same value and the same bytes; the bytes of an
+// existing file before the resumed offset, and a file a binary_ex target
+// names, survive whatever arrives.
 //
 // Built and run by tools/fuzz.sh.
+#include <dirent.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 
@@ -46,7 +56,8 @@ void CheckRoundTrip(const PObject& value) {
   if (writer.Send(&second, again) != 0 || first.str() != second.str()) abort();
 }
 
-void DecodeFromChannel(const uint8_t* data, size_t size) {
+// Decodes the input arriving on a Channel through `stream` into `value`.
+void DecodeFromChannel(const uint8_t* data, size_t size, PStream* stream, PObject* value) {
   int sv[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
   // Inputs are small (libFuzzer's -max_len): they fit in the socket buffer.
@@ -59,11 +70,64 @@ void DecodeFromChannel(const uint8_t* data, size_t size) {
   close(sv[1]);
   Channel channel;
   if (channel.Open(sv[0], false) != 0) return;
-  PStream stream;
-  stream.SetDiscardBinaries(true);
-  stream.SetDefaultHashAlgo("sha256");
-  PObject value;
-  stream.Recv(&channel, &value);
+  stream->Recv(&channel, value);
+}
+
+// Received files land here and nowhere else (tools/fuzz.sh names it);
+// emptied after every input.  Files may not grow past kFileLimit, so an
+// announced length never reserves real disk space.
+constexpr rlim_t kFileLimit = 1 << 20;
+
+const std::string& Scratch() {
+  static const std::string dir = [] {
+    const char* named = getenv("PSTREAM_FUZZ_DIR");
+    std::string path = named != nullptr ? named : "pstream-fuzz-files";
+    mkdir(path.c_str(), 0755);
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{kFileLimit, kFileLimit};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    return path;
+  }();
+  return dir;
+}
+
+void EmptyScratch() {
+  DIR* d = opendir(Scratch().c_str());
+  if (d == nullptr) abort();
+  while (struct dirent* e = readdir(d)) {
+    std::string name = e->d_name;
+    if (name != "." && name != "..") unlink((Scratch() + "/" + name).c_str());
+  }
+  closedir(d);
+}
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void DecodeBinaries(const uint8_t* data, size_t size) {
+  const std::string kept = Scratch() + "/kept";
+  const std::string before = "kept bytes";
+  PObject::binary_ex_type ex;
+  ex.path = kept;
+  ex.offset = ex.length = before.size();
+  const PObject targets[] = {
+      PObject(),
+      PObject(PObject::binary_type{before.size(), before.size(), kept}),
+      PObject(ex),
+  };
+  for (const PObject& target : targets) {
+    std::ofstream(kept, std::ios::binary | std::ios::trunc) << before;
+    PStream stream;
+    stream.SetBinaryDir(Scratch());
+    stream.SetDefaultHashAlgo("sha256");
+    PObject value(target);
+    DecodeFromChannel(data, size, &stream, &value);
+    const std::string now = ReadAll(kept);
+    if (target.IsBinaryEx() ? now != before : now.compare(0, before.size(), before) != 0) abort();
+    EmptyScratch();
+  }
 }
 
 }  // namespace
@@ -73,6 +137,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   PStream stream;
   PObject value;
   if (stream.Recv(&in, &value) == 0 && !ChangesOnTheWire(value)) CheckRoundTrip(value);
-  DecodeFromChannel(data, size);
+
+  PStream discarding;
+  discarding.SetDiscardBinaries(true);
+  discarding.SetDefaultHashAlgo("sha256");
+  discarding.SetSizeCap(size * 8);
+  PObject discarded;
+  DecodeFromChannel(data, size, &discarding, &discarded);
+  DecodeBinaries(data, size);
   return 0;
 }

@@ -198,6 +198,7 @@ TEST_P(FileTransferTest, PeerDisappearingLeavesWhatArrived) {
   EXPECT_EQ(-2, in.Recv(&link_.receiver, &got));
   peer.join();
   ASSERT_TRUE(got.IsBinary());
+  EXPECT_EQ(0u, got.AsBinary().offset + got.AsBinary().length);  // set only on success
   EXPECT_EQ(sent, FileSize(got.AsBinary().path));
   EXPECT_EQ(Sha256Sum(source), Sha256Sum(got.AsBinary().path));
 }
@@ -286,20 +287,36 @@ TEST_F(FileLimitTest, FullDeviceGivesMinus4) {
   peer.join();
 }
 
-TEST_F(FileLimitTest, BinaryExCutShortIsRemoved) {
-  const std::string prefix = std::string("\x43\x10\x00\x06", 4) + "binary";
-  std::thread peer([&] { SendZeros(1 << 20, 100000, prefix); });
-  PStream in;
-  in.SetBinaryDir(dir_.path());
-  in.SetDefaultHashAlgo("sha256");
-  PObject value;
-  EXPECT_EQ(-2, Receive(&in, &value));
-  peer.join();
-  // The partial file is gone: the directory is empty again.
-  std::unique_ptr<FILE, int (*)(FILE*)> ls(popen(("ls -A '" + dir_.path() + "'").c_str(), "r"),
-                                          pclose);
-  char line[256];
-  EXPECT_EQ(nullptr, fgets(line, sizeof(line), ls.get())) << line;
+TEST_F(FileLimitTest, BinaryExCutShortRemovesOnlyItsOwnPartialFile) {
+  // Into a fresh target, and into one that names an existing file: either
+  // way the bytes land under a fresh name, which goes again; the existing
+  // file and the target's range stay as they were.
+  for (bool names_a_file : {false, true}) {
+    SCOPED_TRACE(names_a_file);
+    TempDir dir;
+    const std::string kept = dir.Write("kept", "received before");
+    if (sv_[0] < 0) {
+      ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv_));
+    }
+    const std::string prefix = std::string("\x43\x10\x00\x06", 4) + "binary";
+    std::thread peer([&] { SendZeros(1 << 20, 100000, prefix); });
+    PStream in;
+    in.SetBinaryDir(dir.path());
+    in.SetDefaultHashAlgo("sha256");
+    PObject::binary_ex_type before;
+    if (names_a_file) before.path = kept, before.offset = before.length = 15;
+    PObject value(before);
+    EXPECT_EQ(-2, Receive(&in, &value));
+    peer.join();
+    EXPECT_EQ("received before", ReadFile(kept));
+    EXPECT_TRUE(value.AsBinaryEx() == before);
+    std::unique_ptr<FILE, int (*)(FILE*)> ls(popen(("ls -A '" + dir.path() + "'").c_str(), "r"),
+                                            pclose);
+    char line[256];
+    ASSERT_NE(nullptr, fgets(line, sizeof(line), ls.get()));
+    EXPECT_EQ("kept\n", std::string(line));
+    EXPECT_EQ(nullptr, fgets(line, sizeof(line), ls.get())) << line;
+  }
 }
 
 }  // namespace

@@ -267,6 +267,33 @@ TEST(PStreamTest, AnnouncedLengthsCostOnlyWhatArrives) {
   EXPECT_TRUE(back.AsBuffer().View() == big);
 }
 
+TEST(PStreamTest, SizeCapCountsMemoryNotWireBytes) {
+  std::string empties = "\x41";
+  for (int i = 0; i < 100000; ++i) empties += "\x41\x40";
+  empties += "\x40";
+  std::string map = Hex("42") + WireString("action") + WireString("fast_monitor") + Hex("40");
+  struct {
+    const char* name;
+    std::string bytes;
+    int rc;           // with a cap of 1 MiB
+    int rc_uncapped;  // without a cap
+  } const kCases[] = {
+      // 200 KB on the wire, several MiB once decoded.
+      {"empty arrays", empties, -5, 0},
+      {"4 GiB buffer announced", Hex("20 ff ff ff ff 61"), -5, -1},
+      {"a request", map, 0, 0},
+      {"buffer under the cap", Hex("20 00 01 90 00") + std::string(102400, 'b'), 0, 0},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    PStream capped;
+    capped.SetSizeCap(1 << 20);
+    PObject value;
+    EXPECT_EQ(c.rc, DecodeThroughChannel(c.bytes, &value, &capped));
+    EXPECT_EQ(c.rc_uncapped, DecodeFromString(c.bytes, &value));
+  }
+}
+
 TEST(PStreamTest, RefusedBinariesOpenNoFile) {
   TempDir dir;
   LogCapture log(dir);
@@ -473,6 +500,53 @@ TEST_F(BinaryTest, BinaryExCarriesBothDigests) {
   EXPECT_EQ("", discarded.AsBinaryEx().send_hash);
   EXPECT_EQ("/dev/null", discarded.AsBinaryEx().path);
   EXPECT_EQ(12u, discarded.AsBinaryEx().length);  // what went by
+}
+
+TEST_F(BinaryTest, SenderProgressCountsFileBytesUpToTheLastPiece) {
+  for (size_t size : {size_t{65536}, size_t{1000}}) {
+    SCOPED_TRACE(size);
+    std::string source = dir_.Write("progress", std::string(size, 'p'));
+    std::vector<uint64_t> done;
+    PStream out;
+    out.SetProgressCallback([&](uint64_t d, uint64_t total) {
+      if (total != 0) done.push_back(d);
+    });
+    // Something buffered ahead of the file must not count.
+    PObject value;
+    value.MutableArray().emplace_back("before");
+    value.MutableArray().emplace_back(PObject::binary_type{0, size, source});
+    std::string drain(20 + size, '\0');
+    std::thread reader([&] { receiver_.Read(&drain[0], drain.size()); });
+    EXPECT_EQ(0, out.Send(&sender_, value));
+    reader.join();
+    ASSERT_FALSE(done.empty());
+    EXPECT_EQ(size, done.back());
+    EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
+    EXPECT_TRUE(size != 1000 || done.size() == 1) << done.size();
+  }
+}
+
+TEST_F(BinaryTest, DigestOfABinaryExIsClearedAfterIt) {
+  // The stream's own binary digest is not put back after a binary_ex: the
+  // plain binary that follows is not digested.
+  std::string first = dir_.Write("first", "hello world\n");
+  std::string second = dir_.Write("second", "another file");
+  PObject::binary_ex_type ex;
+  ex.path = first;
+  ex.length = 12;
+  PObject value;
+  value.MutableArray().emplace_back(ex);
+  value.MutableArray().emplace_back(PObject::binary_type{0, 12, second});
+  PStream out;
+  out.SetDefaultHashAlgo("md5");
+  ASSERT_EQ(0, out.Send(&sender_, value));
+  PStream in;
+  in.SetBinaryDir(dir_.path());
+  in.SetDefaultHashAlgo("md5");
+  in.SetBinaryHashAlgo("sha256");
+  PObject got;
+  ASSERT_EQ(0, in.Recv(&receiver_, &got));
+  EXPECT_EQ("6f5902ac237024bdd0c176cb93063dc4", in.GetLastHash());
 }
 
 TEST_F(BinaryTest, SendFailures) {

@@ -17,6 +17,7 @@ import stat
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 
@@ -87,7 +88,7 @@ class Sandbox:
         self.socket = socket_path or os.path.join(self.root, "monitor.sock")
         self.levels = os.path.join(self.root, "levels")
         with open(self.levels, "w") as f:
-            f.write("monitor_daemon=7\nipc=7\nsystem_db_debug=6\n")
+            f.write("monitor_daemon=7\nipc=7\nsystem_db_debug=6\nchannel_debug=7\n")
         self.conf = os.path.join(self.root, "monitor.conf")
         self.write_conf()
         self.log = os.path.join(self.volume, "@FernboxTandem/log/tarn_monitor.log")
@@ -133,10 +134,10 @@ class Sandbox:
                 found.add(os.path.join(d, n))
         return found
 
-    def request(self, value, raw=None):
+    def request(self, value, raw=None, timeout=10):
         """Sends one value (or raw bytes) and returns the decoded reply."""
         with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-            s.settimeout(10)
+            s.settimeout(timeout)
             s.connect(self.socket)
             s.sendall(raw if raw is not None else pstream.encode(value))
             return pstream.recv_value(s)
@@ -338,6 +339,75 @@ class MonitorTest(unittest.TestCase):
         if not sanitized_binary():
             # A sanitizer's quarantine holds freed blocks, so RSS says nothing there.
             self.assertLess(rss_after - rss_before, 2048, (rss_before, rss_after))
+
+
+    def test_slow_and_oversized_requests_are_cut_off(self):
+        box = self.box
+        pid = box.start_and_wait()
+
+        def trickle(sock, stop):
+            # A key announced 65,535 bytes long, one byte every half second.
+            sock.sendall(b"\x42\x10\xff\xff")
+            while not stop.wait(0.5):
+                try:
+                    sock.send(b"a")
+                except OSError:
+                    return
+
+        for name in ("silent", "trickling"):
+            with self.subTest(client=name), \
+                    socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as slow:
+                slow.connect(box.socket)
+                t0 = time.monotonic()
+                stop = threading.Event()
+                peer = threading.Thread(target=trickle, args=(slow, stop))
+                if name == "trickling":
+                    peer.start()
+                try:
+                    self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}, timeout=20))
+                finally:
+                    stop.set()
+                    if peer.is_alive():
+                        peer.join(5)
+                self.assertLess(time.monotonic() - t0, 11.0)
+
+        # Four million empty arrays: 8 MiB on the wire, far more in memory.
+        peak = [vm_rss_kib(pid)]
+        done = threading.Event()
+
+        def sample():
+            while not done.wait(0.01):
+                peak[0] = max(peak[0], vm_rss_kib(pid))
+
+        sampler = threading.Thread(target=sample)
+        sampler.start()
+        try:
+            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+                s.settimeout(20)
+                s.connect(box.socket)
+                try:
+                    s.sendall(b"\x41" + b"\x41\x40" * 4000000 + b"\x40")
+                    self.assertEqual(b"", s.recv(16))  # dropped unanswered
+                except OSError:
+                    pass  # dropped before all of it went
+            self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
+        finally:
+            done.set()
+            sampler.join(5)
+        self.assertTrue(wait_for(lambda: "refused" in box.log_text()), box.log_text())
+        self.assertEqual(1, box.log_text().count("bytes of memory, refused"))
+        if not sanitized_binary():
+            self.assertLess(peak[0], 64 * 1024, peak[0])
+
+        # A stop signal is not held up by a silent client.
+        opened = box.log_text().count("Channel: opening socket")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as silent:
+            silent.connect(box.socket)
+            self.assertTrue(wait_for(
+                lambda: box.log_text().count("Channel: opening socket") > opened))
+            gone, took = box.stop_by_signal(signal.SIGTERM)
+        self.assertTrue(gone)
+        self.assertLess(took, 4.0)
 
 
 if __name__ == "__main__":
