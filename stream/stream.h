@@ -220,11 +220,15 @@ class PStream {
   int ReadArray(PObject* target);
   template <typename ReadMember>
   int ReadMembers(ReadMember read_member);
-  int ReadKey(std::string* key);
+  int ReadKey(PObjectKey* key);
   int ReadMap(PObject* target);
+  class MemberIndex;
+  size_t FindMember(size_t base, size_t slot, MemberIndex* index);
+  template <typename Place>
+  int ReadRunValue(uint8_t tag, Place place);
   int ReadBinary(PObject* target);
   int ReadBinaryEx(PObject* target);
-  int ReadBinaryExMember(const std::string& key, BinaryExParts* parts);
+  int ReadBinaryExMember(const PObjectKey& key, BinaryExParts* parts);
   int StoreBinary(PObject::binary_type* binary, uint64_t length);
   int OpenFileTarget(const PObject::binary_type& binary, FileTarget* target);
   int ReceiveFile(const FileTarget& target, uint64_t length, uint64_t* received);
@@ -255,6 +259,11 @@ class PStream {
   int depth_ = 0;                  // open arrays, maps and binary_ex
   bool dump_ = false;              // DEBUG enabled for `stream` at Begin
   std::string scratch_;            // string bodies longer than the window
+  // Members and elements of the open maps and arrays, innermost last; each
+  // container takes its run off the top when it closes, so a map or an
+  // array is allocated once, at its final size.  Kept between values.
+  std::vector<PObjectMember> members_;
+  std::vector<PObject> elements_;
 
   mutable std::mutex progress_mutex_;  // guards the pair below
   uint64_t progress_done_ = 0;

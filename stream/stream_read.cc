@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <istream>
+#include <unordered_map>
 
 #include "log/log.h"
 #include "stream/stream-util.h"
@@ -21,21 +22,24 @@ namespace {
 // Memory footprints counted against the size cap.  Every allocation is
 // counted with the allocator's own overhead.
 constexpr size_t kAllocOverhead = 16;
-// A map member: the tree node (links and colour) around the key and value.
-constexpr size_t kMapNodeCost = 32 + sizeof(PObject::map_type::value_type) + kAllocOverhead;
-// The payload of an array or a map, allocated when the container opens.
-constexpr size_t kContainerCost =
-    std::max(sizeof(PObject::array_type), sizeof(PObject::map_type)) + kAllocOverhead;
-// A string longer than std::string keeps inline has a block of its own.
-size_t HeapTextCost(size_t length) {
-  return length > PObject::kInlineStringMax ? length + 1 + kAllocOverhead : 0;
+// An array: the vector object, and the block of its elements.
+constexpr size_t kArrayCost = sizeof(PObject::array_type) + 2 * kAllocOverhead;
+// A map: its header, in one block with its members.
+constexpr size_t kMapCost = sizeof(PObject::map_type) + kAllocOverhead;
+// A member: its key and value in the map's block; a key too long to sit in
+// the member has a block of its own.
+size_t MemberCost(size_t key_length) {
+  return sizeof(PObjectMember) +
+         (key_length > PObjectKey::kInlineMax ? key_length + kAllocOverhead : 0);
 }
-// A string value too long for the slot: a string object and its text.
+// A string value too long for the slot: one block with its length, its
+// text and a terminating zero.
 size_t LongStringCost(size_t length) {
-  return length > PObject::kInlineStringMax
-             ? sizeof(std::string) + kAllocOverhead + HeapTextCost(length)
-             : 0;
+  return length > PObject::kInlineStringMax ? sizeof(size_t) + length + 1 + kAllocOverhead : 0;
 }
+
+// No member of the open map has the key.
+constexpr size_t kNoMember = SIZE_MAX;
 
 }  // namespace
 
@@ -163,21 +167,31 @@ int PStream::ReadNull(PObject* target) {
 }
 
 int PStream::ReadInteger(PObject* target) {
-  int rc = Need(1);
-  if (rc != kOk) return rc;
-  const uint8_t width = *in_pos_++;
-  if (width > 8) {
-    LOG_ERROR(kComponent, "PStream: integer of %u bytes, at most 8 expected",
-              static_cast<unsigned>(width));
-    return kErrMalformed;
+  uint64_t bits;
+  if (in_end_ - in_pos_ >= 9 && in_pos_[0] <= 8) {
+    // The usual case: the width and 8 bytes in the window; the value is the
+    // first `width` of them.
+    const unsigned width = in_pos_[0];
+    const uint64_t word = Channel::GetUInt64(in_pos_ + 1);
+    bits = width == 0 ? 0 : word >> (8 * (8 - width));
+    in_pos_ += 1 + width;
+  } else {
+    int rc = Need(1);
+    if (rc != kOk) return rc;
+    const uint8_t width = *in_pos_++;
+    if (width > 8) {
+      LOG_ERROR(kComponent, "PStream: integer of %u bytes, at most 8 expected",
+                static_cast<unsigned>(width));
+      return kErrMalformed;
+    }
+    rc = Need(width);
+    if (rc != kOk) return rc;
+    // The `width` bytes are the tail of the value's 8-byte form.
+    uint8_t bytes[8] = {0};
+    memcpy(bytes + 8 - width, in_pos_, width);
+    in_pos_ += width;
+    bits = Channel::GetUInt64(bytes);
   }
-  rc = Need(width);
-  if (rc != kOk) return rc;
-  // The `width` bytes are the tail of the value's 8-byte form.
-  uint8_t bytes[8] = {0};
-  memcpy(bytes + 8 - width, in_pos_, width);
-  in_pos_ += width;
-  const uint64_t bits = Channel::GetUInt64(bytes);
   if (dump_) LOG_DEBUG(kComponent, "%s%llu", Indent(), ULL(bits));
   target->SetInteger(static_cast<int64_t>(bits));
   return kOk;
@@ -274,32 +288,58 @@ int PStream::EnterContainer() {
   return kOk;
 }
 
+// Reads a value of `tag` into the run member at place(): a scalar straight
+// into it, a container aside (its own members may move the run) starting
+// from what the member holds, so a repeated key merges as a target would.
+template <typename Place>
+int PStream::ReadRunValue(uint8_t tag, Place place) {
+  if (tag != kTagArray && tag != kTagMap && tag != kTagBinaryEx) return ReadValue(tag, place());
+  PObject value(std::move(*place()));
+  const int rc = ReadValue(tag, &value);
+  *place() = std::move(value);
+  return rc;
+}
+
 int PStream::ReadArray(PObject* target) {
   if (dump_) LOG_DEBUG(kComponent, "%s[", Indent());
   int rc = EnterContainer();
-  if (rc == kOk) rc = Charge(kContainerCost);
+  if (rc == kOk) rc = Charge(kArrayCost);
   if (rc != kOk) return rc;
-  PObject::array_type& elements = target->MutableArray();
+  const size_t base = elements_.size();
   for (;;) {
     rc = Need(1);
-    if (rc != kOk) return rc;
+    if (rc != kOk) break;
     const uint8_t tag = *in_pos_++;
     if (tag == kTagEnd) break;
-    if (elements.size() == elements.capacity()) {
-      // The slots the next growth will add (it doubles, from one).
-      rc = Charge(std::max<size_t>(elements.size(), 1) * sizeof(PObject));
-      if (rc != kOk) return rc;
-    }
-    elements.emplace_back();
-    rc = ReadValue(tag, &elements.back());
-    if (rc != kOk) return rc;
+    rc = Charge(sizeof(PObject));
+    if (rc != kOk) break;
+    const size_t slot = elements_.size();
+    elements_.emplace_back();
+    rc = ReadRunValue(tag, [&] { return &elements_[slot]; });
+    if (rc != kOk) break;
   }
+  // What arrived joins the target, after a failure too.  A fresh array is
+  // sized exactly; one appended to (a repeated key) grows by doubling.
+  PObject::array_type& out = target->MutableArray();
+  const size_t n = elements_.size() - base;
+  if (out.size() + n > out.capacity()) {
+    const size_t want = std::max(out.size() + n, 2 * out.size());
+    const int charged = Charge((want - out.size() - n) * sizeof(PObject));
+    if (charged != kOk) {
+      elements_.resize(base);
+      return charged;
+    }
+    out.reserve(want);
+  }
+  for (size_t i = base; i < elements_.size(); ++i) out.push_back(std::move(elements_[i]));
+  elements_.resize(base);
+  if (rc != kOk) return rc;
   --depth_;
   if (dump_) LOG_DEBUG(kComponent, "%s]", Indent());
   return kOk;
 }
 
-int PStream::ReadKey(std::string* key) {
+int PStream::ReadKey(PObjectKey* key) {
   int rc = Need(1);
   if (rc != kOk) return rc;
   const uint8_t tag = *in_pos_++;
@@ -311,21 +351,32 @@ int PStream::ReadKey(std::string* key) {
   if (rc != kOk) return rc;
   const size_t length = Channel::GetUInt16(in_pos_);
   in_pos_ += 2;
-  rc = ReadStringBody(length, key);
-  if (rc == kOk && dump_) LOG_DEBUG(kComponent, "%s\"%s\"", Indent(), key->c_str());
-  return rc;
+  if (length <= PObjectKey::kInlineMax && in_end_ - in_pos_ >= 24) {
+    key->AssignShort(in_pos_, length);  // the usual case
+    in_pos_ += length;
+  } else if (static_cast<size_t>(in_end_ - in_pos_) >= length) {
+    *key = PObjectKey(std::string_view(reinterpret_cast<const char*>(in_pos_), length));
+    in_pos_ += length;
+  } else {
+    rc = ReadStringBody(length, &scratch_);
+    if (rc != kOk) return rc;
+    *key = PObjectKey(scratch_);
+  }
+  if (dump_) {
+    LOG_DEBUG(kComponent, "%s\"%.*s\"", Indent(), static_cast<int>(key->size()), key->data());
+  }
+  return kOk;
 }
 
-// Reads the members of a map or a binary_ex up to its end marker, each
-// value through `read_member(key)`.  The opening "{" is dumped here; the
-// caller dumps the closing "}".  A failing member's key is recorded for the
-// error stack.
+// Reads the members of a binary_ex up to its end marker, each value through
+// `read_member(key)`.  The opening "{" is dumped here; the caller dumps the
+// closing "}".  A failing member's key is recorded for the error stack.
 template <typename ReadMember>
 int PStream::ReadMembers(ReadMember read_member) {
   if (dump_) LOG_DEBUG(kComponent, "%s{", Indent());
   int rc = EnterContainer();
   if (rc != kOk) return rc;
-  std::string key;
+  PObjectKey key;
   for (;;) {
     rc = Need(1);
     if (rc != kOk) return rc;
@@ -337,7 +388,7 @@ int PStream::ReadMembers(ReadMember read_member) {
     if (rc != kOk) return rc;
     rc = read_member(key);
     if (rc != kOk) {
-      error_keys_.push_back(key);
+      error_keys_.emplace_back(key.view());
       return rc;
     }
   }
@@ -345,23 +396,100 @@ int PStream::ReadMembers(ReadMember read_member) {
   return kOk;
 }
 
+// Where the members of the map being read are found once its keys stop
+// arriving in order: until then a key greater than the last needs no search
+// at all, and any other is searched in the sorted run.
+class PStream::MemberIndex {
+ public:
+  bool sorted = true;
+  std::unordered_map<std::string, size_t> position;  // into members_
+};
+
+// The member of the run [base, slot) with the key of the member at `slot`.
+size_t PStream::FindMember(size_t base, size_t slot, MemberIndex* index) {
+  const PObjectKey& key = members_[slot].first;
+  if (!index->sorted) {
+    auto it = index->position.find(key.str());
+    return it == index->position.end() ? kNoMember : it->second;
+  }
+  if (slot == base || members_[slot - 1].first < key) return kNoMember;
+  auto first = members_.begin() + static_cast<ptrdiff_t>(base);
+  auto last = members_.begin() + static_cast<ptrdiff_t>(slot);
+  auto it = std::lower_bound(first, last, key,
+                             [](const PObjectMember& m, const PObjectKey& k) { return m.first < k; });
+  if (it != last && it->first == key) return static_cast<size_t>(it - members_.begin());
+  // Out of order: from here on the index finds members, and the run is
+  // sorted when the map closes.
+  index->sorted = false;
+  for (size_t i = base; i < slot; ++i) index->position.emplace(members_[i].first.str(), i);
+  return kNoMember;
+}
+
 int PStream::ReadMap(PObject* target) {
-  int rc = Charge(kContainerCost);
+  if (dump_) LOG_DEBUG(kComponent, "%s{", Indent());
+  int rc = EnterContainer();
+  if (rc == kOk) rc = Charge(kMapCost);
   if (rc != kOk) return rc;
-  PObject::map_type& members = target->MutableMap();
-  rc = ReadMembers([&](const std::string& key) -> int {
-    // Keys arrive in order from our own encoder: the end is the place to
-    // look first.  A repeated key decodes into the member the first one
-    // made.
-    const size_t before = members.size();
-    PObject& member = members.emplace_hint(members.end(), key, PObject())->second;
-    if (members.size() != before) {
-      int charged = Charge(kMapNodeCost + HeapTextCost(key.size()));
-      if (charged != kOk) return charged;
+  const size_t base = members_.size();
+  if (target->IsMap() && !target->AsMap().empty()) {
+    // Merging into a map already held (a repeated key): its members join
+    // the run and the map is built anew when it closes.  The new block is
+    // charged in full -- old and new are alive together -- which also keeps
+    // what repeated keys can make merging cost within the cap.
+    PObject::map_type& held = target->MutableMap();
+    rc = Charge(held.size() * sizeof(PObjectMember));
+    if (rc != kOk) return rc;
+    for (PObjectMember& m : held) members_.push_back(std::move(m));
+    held.clear();
+  }
+  MemberIndex index;
+  for (;;) {
+    rc = Need(1);
+    if (rc != kOk) break;
+    if (*in_pos_ == kTagEnd) {
+      ++in_pos_;
+      break;
     }
-    return ReadTaggedValue(&member);
-  });
+    // The key is read into a new member at the top of the run.
+    const size_t slot = members_.size();
+    members_.emplace_back();
+    rc = ReadKey(&members_[slot].first);
+    if (rc != kOk) {
+      members_.pop_back();
+      break;
+    }
+    // A repeated key decodes into the member its first occurrence made.
+    size_t at = FindMember(base, slot, &index);
+    if (at != kNoMember) {
+      members_.pop_back();
+    } else {
+      at = slot;
+      rc = Charge(MemberCost(members_[slot].first.size()));
+      if (rc != kOk) {
+        members_.pop_back();
+        break;
+      }
+      if (!index.sorted) index.position.emplace(members_[slot].first.str(), slot);
+    }
+    rc = Need(1);
+    if (rc == kOk) {
+      const uint8_t tag = *in_pos_++;
+      rc = ReadRunValue(tag, [&] { return &members_[at].second; });
+    }
+    if (rc != kOk) {
+      error_keys_.emplace_back(members_[at].first.view());
+      break;
+    }
+  }
+  // What arrived becomes the target, after a failure too.
+  if (!index.sorted) {
+    std::sort(members_.begin() + static_cast<ptrdiff_t>(base), members_.end(),
+              [](const PObjectMember& a, const PObjectMember& b) { return a.first < b.first; });
+  }
+  target->AdoptMembers(members_.data() + base, members_.size() - base);
+  members_.resize(base);
   if (rc != kOk) return rc;
+  --depth_;
   if (dump_) LOG_DEBUG(kComponent, "%s}", Indent());
   return kOk;
 }
@@ -376,7 +504,7 @@ int PStream::ReadBinaryEx(PObject* target) {
   stream_util::HashAlgoScope scope(&binary_hash_algo_, algo);
   last_hash_.clear();
   BinaryExParts parts;
-  rc = ReadMembers([&](const std::string& key) { return ReadBinaryExMember(key, &parts); });
+  rc = ReadMembers([&](const PObjectKey& key) { return ReadBinaryExMember(key, &parts); });
   if (rc != kOk) {
     // A file without the rest of its value is of no use.
     RemoveOwnFile(parts.file);
@@ -402,7 +530,7 @@ int PStream::ReadBinaryEx(PObject* target) {
 // Each member decodes into a fresh value, so a file it receives is always
 // this transfer's own, under a fresh name: that file, and no other, goes
 // when the member fails or is of no use.
-int PStream::ReadBinaryExMember(const std::string& key, BinaryExParts* parts) {
+int PStream::ReadBinaryExMember(const PObjectKey& key, BinaryExParts* parts) {
   PObject member;
   int rc = ReadTaggedValue(&member);
   if (rc != kOk) {
