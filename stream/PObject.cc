@@ -119,9 +119,10 @@ namespace {
 
 // A string too long for the slot: one block, its length then its text and
 // a terminating zero.
+size_t TextBlockSize(size_t n) { return sizeof(size_t) + n + 1; }
+
 char* NewText(std::string_view text) {
-  char* block = static_cast<char*>(malloc(sizeof(size_t) + text.size() + 1));
-  if (block == nullptr) throw std::bad_alloc();
+  char* block = static_cast<char*>(BlockCache::Take(TextBlockSize(text.size())));
   const size_t n = text.size();
   memcpy(block, &n, sizeof(n));
   if (n > 0) memcpy(block + sizeof(size_t), text.data(), n);
@@ -133,6 +134,12 @@ std::string_view TextOf(const char* block) {
   size_t n;
   memcpy(&n, block, sizeof(n));
   return std::string_view(block + sizeof(size_t), n);
+}
+
+void DeleteArray(PObject::array_type* array) {
+  using Array = PObject::array_type;
+  array->~Array();
+  BlockCache::Give(array, sizeof(PObject::array_type));
 }
 
 }  // namespace
@@ -151,15 +158,6 @@ PObject& PObject::operator=(const PObject& other) {
   return *this;
 }
 
-PObject& PObject::operator=(PObject&& other) noexcept {
-  if (this != &other) {
-    PObject taken(std::move(other));
-    Clear();
-    MoveFrom(taken);
-  }
-  return *this;
-}
-
 PObject::PObject(std::string_view text) : PObject() { SetString(text); }
 PObject::PObject(const binary_type& value) : PObject() { *this = value; }
 PObject::PObject(const binary_ex_type& value) : PObject() { *this = value; }
@@ -168,13 +166,15 @@ PObject::PObject(const buffer_type& value) : PObject() { *this = value; }
 void PObject::Release() {
   switch (type_) {
     case kArray:
-      delete Pointer<array_type>();
+      DeleteArray(Pointer<array_type>());
       break;
     case kMap:
       PObjectMap::Delete(Pointer<map_type>());
       break;
     case kString:
-      if (slot_[kSlotSize - 1] != 0) free(Pointer<char>());
+      if (slot_[kSlotSize - 1] != 0) {
+        BlockCache::Give(Pointer<char>(), TextBlockSize(TextOf(Pointer<char>()).size()));
+      }
       break;
     case kBinary:
       delete Pointer<binary_type>();
@@ -191,14 +191,6 @@ void PObject::Release() {
   }
 }
 
-void PObject::MoveFrom(PObject& other) noexcept {
-  assert(type_ == kNull);
-  type_ = other.type_;
-  memcpy(slot_, other.slot_, kSlotSize);
-  other.type_ = kNull;
-  memset(other.slot_, 0, kSlotSize);
-}
-
 void PObject::CopyFrom(const PObject& other) {
   assert(type_ == kNull);
   switch (other.type_) {
@@ -211,7 +203,7 @@ void PObject::CopyFrom(const PObject& other) {
       SetString(other.AsStringView());
       return;
     case kArray:
-      SetPointer(new array_type(*other.Pointer<array_type>()));
+      SetPointer(new (BlockCache::Take(sizeof(array_type))) array_type(*other.Pointer<array_type>()));
       break;
     case kMap: {
       const map_type& from = *other.Pointer<map_type>();
@@ -268,6 +260,31 @@ void PObject::SetString(std::string_view text) {
   Clear();
   memcpy(slot_, slot, kSlotSize);
   type_ = kString;
+}
+
+void PObject::AssignShortText(const void* text, size_t n) {
+  assert(n <= kInlineStringMax);
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  uint64_t lo, hi;
+  memcpy(&lo, text, 8);
+  memcpy(&hi, static_cast<const char*>(text) + 8, 8);
+  const uint64_t lo_mask = n >= 8 ? ~0ull : (1ull << (8 * n)) - 1;
+  const uint64_t hi_mask = n <= 8 ? 0 : (1ull << (8 * (n - 8))) - 1;
+  // A zero byte within the text: such a string is kept out of line.
+  auto has_zero = [](uint64_t x) {
+    return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
+  };
+  if (!has_zero(lo | ~lo_mask) && !has_zero(hi | ~hi_mask)) {
+    lo &= lo_mask;
+    hi &= hi_mask;  // byte 15 among the cleared ones: the inline mark
+    if (type_ != kNull && type_ != kInteger) Release();
+    memcpy(slot_, &lo, 8);
+    memcpy(slot_ + 8, &hi, 8);
+    type_ = kString;
+    return;
+  }
+#endif
+  SetString(std::string_view(static_cast<const char*>(text), n));
 }
 
 PObject& PObject::operator=(std::string_view text) {
@@ -373,6 +390,11 @@ T* PObject::New() {
 template <>
 PObject::map_type* PObject::New<PObject::map_type>() {
   return PObjectMap::New(0);
+}
+
+template <>
+PObject::array_type* PObject::New<PObject::array_type>() {
+  return new (BlockCache::Take(sizeof(array_type))) array_type();
 }
 
 // Makes the value a T of kind `kind`, keeping the payload when it already

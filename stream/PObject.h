@@ -37,6 +37,7 @@
 #include <vector>
 
 #include "stream/PObjectKey.h"
+#include "stream/block_cache.h"
 
 class PObjectMap;
 struct PObjectMember;
@@ -113,7 +114,8 @@ class PObject {
     bool operator!=(const buffer_type& o) const { return !(*this == o); }
   };
 
-  using array_type = std::vector<PObject>;
+  // Its storage comes from the payload block cache (stream/block_cache.h).
+  using array_type = std::vector<PObject, BlockAllocator<PObject>>;
   // Ordered bytewise, shorter key first on a common prefix; looked up by any
   // string-like key without building a std::string.
   using map_type = PObjectMap;
@@ -140,7 +142,15 @@ class PObject {
     other.type_ = kNull;
     memset(other.slot_, 0, kSlotSize);
   }
-  PObject& operator=(PObject&& other) noexcept;
+  PObject& operator=(PObject&& other) noexcept {
+    if (this != &other) {
+      // `other` may live inside this value's payload: take it first.
+      PObject taken(std::move(other));
+      Clear();
+      MoveFrom(taken);
+    }
+    return *this;
+  }
 
   template <typename T, typename = std::enable_if_t<std::is_integral_v<T>>>
   explicit PObject(T value) : PObject() {
@@ -246,7 +256,15 @@ class PObject {
   T& MutablePayload(Type kind);
   void SetString(std::string_view text);
   void CopyFrom(const PObject& other);
-  void MoveFrom(PObject& other) noexcept;
+  void MoveFrom(PObject& other) noexcept {
+    type_ = other.type_;
+    memcpy(slot_, other.slot_, kSlotSize);
+    other.type_ = kNull;
+    memset(other.slot_, 0, kSlotSize);
+  }
+  // Becomes the string of the `n` (at most kInlineStringMax) bytes at
+  // `text`, of which 16 must be readable: the slot is filled in whole words.
+  void AssignShortText(const void* text, size_t n);
   // Frees what the slot owns; the code and the slot are left as they were.
   void Release();
   // Makes the value a map of the `n` members at `members` (sorted by key,

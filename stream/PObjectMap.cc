@@ -2,6 +2,7 @@
 // out-of-line form.
 #include "stream/PObjectMap.h"
 
+
 #include <assert.h>
 #include <stdlib.h>
 #include <string.h>
@@ -50,9 +51,9 @@ void MoveMembers(PObjectMember* to, PObjectMember* from, size_t n) {
 
 PObjectMap* PObjectMap::New(size_t capacity) {
   if (capacity > UINT32_MAX) throw std::length_error("PObjectMap");
-  void* block = malloc(sizeof(PObjectMap) + capacity * sizeof(value_type));
-  if (block == nullptr) throw std::bad_alloc();
+  void* block = BlockCache::Take(sizeof(PObjectMap) + capacity * sizeof(value_type));
   PObjectMap* map = new (block) PObjectMap();
+  map->room_ = static_cast<uint32_t>(capacity);
   if (capacity > 0) {
     map->data_ = reinterpret_cast<value_type*>(map + 1);
     map->capacity_ = static_cast<uint32_t>(capacity);
@@ -62,8 +63,9 @@ PObjectMap* PObjectMap::New(size_t capacity) {
 }
 
 void PObjectMap::Delete(PObjectMap* map) {
+  const size_t room = map->room_;
   map->~PObjectMap();
-  free(map);
+  BlockCache::Give(map, sizeof(PObjectMap) + room * sizeof(value_type));
 }
 
 static_assert(sizeof(PObjectMap) % alignof(PObjectMember) == 0,
@@ -113,7 +115,7 @@ PObjectMap::~PObjectMap() {
 }
 
 void PObjectMap::FreeData() {
-  if (!data_inline_) free(data_);
+  if (!data_inline_) BlockCache::Give(data_, capacity_ * sizeof(value_type));
   data_ = nullptr;
   capacity_ = 0;
   data_inline_ = false;
@@ -129,10 +131,9 @@ void PObjectMap::Reserve(size_t want) {
   if (want > UINT32_MAX) throw std::length_error("PObjectMap");
   size_t capacity = std::max<size_t>({want, 4, size_t{capacity_} * 2});
   capacity = std::min<size_t>(capacity, UINT32_MAX);
-  auto* grown = static_cast<value_type*>(malloc(capacity * sizeof(value_type)));
-  if (grown == nullptr) throw std::bad_alloc();
+  auto* grown = static_cast<value_type*>(BlockCache::Take(capacity * sizeof(value_type)));
   MoveMembers(grown, data_, size_);
-  if (!data_inline_) free(data_);
+  if (!data_inline_) BlockCache::Give(data_, capacity_ * sizeof(value_type));
   data_ = grown;
   capacity_ = static_cast<uint32_t>(capacity);
   data_inline_ = false;

@@ -87,7 +87,8 @@ class PObjectMap {
   value_type* data_ = nullptr;  // size_ members, then room for capacity_ - size_
   uint32_t size_ = 0;
   uint32_t capacity_ = 0;
-  bool data_inline_ = false;    // data_ lies in this map's own block (New)
+  uint32_t room_ = 0;           // members the block of New holds behind the map
+  bool data_inline_ = false;    // data_ is that room
 };
 
 #endif  // VESTA_STREAM_POBJECTMAP_H_

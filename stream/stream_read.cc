@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <istream>
+#include <memory>
 #include <unordered_map>
 
 #include "log/log.h"
@@ -221,6 +222,17 @@ int PStream::ReadString(PObject* target) {
   if (rc != kOk) return rc;
   const size_t length = Channel::GetUInt16(in_pos_);
   in_pos_ += 2;
+  if (length <= PObject::kInlineStringMax && in_end_ - in_pos_ >= 16) {
+    // The usual case: a text that fits the slot, with room to read whole
+    // words.
+    if (dump_) {
+      LOG_DEBUG(kComponent, "%s\"%.*s\"", Indent(), static_cast<int>(length),
+                reinterpret_cast<const char*>(in_pos_));
+    }
+    target->AssignShortText(in_pos_, length);
+    in_pos_ += length;
+    return kOk;
+  }
   rc = Charge(LongStringCost(length));
   if (rc != kOk) return rc;
   if (static_cast<size_t>(in_end_ - in_pos_) >= length) {
@@ -293,6 +305,24 @@ int PStream::EnterContainer() {
 // from what the member holds, so a repeated key merges as a target would.
 template <typename Place>
 int PStream::ReadRunValue(uint8_t tag, Place place) {
+  if (!dump_ && in_end_ - in_pos_ >= 2 + 16) {
+    // The usual scalars, whole in the window with room to read words.
+    if (tag == kTagInteger && in_pos_[0] <= 8) {
+      ResetProgress();
+      const unsigned width = in_pos_[0];
+      const uint64_t word = Channel::GetUInt64(in_pos_ + 1);
+      place()->SetInteger(static_cast<int64_t>(width == 0 ? 0 : word >> (8 * (8 - width))));
+      in_pos_ += 1 + width;
+      return kOk;
+    }
+    if (tag == kTagString && Channel::GetUInt16(in_pos_) <= PObject::kInlineStringMax) {
+      ResetProgress();
+      const size_t length = Channel::GetUInt16(in_pos_);
+      place()->AssignShortText(in_pos_ + 2, length);
+      in_pos_ += 2 + length;
+      return kOk;
+    }
+  }
   if (tag != kTagArray && tag != kTagMap && tag != kTagBinaryEx) return ReadValue(tag, place());
   PObject value(std::move(*place()));
   const int rc = ReadValue(tag, &value);
@@ -402,17 +432,18 @@ int PStream::ReadMembers(ReadMember read_member) {
 class PStream::MemberIndex {
  public:
   bool sorted = true;
-  std::unordered_map<std::string, size_t> position;  // into members_
+  // Into members_; made when the keys first come out of order.
+  std::unique_ptr<std::unordered_map<std::string, size_t>> position;
 };
 
 // The member of the run [base, slot) with the key of the member at `slot`.
 size_t PStream::FindMember(size_t base, size_t slot, MemberIndex* index) {
   const PObjectKey& key = members_[slot].first;
   if (!index->sorted) {
-    auto it = index->position.find(key.str());
-    return it == index->position.end() ? kNoMember : it->second;
+    auto it = index->position->find(key.str());
+    return it == index->position->end() ? kNoMember : it->second;
   }
-  if (slot == base || members_[slot - 1].first < key) return kNoMember;
+  if (slot == base) return kNoMember;
   auto first = members_.begin() + static_cast<ptrdiff_t>(base);
   auto last = members_.begin() + static_cast<ptrdiff_t>(slot);
   auto it = std::lower_bound(first, last, key,
@@ -421,7 +452,8 @@ size_t PStream::FindMember(size_t base, size_t slot, MemberIndex* index) {
   // Out of order: from here on the index finds members, and the run is
   // sorted when the map closes.
   index->sorted = false;
-  for (size_t i = base; i < slot; ++i) index->position.emplace(members_[i].first.str(), i);
+  index->position = std::make_unique<std::unordered_map<std::string, size_t>>();
+  for (size_t i = base; i < slot; ++i) index->position->emplace(members_[i].first.str(), i);
   return kNoMember;
 }
 
@@ -453,13 +485,24 @@ int PStream::ReadMap(PObject* target) {
     // The key is read into a new member at the top of the run.
     const size_t slot = members_.size();
     members_.emplace_back();
-    rc = ReadKey(&members_[slot].first);
-    if (rc != kOk) {
-      members_.pop_back();
-      break;
+    if (!dump_ && in_end_ - in_pos_ >= 3 + 24 && in_pos_[0] == kTagString &&
+        Channel::GetUInt16(in_pos_ + 1) <= PObjectKey::kInlineMax) {
+      // The usual key: short, whole in the window with room to read words.
+      const size_t length = Channel::GetUInt16(in_pos_ + 1);
+      members_[slot].first.AssignShort(in_pos_ + 3, length);
+      in_pos_ += 3 + length;
+    } else {
+      rc = ReadKey(&members_[slot].first);
+      if (rc != kOk) {
+        members_.pop_back();
+        break;
+      }
     }
     // A repeated key decodes into the member its first occurrence made.
-    size_t at = FindMember(base, slot, &index);
+    // Keys in order, the usual case, need no search.
+    const bool next_in_order =
+        index.sorted && (slot == base || members_[slot - 1].first < members_[slot].first);
+    size_t at = next_in_order ? kNoMember : FindMember(base, slot, &index);
     if (at != kNoMember) {
       members_.pop_back();
     } else {
@@ -469,7 +512,7 @@ int PStream::ReadMap(PObject* target) {
         members_.pop_back();
         break;
       }
-      if (!index.sorted) index.position.emplace(members_[slot].first.str(), slot);
+      if (!index.sorted) index.position->emplace(members_[slot].first.str(), slot);
     }
     rc = Need(1);
     if (rc == kOk) {
