@@ -232,10 +232,9 @@ void PObject::AdoptMembers(PObjectMember* members, size_t n) {
   map_type* map = PObjectMap::New(n);
   if (n > 0) {
     // Members hold no pointer into themselves: their bytes move as they
-    // stand, and the places they leave become empty members again.
+    // stand.
     memcpy(static_cast<void*>(map->data_), static_cast<const void*>(members),
            n * sizeof(PObjectMember));
-    for (size_t i = 0; i < n; ++i) new (members + i) PObjectMember();
   }
   map->size_ = static_cast<uint32_t>(n);
   Clear();

@@ -268,7 +268,7 @@ class PObject {
   // Frees what the slot owns; the code and the slot are left as they were.
   void Release();
   // Makes the value a map of the `n` members at `members` (sorted by key,
-  // no key twice), which are moved out and left empty.
+  // no key twice), whose bytes are moved: the caller forgets them there.
   void AdoptMembers(PObjectMember* members, size_t n);
 
   Type type_;                                // what the slot holds

@@ -57,6 +57,7 @@
 
 #include "net/channel.h"
 #include "stream/PObject.h"
+#include "stream/run_stack.h"
 
 class PStream {
  public:
@@ -164,7 +165,9 @@ class PStream {
   void Begin(Channel* channel, std::ostream* out, std::istream* in);
   int Finish(int rc);
   void SetProgress(uint64_t done, uint64_t total);
-  void ResetProgress();
+  void ResetProgress() {
+    if (!progress_zero_) SetProgress(0, 0);
+  }
   const char* Indent() const;
 
   // Writing (stream.cc; binaries in stream_binary.cc).
@@ -217,15 +220,27 @@ class PStream {
   int ReadString(PObject* target);
   int ReadStringBody(size_t length, std::string* text);
   int ReadBuffer(PObject* target);
-  int ReadArray(PObject* target);
+  // Where a container lands: a value that stays put, or a member of a run,
+  // found again by its index once nested runs may have moved it.
+  struct Target {
+    PObject* fixed = nullptr;
+    RunStack<PObjectMember>* members = nullptr;
+    RunStack<PObject>* elements = nullptr;
+    size_t index = 0;
+    PObject* Get() const {
+      if (fixed != nullptr) return fixed;
+      return members != nullptr ? &(*members)[index].second : &(*elements)[index];
+    }
+  };
+  int ReadArray(const Target& target);
   template <typename ReadMember>
   int ReadMembers(ReadMember read_member);
   int ReadKey(PObjectKey* key);
-  int ReadMap(PObject* target);
+  int ReadMap(const Target& target);
   class MemberIndex;
   size_t FindMember(size_t base, size_t slot, MemberIndex* index);
-  template <typename Place>
-  int ReadRunValue(uint8_t tag, Place place);
+  bool ReadShortScalar(uint8_t tag, PObject* target);
+  int ReadRunValue(uint8_t tag, const Target& place);
   int ReadBinary(PObject* target);
   int ReadBinaryEx(PObject* target);
   int ReadBinaryExMember(const PObjectKey& key, BinaryExParts* parts);
@@ -262,8 +277,8 @@ class PStream {
   // Members and elements of the open maps and arrays, innermost last; each
   // container takes its run off the top when it closes, so a map or an
   // array is allocated once, at its final size.  Kept between values.
-  std::vector<PObjectMember> members_;
-  std::vector<PObject> elements_;
+  RunStack<PObjectMember> members_;
+  RunStack<PObject> elements_;
 
   mutable std::mutex progress_mutex_;  // guards the pair below
   uint64_t progress_done_ = 0;

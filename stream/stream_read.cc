@@ -138,9 +138,9 @@ int PStream::ReadValue(uint8_t tag, PObject* target) {
       ResetProgress();
       return ReadBuffer(target);
     case kTagArray:
-      return ReadArray(target);
+      return ReadArray(Target{target});
     case kTagMap:
-      return ReadMap(target);
+      return ReadMap(Target{target});
     case kTagBinary:
     case kTagBinaryEx:
       if (refuse_binaries_) {
@@ -300,37 +300,52 @@ int PStream::EnterContainer() {
   return kOk;
 }
 
-// Reads a value of `tag` into the run member at place(): a scalar straight
-// into it, a container aside (its own members may move the run) starting
-// from what the member holds, so a repeated key merges as a target would.
-template <typename Place>
-int PStream::ReadRunValue(uint8_t tag, Place place) {
-  if (!dump_ && in_end_ - in_pos_ >= 2 + 16) {
-    // The usual scalars, whole in the window with room to read words.
-    if (tag == kTagInteger && in_pos_[0] <= 8) {
-      ResetProgress();
-      const unsigned width = in_pos_[0];
-      const uint64_t word = Channel::GetUInt64(in_pos_ + 1);
-      place()->SetInteger(static_cast<int64_t>(width == 0 ? 0 : word >> (8 * (8 - width))));
-      in_pos_ += 1 + width;
-      return kOk;
-    }
-    if (tag == kTagString && Channel::GetUInt16(in_pos_) <= PObject::kInlineStringMax) {
-      ResetProgress();
-      const size_t length = Channel::GetUInt16(in_pos_);
-      place()->AssignShortText(in_pos_ + 2, length);
-      in_pos_ += 2 + length;
-      return kOk;
-    }
+// The usual scalars -- an integer, a string that fits the slot -- whole in
+// the window with room to read words: read at once, true.  Anything else:
+// false, nothing read.
+inline bool PStream::ReadShortScalar(uint8_t tag, PObject* target) {
+  if (dump_ || in_end_ - in_pos_ < 2 + 16) return false;
+  if (tag == kTagInteger && in_pos_[0] <= 8) {
+    ResetProgress();
+    const unsigned width = in_pos_[0];
+    const uint64_t word = Channel::GetUInt64(in_pos_ + 1);
+    target->SetInteger(static_cast<int64_t>(width == 0 ? 0 : word >> (8 * (8 - width))));
+    in_pos_ += 1 + width;
+    return true;
   }
-  if (tag != kTagArray && tag != kTagMap && tag != kTagBinaryEx) return ReadValue(tag, place());
-  PObject value(std::move(*place()));
-  const int rc = ReadValue(tag, &value);
-  *place() = std::move(value);
-  return rc;
+  if (tag == kTagString && Channel::GetUInt16(in_pos_) <= PObject::kInlineStringMax) {
+    ResetProgress();
+    const size_t length = Channel::GetUInt16(in_pos_);
+    target->AssignShortText(in_pos_ + 2, length);
+    in_pos_ += 2 + length;
+    return true;
+  }
+  return false;
 }
 
-int PStream::ReadArray(PObject* target) {
+// Reads a value of `tag` into the run member `place`, starting from what the
+// member holds, so that a repeated key merges as any target would.  Maps
+// and arrays find the member again when they close; a binary_ex is read
+// aside, since its members may move the run.
+int PStream::ReadRunValue(uint8_t tag, const Target& place) {
+  switch (tag) {
+    case kTagArray:
+      return ReadArray(place);
+    case kTagMap:
+      return ReadMap(place);
+    case kTagBinaryEx: {
+      // Decoded aside: its members may move the run.
+      PObject value(std::move(*place.Get()));
+      const int rc = ReadValue(tag, &value);
+      *place.Get() = std::move(value);
+      return rc;
+    }
+    default:
+      return ReadValue(tag, place.Get());
+  }
+}
+
+int PStream::ReadArray(const Target& target) {
   if (dump_) LOG_DEBUG(kComponent, "%s[", Indent());
   int rc = EnterContainer();
   if (rc == kOk) rc = Charge(kArrayCost);
@@ -344,25 +359,25 @@ int PStream::ReadArray(PObject* target) {
     rc = Charge(sizeof(PObject));
     if (rc != kOk) break;
     const size_t slot = elements_.size();
-    elements_.emplace_back();
-    rc = ReadRunValue(tag, [&] { return &elements_[slot]; });
+    if (ReadShortScalar(tag, &elements_.Push())) continue;
+    rc = ReadRunValue(tag, Target{nullptr, nullptr, &elements_, slot});
     if (rc != kOk) break;
   }
   // What arrived joins the target, after a failure too.  A fresh array is
   // sized exactly; one appended to (a repeated key) grows by doubling.
-  PObject::array_type& out = target->MutableArray();
+  PObject::array_type& out = target.Get()->MutableArray();
   const size_t n = elements_.size() - base;
   if (out.size() + n > out.capacity()) {
     const size_t want = std::max(out.size() + n, 2 * out.size());
     const int charged = Charge((want - out.size() - n) * sizeof(PObject));
     if (charged != kOk) {
-      elements_.resize(base);
+      elements_.Truncate(base);
       return charged;
     }
     out.reserve(want);
   }
   for (size_t i = base; i < elements_.size(); ++i) out.push_back(std::move(elements_[i]));
-  elements_.resize(base);
+  elements_.Truncate(base);
   if (rc != kOk) return rc;
   --depth_;
   if (dump_) LOG_DEBUG(kComponent, "%s]", Indent());
@@ -444,11 +459,11 @@ size_t PStream::FindMember(size_t base, size_t slot, MemberIndex* index) {
     return it == index->position->end() ? kNoMember : it->second;
   }
   if (slot == base) return kNoMember;
-  auto first = members_.begin() + static_cast<ptrdiff_t>(base);
-  auto last = members_.begin() + static_cast<ptrdiff_t>(slot);
+  PObjectMember* first = members_.data() + base;
+  PObjectMember* last = members_.data() + slot;
   auto it = std::lower_bound(first, last, key,
                              [](const PObjectMember& m, const PObjectKey& k) { return m.first < k; });
-  if (it != last && it->first == key) return static_cast<size_t>(it - members_.begin());
+  if (it != last && it->first == key) return static_cast<size_t>(it - members_.data());
   // Out of order: from here on the index finds members, and the run is
   // sorted when the map closes.
   index->sorted = false;
@@ -457,21 +472,21 @@ size_t PStream::FindMember(size_t base, size_t slot, MemberIndex* index) {
   return kNoMember;
 }
 
-int PStream::ReadMap(PObject* target) {
+int PStream::ReadMap(const Target& target) {
   if (dump_) LOG_DEBUG(kComponent, "%s{", Indent());
   int rc = EnterContainer();
   if (rc == kOk) rc = Charge(kMapCost);
   if (rc != kOk) return rc;
   const size_t base = members_.size();
-  if (target->IsMap() && !target->AsMap().empty()) {
+  if (target.Get()->IsMap() && !target.Get()->AsMap().empty()) {
     // Merging into a map already held (a repeated key): its members join
     // the run and the map is built anew when it closes.  The new block is
     // charged in full -- old and new are alive together -- which also keeps
     // what repeated keys can make merging cost within the cap.
-    PObject::map_type& held = target->MutableMap();
+    PObject::map_type& held = target.Get()->MutableMap();
     rc = Charge(held.size() * sizeof(PObjectMember));
     if (rc != kOk) return rc;
-    for (PObjectMember& m : held) members_.push_back(std::move(m));
+    for (PObjectMember& m : held) members_.Push() = std::move(m);
     held.clear();
   }
   MemberIndex index;
@@ -484,7 +499,7 @@ int PStream::ReadMap(PObject* target) {
     }
     // The key is read into a new member at the top of the run.
     const size_t slot = members_.size();
-    members_.emplace_back();
+    members_.Push();
     if (!dump_ && in_end_ - in_pos_ >= 3 + 24 && in_pos_[0] == kTagString &&
         Channel::GetUInt16(in_pos_ + 1) <= PObjectKey::kInlineMax) {
       // The usual key: short, whole in the window with room to read words.
@@ -494,7 +509,7 @@ int PStream::ReadMap(PObject* target) {
     } else {
       rc = ReadKey(&members_[slot].first);
       if (rc != kOk) {
-        members_.pop_back();
+        members_.Pop();
         break;
       }
     }
@@ -504,12 +519,12 @@ int PStream::ReadMap(PObject* target) {
         index.sorted && (slot == base || members_[slot - 1].first < members_[slot].first);
     size_t at = next_in_order ? kNoMember : FindMember(base, slot, &index);
     if (at != kNoMember) {
-      members_.pop_back();
+      members_.Pop();
     } else {
       at = slot;
       rc = Charge(MemberCost(members_[slot].first.size()));
       if (rc != kOk) {
-        members_.pop_back();
+        members_.Pop();
         break;
       }
       if (!index.sorted) index.position->emplace(members_[slot].first.str(), slot);
@@ -517,7 +532,9 @@ int PStream::ReadMap(PObject* target) {
     rc = Need(1);
     if (rc == kOk) {
       const uint8_t tag = *in_pos_++;
-      rc = ReadRunValue(tag, [&] { return &members_[at].second; });
+      if (!ReadShortScalar(tag, &members_[at].second)) {
+        rc = ReadRunValue(tag, Target{nullptr, &members_, nullptr, at});
+      }
     }
     if (rc != kOk) {
       error_keys_.emplace_back(members_[at].first.view());
@@ -526,11 +543,11 @@ int PStream::ReadMap(PObject* target) {
   }
   // What arrived becomes the target, after a failure too.
   if (!index.sorted) {
-    std::sort(members_.begin() + static_cast<ptrdiff_t>(base), members_.end(),
+    std::sort(members_.data() + base, members_.data() + members_.size(),
               [](const PObjectMember& a, const PObjectMember& b) { return a.first < b.first; });
   }
-  target->AdoptMembers(members_.data() + base, members_.size() - base);
-  members_.resize(base);
+  target.Get()->AdoptMembers(members_.data() + base, members_.size() - base);
+  members_.Forget(base);
   if (rc != kOk) return rc;
   --depth_;
   if (dump_) LOG_DEBUG(kComponent, "%s}", Indent());
