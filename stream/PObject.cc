@@ -276,7 +276,7 @@ void PObject::AssignShortText(const void* text, size_t n) {
   if (!has_zero(lo | ~lo_mask) && !has_zero(hi | ~hi_mask)) {
     lo &= lo_mask;
     hi &= hi_mask;  // byte 15 among the cleared ones: the inline mark
-    if (type_ != kNull && type_ != kInteger) Release();
+    if (OwnsMemory()) Release();
     memcpy(slot_, &lo, 8);
     memcpy(slot_ + 8, &hi, 8);
     type_ = kString;

@@ -133,7 +133,7 @@ class PObject {
 
   PObject() noexcept : type_(kNull) { memset(slot_, 0, kSlotSize); }
   ~PObject() {
-    if (type_ != kNull && type_ != kInteger) Release();
+    if (OwnsMemory()) Release();
   }
   PObject(const PObject& other);
   PObject& operator=(const PObject& other);
@@ -178,7 +178,7 @@ class PObject {
   PObject& operator=(const buffer_type& value);
 
   void SetInteger(int64_t value) {
-    if (type_ != kNull && type_ != kInteger) Release();
+    if (OwnsMemory()) Release();
     memcpy(slot_, &value, sizeof(value));
     type_ = kInteger;
   }
@@ -227,7 +227,7 @@ class PObject {
 
   // Releases the payload and leaves a null with a zeroed slot.
   void Clear() {
-    if (type_ != kNull && type_ != kInteger) Release();
+    if (OwnsMemory()) Release();
     type_ = kNull;
     memset(slot_, 0, kSlotSize);
   }
@@ -265,6 +265,11 @@ class PObject {
   // Becomes the string of the `n` (at most kInlineStringMax) bytes at
   // `text`, of which 16 must be readable: the slot is filled in whole words.
   void AssignShortText(const void* text, size_t n);
+  // Whether the slot holds something to free: anything but a null, an
+  // integer and an inline string.
+  bool OwnsMemory() const {
+    return type_ != kNull && type_ != kInteger && (type_ != kString || slot_[kSlotSize - 1] != 0);
+  }
   // Frees what the slot owns; the code and the slot are left as they were.
   void Release();
   // Makes the value a map of the `n` members at `members` (sorted by key,

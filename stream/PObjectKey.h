@@ -3,8 +3,9 @@
 // a longer one owns a block of its own.  Any byte may occur in a key.
 //
 // Layout: byte 23 tells the form.  Inline, it holds 23 minus the length, so
-// a 23-byte key ends in a zero byte; out of line it holds kHeap, and the
-// first two words are the block and the length.  Nothing in a key points
+// a 23-byte key ends in a zero byte, and the text is padded with zero bytes
+// up to byte 22; out of line it holds kHeap, and the first two words are the
+// block and the length.  Nothing in a key points
 // into the key itself, so its bytes may be moved as they stand.
 #ifndef VESTA_STREAM_POBJECTKEY_H_
 #define VESTA_STREAM_POBJECTKEY_H_
@@ -63,20 +64,14 @@ class PObjectKey {
   // True when the key sits inside the object (tests and diagnostics).
   bool IsInline() const { return bytes_[kLast] <= kInlineMax; }
 
-  // Becomes the `length` (at most kInlineMax) bytes at `text`, of which 24
-  // must be readable: whole words are copied, so that reading the key back
-  // soon after costs no stall.  Bytes past the text are left unspecified.
+  // The `length` (at most kInlineMax) bytes at `text`, of which 24 must be
+  // readable: whole words are copied, so that reading the key back soon
+  // after costs no stall.
+  struct FromPadded {};
+  PObjectKey(FromPadded, const void* text, size_t length) { SetShort(text, length); }
   void AssignShort(const void* text, size_t length) {
     Release();
-    uint64_t words[3];
-    memcpy(words, text, kSize);
-    const uint64_t tail = kInlineMax - length;  // byte 23, set in the word
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    words[2] = (words[2] & 0x00FFFFFFFFFFFFFFull) | (tail << 56);
-#else
-    words[2] = (words[2] & ~0xFFull) | tail;
-#endif
-    memcpy(bytes_, words, kSize);
+    SetShort(text, length);
   }
 
   // <0, 0 or >0 as this key sorts before, with or after `other`.
@@ -91,7 +86,7 @@ class PObjectKey {
   static constexpr uint8_t kHeap = 0xFF;
 
   void SetEmpty() {
-    bytes_[0] = 0;
+    memset(bytes_, 0, kLast);
     bytes_[kLast] = kInlineMax;
   }
   const char* HeapText() const {
@@ -104,28 +99,47 @@ class PObjectKey {
     if (!IsInline()) ReleaseHeap();
   }
   void ReleaseHeap();
-  // Both keys inline: word by word, the bytes read as one big-endian number.
+  void SetShort(const void* text, size_t length) {
+    // kTextBytes + 24 - length: `length` bytes 0xFF, then zeros.
+    uint64_t words[3], masks[3];
+    memcpy(words, text, kSize);
+    memcpy(masks, kTextBytes + kSize - length, kSize);
+    for (size_t i = 0; i < 3; ++i) words[i] &= masks[i];
+    const uint64_t form = kInlineMax - length;  // byte 23
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    words[2] |= form << 56;
+#else
+    words[2] |= form;
+#endif
+    memcpy(bytes_, words, kSize);
+  }
+  // Both keys inline: the text is padded with zero bytes up to byte 22, so
+  // the words read as big-endian numbers order the keys, and equal words
+  // leave it to the lengths.
   int CompareInline(const PObjectKey& other) const {
-    const size_t na = size(), nb = other.size();
-    const size_t n = na < nb ? na : nb;
-    for (size_t i = 0; i < n; i += 8) {
+    for (size_t i = 0; i < kSize; i += 8) {
       uint64_t x, y;
       memcpy(&x, bytes_ + i, 8);
       memcpy(&y, other.bytes_ + i, 8);
+      if (i == 16) {  // leave the form byte out
+        uint64_t text;
+        memcpy(&text, kTextBytes + 1 + 16, 8);  // bytes 16 to 22
+        x &= text;
+        y &= text;
+      }
       if (x == y) continue;
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
       x = __builtin_bswap64(x);
       y = __builtin_bswap64(y);
 #endif
-      if (n - i < 8) {  // only the first n - i bytes of this word count
-        x >>= 8 * (8 - (n - i));
-        y >>= 8 * (8 - (n - i));
-        if (x == y) break;
-      }
       return x < y ? -1 : 1;
     }
+    const size_t na = size(), nb = other.size();
     return na < nb ? -1 : (na > nb ? 1 : 0);
   }
+
+  // 24 bytes 0xFF, then 24 zero bytes: masks of the text bytes of a key.
+  static const uint8_t kTextBytes[2 * kSize];
 
   alignas(8) uint8_t bytes_[kSize];
 };

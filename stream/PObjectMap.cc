@@ -13,11 +13,15 @@
 
 // ---- PObjectKey ----
 
+const uint8_t PObjectKey::kTextBytes[2 * kSize] = {
+    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
 void PObjectKey::Init(std::string_view text) {
   const size_t n = text.size();
   if (n <= kInlineMax) {
     if (n > 0) memcpy(bytes_, text.data(), n);
-    if (n < kInlineMax) bytes_[n] = 0;
+    memset(bytes_ + n, 0, kLast - n);
     bytes_[kLast] = static_cast<uint8_t>(kInlineMax - n);
     return;
   }

@@ -31,6 +31,12 @@ class RunStack {
     if (size_ == capacity_) Grow();
     return *new (data_ + size_++) T();
   }
+  // Room for a value on top, not constructed yet: the caller constructs it
+  // there before anything else touches the stack.
+  T* PushRaw() {
+    if (size_ == capacity_) Grow();
+    return data_ + size_++;
+  }
   void Pop() { data_[--size_].~T(); }
   // Destroys the values from `n` on.
   void Truncate(size_t n) {

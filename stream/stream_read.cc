@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <istream>
 #include <memory>
+#include <new>
 #include <unordered_map>
 
 #include "log/log.h"
@@ -499,19 +500,22 @@ int PStream::ReadMap(const Target& target) {
     }
     // The key is read into a new member at the top of the run.
     const size_t slot = members_.size();
-    members_.Push();
+    PObjectMember* member = members_.PushRaw();
+    new (&member->second) PObject();
+    size_t key_length;
     if (!dump_ && in_end_ - in_pos_ >= 3 + 24 && in_pos_[0] == kTagString &&
-        Channel::GetUInt16(in_pos_ + 1) <= PObjectKey::kInlineMax) {
+        (key_length = Channel::GetUInt16(in_pos_ + 1)) <= PObjectKey::kInlineMax) {
       // The usual key: short, whole in the window with room to read words.
-      const size_t length = Channel::GetUInt16(in_pos_ + 1);
-      members_[slot].first.AssignShort(in_pos_ + 3, length);
-      in_pos_ += 3 + length;
+      new (&member->first) PObjectKey(PObjectKey::FromPadded{}, in_pos_ + 3, key_length);
+      in_pos_ += 3 + key_length;
     } else {
-      rc = ReadKey(&members_[slot].first);
+      new (&member->first) PObjectKey();
+      rc = ReadKey(&member->first);
       if (rc != kOk) {
         members_.Pop();
         break;
       }
+      key_length = members_[slot].first.size();
     }
     // A repeated key decodes into the member its first occurrence made.
     // Keys in order, the usual case, need no search.
@@ -522,7 +526,7 @@ int PStream::ReadMap(const Target& target) {
       members_.Pop();
     } else {
       at = slot;
-      rc = Charge(MemberCost(members_[slot].first.size()));
+      rc = Charge(MemberCost(key_length));
       if (rc != kOk) {
         members_.Pop();
         break;
