@@ -261,31 +261,6 @@ void PObject::SetString(std::string_view text) {
   type_ = kString;
 }
 
-void PObject::AssignShortText(const void* text, size_t n) {
-  assert(n <= kInlineStringMax);
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-  uint64_t lo, hi;
-  memcpy(&lo, text, 8);
-  memcpy(&hi, static_cast<const char*>(text) + 8, 8);
-  const uint64_t lo_mask = n >= 8 ? ~0ull : (1ull << (8 * n)) - 1;
-  const uint64_t hi_mask = n <= 8 ? 0 : (1ull << (8 * (n - 8))) - 1;
-  // A zero byte within the text: such a string is kept out of line.
-  auto has_zero = [](uint64_t x) {
-    return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
-  };
-  if (!has_zero(lo | ~lo_mask) && !has_zero(hi | ~hi_mask)) {
-    lo &= lo_mask;
-    hi &= hi_mask;  // byte 15 among the cleared ones: the inline mark
-    if (OwnsMemory()) Release();
-    memcpy(slot_, &lo, 8);
-    memcpy(slot_ + 8, &hi, 8);
-    type_ = kString;
-    return;
-  }
-#endif
-  SetString(std::string_view(static_cast<const char*>(text), n));
-}
-
 PObject& PObject::operator=(std::string_view text) {
   SetString(text);
   return *this;

@@ -31,12 +31,14 @@ class RunStack {
     if (size_ == capacity_) Grow();
     return *new (data_ + size_++) T();
   }
-  // Room for a value on top, not constructed yet: the caller constructs it
-  // there before anything else touches the stack.
-  T* PushRaw() {
-    if (size_ == capacity_) Grow();
-    return data_ + size_++;
+  size_t capacity() const { return capacity_; }
+  // Room for `n` values in all; only the size() first ones move along, the
+  // rest is not constructed.
+  void Reserve(size_t n) {
+    while (capacity_ < n) Grow();
   }
+  // The values up to `n` (at most capacity()) are constructed.
+  void SetSize(size_t n) { size_ = n; }
   void Pop() { data_[--size_].~T(); }
   // Destroys the values from `n` on.
   void Truncate(size_t n) {

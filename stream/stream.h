@@ -240,6 +240,7 @@ class PStream {
   class MemberIndex;
   size_t FindMember(size_t base, size_t slot, MemberIndex* index);
   bool ReadShortScalar(uint8_t tag, PObject* target);
+  void ReadPlainMembers(size_t base);
   int ReadRunValue(uint8_t tag, const Target& place);
   int ReadBinary(PObject* target);
   int ReadBinaryEx(PObject* target);

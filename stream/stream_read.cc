@@ -247,12 +247,7 @@ int PStream::ReadString(PObject* target) {
   rc = ReadStringBody(length, &scratch_);
   if (rc != kOk) return rc;
   if (dump_) LOG_DEBUG(kComponent, "%s\"%s\"", Indent(), scratch_.c_str());
-  if (scratch_.size() > PObject::kInlineStringMax) {
-    *target = std::move(scratch_);  // the value takes the allocation
-    scratch_.clear();
-  } else {
-    *target = std::string_view(scratch_);
-  }
+  *target = std::string_view(scratch_);
   return kOk;
 }
 
@@ -301,8 +296,8 @@ int PStream::EnterContainer() {
   return kOk;
 }
 
-// The usual scalars -- an integer, a string that fits the slot -- whole in
-// the window with room to read words: read at once, true.  Anything else:
+// The usual scalars -- an integer, a string -- whole in the window with room
+// to read words: read at once, true.  Anything else:
 // false, nothing read.
 inline bool PStream::ReadShortScalar(uint8_t tag, PObject* target) {
   if (dump_ || in_end_ - in_pos_ < 2 + 16) return false;
@@ -314,14 +309,24 @@ inline bool PStream::ReadShortScalar(uint8_t tag, PObject* target) {
     in_pos_ += 1 + width;
     return true;
   }
-  if (tag == kTagString && Channel::GetUInt16(in_pos_) <= PObject::kInlineStringMax) {
+  if (tag != kTagString) return false;
+  const size_t length = Channel::GetUInt16(in_pos_);
+  if (length <= PObject::kInlineStringMax) {
     ResetProgress();
-    const size_t length = Channel::GetUInt16(in_pos_);
     target->AssignShortText(in_pos_ + 2, length);
     in_pos_ += 2 + length;
     return true;
   }
-  return false;
+  // A longer text whole in the window and under the cap (else the full
+  // path fails it, once).
+  if (static_cast<size_t>(in_end_ - in_pos_) - 2 < length || LongStringCost(length) > budget_) {
+    return false;
+  }
+  ResetProgress();
+  budget_ -= LongStringCost(length);
+  target->SetString(std::string_view(reinterpret_cast<const char*>(in_pos_ + 2), length));
+  in_pos_ += 2 + length;
+  return true;
 }
 
 // Reads a value of `tag` into the run member `place`, starting from what the
@@ -473,6 +478,56 @@ size_t PStream::FindMember(size_t base, size_t slot, MemberIndex* index) {
   return kNoMember;
 }
 
+// The usual members of a map -- a short key in order, then an integer or a
+// short string -- decoded in a tight loop on local copies of the window,
+// the run's top and the budget, while the window holds them whole.  Stops,
+// reading nothing more, at the first member that is not one of those (or
+// at the end marker); the general loop takes that one.
+void PStream::ReadPlainMembers(size_t base) {
+  // The longest such member: tag, length, 23 key bytes read as 24, then a
+  // string's tag, length and 16 bytes read as words.
+  constexpr ptrdiff_t kLongest = 3 + 24 + 3 + 16;
+  const uint8_t* pos = in_pos_;
+  const uint8_t* const end = in_end_;
+  size_t top = members_.size();
+  size_t budget = budget_;
+  while (end - pos >= kLongest && pos[0] == kTagString && budget >= sizeof(PObjectMember)) {
+    const size_t key_length = Channel::GetUInt16(pos + 1);
+    if (key_length > PObjectKey::kInlineMax) break;
+    const uint8_t* value = pos + 3 + key_length;
+    size_t value_size;
+    if (value[0] == kTagInteger && value[1] <= 8) {
+      value_size = 2 + value[1];
+    } else if (value[0] == kTagString && Channel::GetUInt16(value + 1) <= PObject::kInlineStringMax) {
+      value_size = 3 + Channel::GetUInt16(value + 1);
+    } else {
+      break;
+    }
+    if (top == members_.capacity()) {
+      members_.SetSize(top);  // so that growing moves them all
+      members_.Reserve(top + 1);
+    }
+    PObjectMember* member = members_.data() + top;
+    new (&member->first) PObjectKey(PObjectKey::FromPadded{}, pos + 3, key_length);
+    if (top > base && !(member[-1].first < member->first)) break;  // the key stays uncounted
+    new (&member->second) PObject();
+    ResetProgress();
+    if (value[0] == kTagInteger) {
+      const unsigned width = value[1];
+      const uint64_t word = Channel::GetUInt64(value + 2);
+      member->second.SetInteger(static_cast<int64_t>(width == 0 ? 0 : word >> (8 * (8 - width))));
+    } else {
+      member->second.AssignShortText(value + 3, value_size - 3);
+    }
+    ++top;
+    budget -= sizeof(PObjectMember);
+    pos = value + value_size;
+  }
+  members_.SetSize(top);
+  in_pos_ = pos;
+  budget_ = budget;
+}
+
 int PStream::ReadMap(const Target& target) {
   if (dump_) LOG_DEBUG(kComponent, "%s{", Indent());
   int rc = EnterContainer();
@@ -492,6 +547,7 @@ int PStream::ReadMap(const Target& target) {
   }
   MemberIndex index;
   for (;;) {
+    if (index.sorted && !dump_) ReadPlainMembers(base);
     rc = Need(1);
     if (rc != kOk) break;
     if (*in_pos_ == kTagEnd) {
@@ -500,23 +556,13 @@ int PStream::ReadMap(const Target& target) {
     }
     // The key is read into a new member at the top of the run.
     const size_t slot = members_.size();
-    PObjectMember* member = members_.PushRaw();
-    new (&member->second) PObject();
-    size_t key_length;
-    if (!dump_ && in_end_ - in_pos_ >= 3 + 24 && in_pos_[0] == kTagString &&
-        (key_length = Channel::GetUInt16(in_pos_ + 1)) <= PObjectKey::kInlineMax) {
-      // The usual key: short, whole in the window with room to read words.
-      new (&member->first) PObjectKey(PObjectKey::FromPadded{}, in_pos_ + 3, key_length);
-      in_pos_ += 3 + key_length;
-    } else {
-      new (&member->first) PObjectKey();
-      rc = ReadKey(&member->first);
-      if (rc != kOk) {
-        members_.Pop();
-        break;
-      }
-      key_length = members_[slot].first.size();
+    members_.Push();
+    rc = ReadKey(&members_[slot].first);
+    if (rc != kOk) {
+      members_.Pop();
+      break;
     }
+    const size_t key_length = members_[slot].first.size();
     // A repeated key decodes into the member its first occurrence made.
     // Keys in order, the usual case, need no search.
     const bool next_in_order =
