@@ -479,13 +479,14 @@ size_t PStream::FindMember(size_t base, size_t slot, MemberIndex* index) {
 }
 
 // The usual members of a map -- a short key in order, then an integer or a
-// short string -- decoded in a tight loop on local copies of the window,
+// string -- decoded in a tight loop on local copies of the window,
 // the run's top and the budget, while the window holds them whole.  Stops,
 // reading nothing more, at the first member that is not one of those (or
 // at the end marker); the general loop takes that one.
 void PStream::ReadPlainMembers(size_t base) {
-  // The longest such member: tag, length, 23 key bytes read as 24, then a
-  // string's tag, length and 16 bytes read as words.
+  // What the window must hold to look at a member: tag, length, 23 key
+  // bytes read as 24, then a string's tag, length and 16 bytes read as
+  // words (a longer string is checked on its own).
   constexpr ptrdiff_t kLongest = 3 + 24 + 3 + 16;
   const uint8_t* pos = in_pos_;
   const uint8_t* const end = in_end_;
@@ -495,11 +496,17 @@ void PStream::ReadPlainMembers(size_t base) {
     const size_t key_length = Channel::GetUInt16(pos + 1);
     if (key_length > PObjectKey::kInlineMax) break;
     const uint8_t* value = pos + 3 + key_length;
-    size_t value_size;
+    size_t value_size, text_cost = 0;
     if (value[0] == kTagInteger && value[1] <= 8) {
       value_size = 2 + value[1];
-    } else if (value[0] == kTagString && Channel::GetUInt16(value + 1) <= PObject::kInlineStringMax) {
-      value_size = 3 + Channel::GetUInt16(value + 1);
+    } else if (value[0] == kTagString) {
+      const size_t length = Channel::GetUInt16(value + 1);
+      value_size = 3 + length;
+      text_cost = LongStringCost(length);
+      if (end - value < static_cast<ptrdiff_t>(value_size) ||
+          budget - sizeof(PObjectMember) < text_cost) {
+        break;
+      }
     } else {
       break;
     }
@@ -516,11 +523,14 @@ void PStream::ReadPlainMembers(size_t base) {
       const unsigned width = value[1];
       const uint64_t word = Channel::GetUInt64(value + 2);
       member->second.SetInteger(static_cast<int64_t>(width == 0 ? 0 : word >> (8 * (8 - width))));
-    } else {
+    } else if (value_size - 3 <= PObject::kInlineStringMax) {
       member->second.AssignShortText(value + 3, value_size - 3);
+    } else {
+      member->second.SetString(
+          std::string_view(reinterpret_cast<const char*>(value + 3), value_size - 3));
     }
     ++top;
-    budget -= sizeof(PObjectMember);
+    budget -= sizeof(PObjectMember) + text_cost;
     pos = value + value_size;
   }
   members_.SetSize(top);
