@@ -6,7 +6,9 @@
 // Blocks are sized in steps of kStep bytes up to kMaxCached; bigger ones
 // go straight to the C allocator.  A thread keeps at most kThreadCap bytes
 // (beyond that, freed blocks go back to the allocator) and returns them all
-// when it ends.  A block may be freed on another thread than the one that
+// when it ends (the cap holds the blocks of a 1,000-connection status reply
+// and of a 1,000-view user-info reply together).  A block may be freed on
+// another thread than the one that
 // took it: it then joins that thread's cache.  Under AddressSanitizer and
 // ThreadSanitizer nothing is kept, so that they see every allocation.
 #ifndef VESTA_STREAM_BLOCK_CACHE_H_
@@ -20,7 +22,7 @@ class BlockCache {
  public:
   static constexpr size_t kStep = 16;
   static constexpr size_t kMaxCached = 1024;
-  static constexpr size_t kThreadCap = 1u << 20;  // bytes kept per thread
+  static constexpr size_t kThreadCap = 2u << 20;  // bytes kept per thread
 
   // A block of at least `bytes`; throws std::bad_alloc when there is none.
   static void* Take(size_t bytes);
