@@ -2,8 +2,9 @@
 // (or elements) at the top of a stack shared by all open containers, and
 // allocated once, at its final size, when it closes.  Keys arrive in order
 // from our own encoder, so the usual member is appended without a search; a
-// key out of order or repeated is found through a search or an index and
-// the run is sorted at the end, so no input costs more than n log n.
+// key out of order or repeated is found through a binary search or an index,
+// and the run is sorted when the map closes (n log n for any one map).  A
+// map that a repeated key merges into is rebuilt, and charged for it.
 #include <algorithm>
 #include <memory>
 #include <new>
@@ -37,8 +38,7 @@ int PStream::EnterContainer() {
 }
 
 // The usual scalars -- an integer, a string -- whole in the window with room
-// to read words: read at once, true.  Anything else:
-// false, nothing read.
+// to read words: read at once, true.  Anything else: false, nothing read.
 inline bool PStream::ReadShortScalar(uint8_t tag, PObject* target) {
   if (dump_ || in_end_ - in_pos_ < 2 + 16) return false;
   if (tag == kTagInteger && in_pos_[0] <= 8) {
@@ -80,7 +80,6 @@ int PStream::ReadRunValue(uint8_t tag, const Target& place) {
     case kTagMap:
       return ReadMap(place);
     case kTagBinaryEx: {
-      // Decoded aside: its members may move the run.
       PObject value(std::move(*place.Get()));
       const int rc = ReadValue(tag, &value);
       *place.Get() = std::move(value);
