@@ -249,7 +249,7 @@ class PStream {
   int OpenFileTarget(const PObject::binary_type& binary, FileTarget* target);
   int ReceiveFile(const FileTarget& target, uint64_t length, uint64_t* received);
   void RemoveOwnFile(const PObject& member) const;
-  int EnterContainer();
+  int EnterContainer(char mark, size_t cost);
 
   static constexpr size_t kStageSize = 16;
 

@@ -262,8 +262,7 @@ int PStream::ReadBuffer(PObject* target) {
 // closing "}".  A failing member's key is recorded for the error stack.
 template <typename ReadMember>
 int PStream::ReadMembers(ReadMember read_member) {
-  if (dump_) LOG_DEBUG(kComponent, "%s{", Indent());
-  int rc = EnterContainer();
+  int rc = EnterContainer('{', 0);
   if (rc != kOk) return rc;
   PObjectKey key;
   for (;;) {

@@ -28,13 +28,16 @@ constexpr size_t kNoMember = SIZE_MAX;
 
 }  // namespace
 
-int PStream::EnterContainer() {
+// Opens an array, a map or a binary_ex: dumps its opening `mark`, counts a
+// level against kMaxDepth and charges `cost`.
+int PStream::EnterContainer(char mark, size_t cost) {
+  if (dump_) LOG_DEBUG(kComponent, "%s%c", Indent(), mark);
   if (depth_ >= kMaxDepth) {
     LOG_ERROR(kComponent, "PStream: values nested deeper than %d levels", kMaxDepth);
     return kErrMalformed;
   }
   ++depth_;
-  return kOk;
+  return Charge(cost);
 }
 
 // The usual scalars -- an integer, a string -- whole in the window with room
@@ -91,9 +94,7 @@ int PStream::ReadRunValue(uint8_t tag, const Target& place) {
 }
 
 int PStream::ReadArray(const Target& target) {
-  if (dump_) LOG_DEBUG(kComponent, "%s[", Indent());
-  int rc = EnterContainer();
-  if (rc == kOk) rc = Charge(kArrayCost);
+  int rc = EnterContainer('[', kArrayCost);
   if (rc != kOk) return rc;
   const size_t base = elements_.size();
   for (;;) {
@@ -250,9 +251,7 @@ void PStream::ReadPlainMembers(size_t base) {
 }
 
 int PStream::ReadMap(const Target& target) {
-  if (dump_) LOG_DEBUG(kComponent, "%s{", Indent());
-  int rc = EnterContainer();
-  if (rc == kOk) rc = Charge(kMapCost);
+  int rc = EnterContainer('{', kMapCost);
   if (rc != kOk) return rc;
   const size_t base = members_.size();
   if (target.Get()->IsMap() && !target.Get()->AsMap().empty()) {
