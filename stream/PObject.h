@@ -15,7 +15,8 @@
 //
 // A map is a sorted array of members in one block (stream/PObjectMap.h):
 // lookups search it, iteration runs in key order, and a member added out of
-// order shifts the members after it.  Its keys are PObjectKey.
+// order shifts the members after it, so a reference to a member does not
+// survive an insert into the same map.  Its keys are PObjectKey.
 //
 // Reading never fails and never allocates: asking a value for a kind it does
 // not hold yields 0, an empty string or one of the shared empty values below.

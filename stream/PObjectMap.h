@@ -8,6 +8,10 @@
 // doubling.  Adding a key out of order shifts the members after it, so a
 // map built in random order costs O(n) per insert: fine for the small maps
 // the daemon builds, while the decoder appends in key order.
+//
+// Members move when their map changes: a reference or iterator into a map
+// does not survive an insert or erase in that same map (references into
+// other maps, nested ones included, do).
 #ifndef VESTA_STREAM_POBJECTMAP_H_
 #define VESTA_STREAM_POBJECTMAP_H_
 
