@@ -203,7 +203,8 @@ void PObject::CopyFrom(const PObject& other) {
       SetString(other.AsStringView());
       return;
     case kArray:
-      SetPointer(new (BlockCache::Take(sizeof(array_type))) array_type(*other.Pointer<array_type>()));
+      SetPointer(new (BlockCache::Take(sizeof(array_type)))
+                     array_type(*other.Pointer<array_type>()));
       break;
     case kMap: {
       const map_type& from = *other.Pointer<map_type>();

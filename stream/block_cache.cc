@@ -1,3 +1,4 @@
+// BlockCache: per-thread lists of freed payload blocks, by size class.
 #include "stream/block_cache.h"
 
 #include <stdlib.h>

@@ -52,7 +52,9 @@ class RunStack {
     const size_t capacity = capacity_ == 0 ? 64 : 2 * capacity_;
     T* grown = static_cast<T*>(malloc(capacity * sizeof(T)));
     if (grown == nullptr) throw std::bad_alloc();
-    if (size_ > 0) memcpy(static_cast<void*>(grown), static_cast<const void*>(data_), size_ * sizeof(T));
+    if (size_ > 0) {
+      memcpy(static_cast<void*>(grown), static_cast<const void*>(data_), size_ * sizeof(T));
+    }
     free(data_);
     data_ = grown;
     capacity_ = capacity;

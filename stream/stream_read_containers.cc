@@ -179,8 +179,8 @@ size_t PStream::FindMember(size_t base, size_t slot, MemberIndex* index) {
   if (slot == base) return kNoMember;
   PObjectMember* first = members_.data() + base;
   PObjectMember* last = members_.data() + slot;
-  auto it = std::lower_bound(first, last, key,
-                             [](const PObjectMember& m, const PObjectKey& k) { return m.first < k; });
+  auto key_less = [](const PObjectMember& m, const PObjectKey& k) { return m.first < k; };
+  auto it = std::lower_bound(first, last, key, key_less);
   if (it != last && it->first == key) return static_cast<size_t>(it - members_.data());
   // Out of order: from here on the index finds members, and the run is
   // sorted when the map closes.
