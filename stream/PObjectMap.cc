@@ -144,10 +144,28 @@ void PObjectMap::Reserve(size_t want) {
 }
 
 size_t PObjectMap::LowerBound(std::string_view key) const {
+  if (key.size() <= PObjectKey::kInlineMax) {
+    // As a key of its own, the text compares word by word (no allocation).
+    const PObjectKey probe(key);
+    return LowerBound(probe);
+  }
   size_t low = 0, high = size_;
   while (low < high) {
     const size_t mid = low + (high - low) / 2;
     if (data_[mid].first.view() < key) {
+      low = mid + 1;
+    } else {
+      high = mid;
+    }
+  }
+  return low;
+}
+
+size_t PObjectMap::LowerBound(const PObjectKey& key) const {
+  size_t low = 0, high = size_;
+  while (low < high) {
+    const size_t mid = low + (high - low) / 2;
+    if (data_[mid].first < key) {
       low = mid + 1;
     } else {
       high = mid;

@@ -80,6 +80,7 @@ class PObjectMap {
   static void Delete(PObjectMap* map);
 
   size_t LowerBound(std::string_view key) const;
+  size_t LowerBound(const PObjectKey& key) const;
   size_t Find(std::string_view key) const {
     size_t i = LowerBound(key);
     return i < size_ && data_[i].first == key ? i : size_;
