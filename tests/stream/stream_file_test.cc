@@ -36,8 +36,8 @@ class PStreamFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv_));
-    ASSERT_EQ(0, sender_.Open(sv_[0], false));
-    ASSERT_EQ(0, receiver_.Open(sv_[1], false));
+    ASSERT_EQ(0, sender_.Open(sv_[0], true));
+    ASSERT_EQ(0, receiver_.Open(sv_[1], true));
   }
 
   // Runs `send` on a thread while this one receives into `value`.
@@ -53,60 +53,52 @@ class PStreamFileTest : public ::testing::Test {
   Channel sender_, receiver_;
 };
 
-TEST_F(PStreamFileTest, BinaryTravelsAsItsRangeAndLandsUnderAFreshName) {
+TEST_F(PStreamFileTest, BinariesTravelAsTheirBytesAndLandUnderFreshNames) {
   std::string content(300, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i);
-  PObject value(PObject::binary_type{100, 50, dir_.Write("source", content)});
-  PStream out;
-  ASSERT_EQ(0, out.Send(&sender_, value));
-  std::string raw(1 + 8 + 50, '\0');
-  ASSERT_EQ(0, receiver_.Read(&raw[0], raw.size()));
-  EXPECT_EQ(Hex("30 00 00 00 00 00 00 00 32") + content.substr(100, 50), raw);
-
-  ASSERT_EQ(0, mkdir(dir_.File("x").c_str(), 0755));
-  ASSERT_EQ(0, out.Send(&sender_, value));
-  PStream in;
-  in.SetBinaryDir(dir_.File("x"));
-  PObject got;
-  ASSERT_EQ(0, in.Recv(&receiver_, &got));
-  const std::string prefix = dir_.File("x") + "/";
-  EXPECT_EQ(prefix.size() + 8, got.AsBinary().path.size());
-  EXPECT_EQ(prefix, got.AsBinary().path.substr(0, prefix.size()));
-  EXPECT_EQ(50u, got.AsBinary().offset);
-  EXPECT_EQ(50u, got.AsBinary().length);
-  EXPECT_EQ(content.substr(100, 50), ReadFile(got.AsBinary().path));
-  struct stat st;
-  ASSERT_EQ(0, stat(got.AsBinary().path.c_str(), &st));
-  EXPECT_EQ(0644u, st.st_mode & 0777);
-}
-
-TEST_F(PStreamFileTest, BinaryExCarriesBothDigests) {
   PObject::binary_ex_type ex;
-  ex.path = dir_.Write("source", "hello world\n");
+  ex.path = dir_.Write("hello", "hello world\n");
   ex.length = 12;
   ex.hash_algo = "sha256";
+  PObject value;
+  value.MutableArray().emplace_back(PObject::binary_type{100, 50, dir_.Write("source", content)});
+  value.MutableArray().emplace_back(ex);
   PStream out;
-  ASSERT_EQ(0, out.Send(&sender_, PObject(ex)));
+  ASSERT_EQ(0, out.Send(&sender_, value));
   const std::string digest = "a948904f2f0f479b8f8197694b30184b0d2ed1c1cd2a1ec0fb85d299a192a447";
-  const std::string expected = Hex("43") + WireString("binary") +
+  const std::string expected = Hex("41 30 00 00 00 00 00 00 00 32") + content.substr(100, 50) +
+                               Hex("43") + WireString("binary") +
                                Hex("30 00 00 00 00 00 00 00 0c") + "hello world\n" +
-                               WireString("send_hash") + WireString(digest) + Hex("40");
+                               WireString("send_hash") + WireString(digest) + Hex("40 40");
   std::string raw(expected.size(), '\0');
   ASSERT_EQ(0, receiver_.Read(&raw[0], raw.size()));
   EXPECT_EQ(expected, raw);
 
-  // Received with the default digest of the receiving stream.
-  ASSERT_EQ(0, out.Send(&sender_, PObject(ex)));
+  // Received under fresh names, with the default digest of the receiver.
+  ASSERT_EQ(0, mkdir(dir_.File("x").c_str(), 0755));
+  ASSERT_EQ(0, out.Send(&sender_, value));
   PStream in;
-  in.SetBinaryDir(dir_.path());
+  in.SetBinaryDir(dir_.File("x"));
   in.SetDefaultHashAlgo("sha256");
   PObject got;
   ASSERT_EQ(0, in.Recv(&receiver_, &got));
-  const PObject::binary_ex_type& r = got.AsBinaryEx();
+  ASSERT_EQ(2u, got.AsArray().size());
+  const PObject::binary_type& b = got.AsArray()[0].AsBinary();
+  const std::string prefix = dir_.File("x") + "/";
+  EXPECT_EQ(prefix.size() + 8, b.path.size());
+  EXPECT_EQ(prefix, b.path.substr(0, prefix.size()));
+  EXPECT_EQ(50u, b.offset);
+  EXPECT_EQ(50u, b.length);
+  EXPECT_EQ(content.substr(100, 50), ReadFile(b.path));
+  struct stat st;
+  ASSERT_EQ(0, stat(b.path.c_str(), &st));
+  EXPECT_EQ(0644u, st.st_mode & 0777);
+  const PObject::binary_ex_type& r = got.AsArray()[1].AsBinaryEx();
   EXPECT_EQ(digest, r.send_hash);
   EXPECT_EQ(digest, r.recv_hash);
   EXPECT_EQ("sha256", r.hash_algo);
   EXPECT_EQ(12u, r.length);
+  EXPECT_EQ(prefix, r.path.substr(0, prefix.size()));
   EXPECT_EQ("hello world\n", ReadFile(r.path));
 
   // Without any digest the hash travels empty; discarded bytes go by.
@@ -124,6 +116,7 @@ TEST_F(PStreamFileTest, BinaryExCarriesBothDigests) {
 // fresh name, both larger than the socket buffers: the receiver's progress
 // ends at the whole size and is reset once the value is complete.
 TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
+  const int open_files = Entries("/proc/self/fd");
   const uint64_t size = (2 << 20) + 3, cut = 123457;
   const std::string source = dir_.File("source"), partial = dir_.File("partial");
   net_io_test::MakeFile(source, size);
@@ -161,6 +154,7 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
   uint64_t done = 1, total = 1;
   in.GetProgress(&done, &total);
   EXPECT_EQ(0u, done + total);
+  EXPECT_EQ(open_files, Entries("/proc/self/fd"));  // every file closed on both ends
 }
 
 TEST_F(PStreamFileTest, SenderProgressCountsFileBytesUpToTheLastPiece) {
@@ -207,7 +201,7 @@ TEST_F(PStreamFileTest, DigestOfABinaryExIsClearedAfterIt) {
   EXPECT_EQ("6f5902ac237024bdd0c176cb93063dc4", in.GetLastHash());  // md5 of the first
 }
 
-TEST_F(PStreamFileTest, SendFailures) {
+TEST_F(PStreamFileTest, SendFailuresAndMissingArguments) {
   LogCapture log(dir_);
   const std::string source = dir_.Write("s", "abc");
   PObject::binary_ex_type ex;
@@ -215,14 +209,14 @@ TEST_F(PStreamFileTest, SendFailures) {
   ex.length = 3;
   ex.hash_algo = "no-such-digest";
   PObject missing;
-  missing["f"] = PObject::binary_type{0, 1, dir_.File("missing")};
+  missing["f"].MutableBinaryEx().path = dir_.File("missing");
   const struct {
     PObject value;
     bool to_stream;
     int rc;
     const char* message;
   } kCases[] = {
-      {missing, false, -1, "Error stack: f\n"},
+      {missing, false, -1, "Error stack: f.binary\n"},
       {PObject(ex), false, -1, "failed to initial channel hashing 'no-such-digest'\n"},
       {PObject(PObject::binary_type{0, 3, source}), true, -2,
        "ostream not supported send binary file.\n"},
@@ -235,6 +229,15 @@ TEST_F(PStreamFileTest, SendFailures) {
   EXPECT_NE(std::string::npos, log.Messages().find("open(" + dir_.File("missing") + ") error\n"));
   EXPECT_EQ(-1, PStream().Send(static_cast<Channel*>(nullptr), PObject()));
   EXPECT_NE(std::string::npos, log.Messages().find("shouldn't reach here.\n"));
+  std::istringstream none;
+  EXPECT_EQ(-1, PStream().Recv(&none, nullptr));
+  EXPECT_EQ(-1, PStream().Recv(&receiver_, nullptr));
+  // A peer that reads nothing fails a value larger than the socket buffers
+  // once the deadline has passed.
+  PObject big;
+  big.MutableBuffer().Assign(std::string(1 << 20, 'v').data(), 1 << 20);
+  sender_.SetDeadline(1);
+  EXPECT_EQ(-2, PStream().Send(&sender_, big));
   sender_.Close();
   EXPECT_EQ(-2, PStream().Send(&sender_, PObject(1)));
 }
