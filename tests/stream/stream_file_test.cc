@@ -75,7 +75,21 @@ TEST_F(PStreamFileTest, BinariesTravelAsTheirBytesAndLandUnderFreshNames) {
   EXPECT_EQ(expected, raw);
 
   // Received under fresh names, with the default digest of the receiver.
+  // The names restart with each process: leftovers that hold the next two
+  // (learnt in a child) are skipped, not written over.
+  int names[2];
+  ASSERT_EQ(0, pipe(names));
+  if (fork() == 0) {
+    const std::string next = PStream::TemporaryName() + PStream::TemporaryName();
+    _exit(write(names[1], next.data(), 16) == 16 ? 0 : 1);
+  }
+  char next[16];
+  ASSERT_EQ(16, read(names[0], next, 16));
+  close(names[0]);
+  close(names[1]);
   ASSERT_EQ(0, mkdir(dir_.File("x").c_str(), 0755));
+  const std::string leftovers[] = {dir_.Write("x/" + std::string(next, 8), "old"),
+                                   dir_.Write("x/" + std::string(next + 8, 8), "old")};
   ASSERT_EQ(0, out.Send(&sender_, value));
   PStream in;
   in.SetBinaryDir(dir_.File("x"));
@@ -100,14 +114,18 @@ TEST_F(PStreamFileTest, BinariesTravelAsTheirBytesAndLandUnderFreshNames) {
   EXPECT_EQ(12u, r.length);
   EXPECT_EQ(prefix, r.path.substr(0, prefix.size()));
   EXPECT_EQ("hello world\n", ReadFile(r.path));
+  for (const std::string& old : leftovers) EXPECT_EQ("old", ReadFile(old));
 
-  // Without any digest the hash travels empty; discarded bytes go by.
+  // Without any digest the hash travels empty; discarded bytes go by,
+  // undigested.
   ex.hash_algo.clear();
   ASSERT_EQ(0, out.Send(&sender_, PObject(ex)));
   PStream plain;
   plain.SetDiscardBinaries(true);
+  plain.SetDefaultHashAlgo("sha256");
   ASSERT_EQ(0, plain.Recv(&receiver_, &got));
   EXPECT_EQ("", got.AsBinaryEx().send_hash);
+  EXPECT_EQ("", got.AsBinaryEx().recv_hash);
   EXPECT_EQ("/dev/null", got.AsBinaryEx().path);
   EXPECT_EQ(12u, got.AsBinaryEx().length);
 }
@@ -155,6 +173,24 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
   in.GetProgress(&done, &total);
   EXPECT_EQ(0u, done + total);
   EXPECT_EQ(open_files, Entries("/proc/self/fd"));  // every file closed on both ends
+}
+
+// Of a binary_ex from a peer only the last "binary" member that is a binary
+// is kept; the files of the others go.
+TEST_F(PStreamFileTest, BinaryExKeepsOnlyItsLastFile) {
+  const std::string value = Hex("43") + WireString("binary") + Hex("30 00 00 00 00 00 00 00 01") +
+                            "a" + WireString("binary") + Hex("30 00 00 00 00 00 00 00 01") + "b" +
+                            WireString("other") + Hex("30 00 00 00 00 00 00 00 01") + "c" +
+                            WireString("send_hash") + Hex("30 00 00 00 00 00 00 00 01") + "d" +
+                            WireString("binary") + WireString("e") + Hex("40");
+  ASSERT_EQ(0, sender_.Write(value.data(), value.size()) + sender_.Flush(0));
+  PStream in;
+  in.SetBinaryDir(dir_.path());
+  PObject got;
+  ASSERT_EQ(0, in.Recv(&receiver_, &got));
+  EXPECT_EQ("b", ReadFile(got.AsBinaryEx().path));
+  EXPECT_EQ("", got.AsBinaryEx().send_hash);
+  EXPECT_EQ(1, Entries(dir_.path()));
 }
 
 TEST_F(PStreamFileTest, SenderProgressCountsFileBytesUpToTheLastPiece) {

@@ -150,6 +150,8 @@ TEST(PStreamTest, RepeatedKeysAndReusedTargets) {
   ASSERT_EQ(0, DecodeFromString(Hex("20 00 00 00 09 41 42 43 44 45 46 47 48 49"), &buffer));
   EXPECT_EQ("ABCDEFGHI", buffer.AsBuffer().View());
   EXPECT_EQ(block, buffer.AsBuffer().data);  // 16 >= 9 >= 8: same block
+  ASSERT_EQ(0, DecodeFromString(Hex("20 00 00 00 00"), &buffer));
+  EXPECT_EQ("", buffer.AsBuffer().View());
 }
 
 TEST(PStreamTest, MalformedAndTooDeepInputFailsCleanly) {
@@ -172,6 +174,8 @@ TEST(PStreamTest, MalformedAndTooDeepInputFailsCleanly) {
       {Hex("01 09 00 00 00 00 00 00 00 00 00"), -5, "integer of 9 bytes, at most 8 expected\n"},
       {"", -1, ""},
       {Hex("10 00 05 61 62"), -1, ""},
+      {Hex("20 00"), -1, ""},
+      {Hex("42 10 00"), -1, ""},
       {Hex("42 10 00 01 61 00 00"), -1, ""},
       {Hex("30 00 00 00 00 00 00 00 00"), -2, "istream not supported receive binary file.\n"},
       // 128 levels of arrays, maps and binary_ex, and no more.
@@ -219,6 +223,7 @@ TEST(PStreamTest, AnnouncedLengthsCostOnlyWhatArrivesAndTheCapCountsMemory) {
       {Hex("20 ff ff ff ff 61"), -5, -1},
       {Hex("42") + WireString("action") + WireString("fast_monitor") + Hex("40"), 0, 0},
       {Hex("20 00 01 90 00") + std::string(102400, 'b'), 0, 0},
+      {Hex("42") + WireString(std::string(200, 'k')) + Hex("00 00 40"), 0, 0},
   };
   for (const auto& c : kCases) {
     PStream capped;
