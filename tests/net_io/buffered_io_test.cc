@@ -123,27 +123,6 @@ class ScriptedSocket : public cat::Socket {
   std::shared_ptr<Script> s_;
 };
 
-// A file whose writes fail with `err` after `good_bytes` bytes.
-class FailingFile : public cat::File {
- public:
-  FailingFile(int fd, size_t good_bytes, int err)
-      : cat::File(fd), good_bytes_(good_bytes), err_(err) {}
-  ssize_t Write(const void* buffer, size_t n) override {
-    if (written_ >= good_bytes_) {
-      errno = err_;
-      return -1;
-    }
-    size_t k = std::min(n, good_bytes_ - written_);
-    written_ += k;
-    return cat::File::Write(buffer, k);
-  }
-
- private:
-  size_t good_bytes_;
-  size_t written_ = 0;
-  int err_;
-};
-
 // Records what the stream asks and reports; grants at most `max_step`.
 class RecordingController : public cat::BufferedIOController {
  public:
@@ -298,20 +277,17 @@ TEST(BufferedIOTest, FileSendAndGenericReceiveReportFailures) {
   }
   close(fd);
 
-  const struct {
-    int err;
-    int64_t result;
-    int error;
-  } kCases[] = {{ENOSPC, -1, -5}, {EDQUOT, -1, -5}, {EFBIG, -1, -6}, {EIO, 65536, -1}};
-  for (const auto& c : kCases) {
+  // The generic copy (the socket path would map the file instead) into a
+  // full device and past a file size limit.
+  for (const char* path : {"/dev/full", "dst"}) {
     Fixture f;
     f.script->pattern = 200000;
-    int out = open(dir.File("dst").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-    FailingFile file(out, 70000, c.err);
-    // The generic copy; the socket path would map the file instead.
-    EXPECT_EQ(c.result, f.stream.BufferedIOBase::RecvFile(file, 0, 200000)) << c.err;
-    EXPECT_EQ(c.error, f.stream.GetError()) << c.err;
-    close(out);
+    const std::string target = path[0] == '/' ? path : dir.File(path);
+    cat::File file(open(target.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
+    net_io_test::FileSizeLimit limit(path[0] == '/' ? RLIM_INFINITY : 70000);
+    EXPECT_EQ(-1, f.stream.BufferedIOBase::RecvFile(file, 0, 200000)) << path;
+    EXPECT_EQ(path[0] == '/' ? cat::kErrNoSpace : cat::kErrTooLarge, f.stream.GetError());
+    file.Close();
   }
 }
 

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -293,24 +292,6 @@ TEST(ChannelTest, SilentPeerTimesOutAndCancelStopsAConnect) {
   EXPECT_EQ(-2, ch.Read(buf, 1));
   EXPECT_EQ(-2, ch.GetIOError());
   close(accepted);
-}
-
-TEST(ChannelTest, UnixSocketPathOpen) {
-  TempDir dir;
-  struct sockaddr_un addr = {AF_UNIX, {}};
-  snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", dir.File("s.sock").c_str());
-  int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
-  ASSERT_EQ(0, bind(lfd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)));
-  listen(lfd, 4);
-  Channel ch, server;
-  EXPECT_EQ(-2, ch.Open(dir.File("missing.sock")));
-  ASSERT_EQ(0, ch.Open(addr.sun_path));
-  ASSERT_EQ(0, server.Open(accept(lfd, nullptr, nullptr), true));
-  ASSERT_EQ(0, ch.Write("ping", 4) + ch.Flush(0));
-  char buf[4];
-  ASSERT_EQ(0, server.Read(buf, 4));
-  EXPECT_EQ("ping", std::string(buf, 4));
-  close(lfd);
 }
 
 }  // namespace

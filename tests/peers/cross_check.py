@@ -34,49 +34,39 @@ EDGES = [{"_agent": "x", "_": 1, "__a": None}, "a" + "b" * 65536, {b"\xff\x00": 
          {"k": [pstream.Binary(b"\x00" * 100000), pstream.BinaryEx(b"x" * 70000)]}]
 
 
-def gen_text(rng):
-    n = rng.choice([0, 1, 5, 15, 16, 17, 40, rng.randrange(300)])
-    return "".join(rng.choice(TEXT_POOL) for _ in range(n))
-
-
-def gen_bytes(rng, limit=64):
-    return bytes(rng.randrange(256) for _ in range(rng.randrange(limit)))
-
-
-def gen_key(rng):
-    r = rng.random()
-    if r < 0.15:
-        return "_" + gen_text(rng)[:10]
-    if r < 0.25:
-        return b"\xff" + gen_bytes(rng, 8)
-    return gen_text(rng)[:20]
-
-
 def gen_value(rng, depth=0):
-    kinds = ["null", "int", "int", "text", "bytes", "buffer"]
-    if depth < 4:
-        kinds += ["list", "dict", "dict", "binary", "binary_ex"]
-    kind = rng.choice(kinds)
-    if kind == "int":
-        return rng.choice(INT_EDGES) if rng.random() < 0.5 else rng.randrange(-(2**63), 2**63)
+    def text():
+        n = rng.choice([0, 1, 5, 15, 16, 17, 40, rng.randrange(300)])
+        return "".join(rng.choice(TEXT_POOL) for _ in range(n))
+
+    def raw(limit=64):
+        return bytes(rng.randrange(256) for _ in range(rng.randrange(limit)))
+
+    def key():
+        r = rng.random()
+        return "_" + text()[:10] if r < 0.15 else b"\xff" + raw(8) if r < 0.25 else text()[:20]
+
+    kind = rng.choice(["null", "int", "int", "text", "bytes", "buffer"] +
+                      (["list", "dict", "dict", "binary", "binary_ex"] if depth < 4 else []))
     if kind == "list":
         return [gen_value(rng, depth + 1) for _ in range(rng.randrange(6))]
-    if kind == "dict":
-        # A key and its bytes form are the same key on the wire.
-        members, seen = {}, set()
-        for _ in range(rng.randrange(6)):
-            key = gen_key(rng)
-            raw = key.encode() if isinstance(key, str) else key
-            if raw not in seen:
-                seen.add(raw)
-                members[key] = gen_value(rng, depth + 1)
+    if kind == "dict":  # a key and its bytes form are the same key on the wire
+        def wire(k):
+            return k.encode() if isinstance(k, str) else k
+
+        members = {}
+        for k in (key() for _ in range(rng.randrange(6))):
+            if wire(k) not in set(map(wire, members)):
+                members[k] = gen_value(rng, depth + 1)
         return members
     return {"null": lambda: None,
-            "text": lambda: gen_text(rng),
-            "bytes": lambda: gen_bytes(rng),
-            "buffer": lambda: pstream.Buffer(gen_bytes(rng, 5000)),
-            "binary": lambda: pstream.Binary(gen_bytes(rng, 3000)),
-            "binary_ex": lambda: pstream.BinaryEx(gen_bytes(rng, 3000), hash_algo="sha256"),
+            "int": lambda: (rng.choice(INT_EDGES) if rng.random() < 0.5
+                            else rng.randrange(-(2**63), 2**63)),
+            "text": text,
+            "bytes": raw,
+            "buffer": lambda: pstream.Buffer(raw(5000)),
+            "binary": lambda: pstream.Binary(raw(3000)),
+            "binary_ex": lambda: pstream.BinaryEx(raw(3000), hash_algo="sha256"),
             }[kind]()
 
 
