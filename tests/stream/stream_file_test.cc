@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,14 +37,6 @@ class PStreamFileTest : public ::testing::Test {
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv_));
     ASSERT_EQ(0, sender_.Open(sv_[0], true));
     ASSERT_EQ(0, receiver_.Open(sv_[1], true));
-  }
-
-  // Runs `send` on a thread while this one receives into `value`.
-  int Exchange(const std::function<void()>& send, PStream* in, PObject* value) {
-    std::thread sender(send);
-    int rc = in->Recv(&receiver_, value);
-    sender.join();
-    return rc;
   }
 
   TempDir dir_;
@@ -151,11 +142,13 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
   std::vector<std::pair<uint64_t, uint64_t>> progress;
   in.SetProgressCallback([&](uint64_t done, uint64_t total) { progress.emplace_back(done, total); });
   int send_rc = -100;
-  ASSERT_EQ(0, Exchange([&] {
+  std::thread sender([&] {
     PStream out;
     out.SetDefaultHashAlgo("sha256");
     send_rc = out.Send(&sender_, value);
-  }, &in, &got));
+  });
+  EXPECT_EQ(0, in.Recv(&receiver_, &got));
+  sender.join();
   EXPECT_EQ(0, send_rc);
   const std::string digest = net_io_test::Sha256Of(source);
   const PObject::binary_type& a = got.Lookup("a").AsBinary();
@@ -168,7 +161,7 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
   EXPECT_EQ(digest, b.recv_hash);
   EXPECT_EQ(digest, net_io_test::Sha256Of(b.path));
   EXPECT_EQ(size, b.length);
-  EXPECT_NE(progress.end(), std::find(progress.begin(), progress.end(), std::make_pair(size, size)));
+  EXPECT_EQ(2, std::count(progress.begin(), progress.end(), std::make_pair(size, size)));
   uint64_t done = 1, total = 1;
   in.GetProgress(&done, &total);
   EXPECT_EQ(0u, done + total);
