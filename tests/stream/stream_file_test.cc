@@ -258,7 +258,7 @@ TEST_F(PStreamFileTest, SendFailuresAndMissingArguments) {
   EXPECT_NE(std::string::npos, log.Messages().find("open(" + dir_.File("missing") + ") error\n"));
   EXPECT_EQ(-1, PStream().Send(static_cast<Channel*>(nullptr), PObject()));
   EXPECT_NE(std::string::npos, log.Messages().find("shouldn't reach here.\n"));
-  std::istringstream none;
+  std::istringstream none(Hex("00 00"));
   EXPECT_EQ(-1, PStream().Recv(&none, nullptr));
   EXPECT_EQ(-1, PStream().Recv(&receiver_, nullptr));
   // A peer that reads nothing fails a value larger than the socket buffers
