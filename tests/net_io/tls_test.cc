@@ -15,8 +15,6 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "net/cat/socket_ops.h"
-#include "net/cat/ssl_socket.h"
 #include "net/channel.h"
 #include "tests/common/temp_dir.h"
 #include "tests/net_io/net_io_test_util.h"
@@ -80,9 +78,9 @@ TempDir* TlsTest::dir_ = nullptr;
 bool TlsTest::certs_ok_ = false;
 std::map<std::string, TlsServer*> TlsTest::servers_;
 
-// The chain checked against the CA bundle and the host names, or trust by
-// the certificate's signature text; below the channel the two
-// verification failures stay apart.
+// The chain checked against the CA bundle and the host names (the common
+// name when there is no subjectAltName), or trust by the certificate's
+// signature text.
 TEST_F(TlsTest, ChainHostOrSignatureChecks) {
   const struct {
     const char* server;
@@ -122,32 +120,6 @@ TEST_F(TlsTest, ChainHostOrSignatureChecks) {
     Channel ch;
     ch.SetTrustBySignature(false);
     EXPECT_EQ(-24, ConnectTls(&ch, "server")) << bundle;
-  }
-
-  const struct {
-    const char* server;
-    const char* host;
-    int error;
-    long verify_result;
-    const char* common_name;
-  } kSocketCases[] = {
-      {"self", "", cat::kErrSslVerify, X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, "self.test"},
-      {"server", "nope.test", cat::kErrSslHost, X509_V_OK, "server.test"},
-      {"wild", "x.wild.test", 0, X509_V_OK, "*.wild.test"},
-  };
-  for (const auto& c : kSocketCases) {
-    cat::Socket sock(cat::ConnectTcp("127.0.0.1", servers_[c.server]->port, 5, nullptr));
-    ASSERT_TRUE(sock.valid());
-    cat::BufferedIO plain;
-    plain.Attach(sock);
-    cat::SslClientSocket tls(Channel::kClientCipherList, Cert("ca.crt"));
-    tls.expected_host = c.host;
-    EXPECT_EQ(c.error == 0 ? 0 : -1, plain.HandOver(&tls)) << c.server;
-    EXPECT_EQ(c.error, tls.GetError()) << c.server;
-    EXPECT_EQ(c.verify_result, tls.verify_result) << c.server;
-    EXPECT_EQ(c.common_name, tls.peer_common_name) << c.server;
-    tls.Detach();
-    sock.Close();
   }
 }
 
