@@ -17,9 +17,10 @@
 #include "error/nx-error-handler.h"
 #include "error/version-rules.h"
 #include "gtest/gtest.h"
+#include "log/logger.h"
 #include "monitor/vesta-monitor.h"
+#include "tests/common/shell.h"
 #include "tests/common/sync_daemon_peer.h"
-#include "tests/db/db_test_util.h"
 #include "tests/net_io/net_io_test_util.h"
 
 namespace {
@@ -27,17 +28,12 @@ namespace {
 class ErrorHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    volume_ = MakeVestaRoot(dir_);
     Logger::Init(Logger::kFile, dir_.File("test.log"), dir_.Write("levels", "error_handler=7\n"),
                  50, 1);
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
-    db_.reset(new DirectDb(dir_.File("system.sqlite")));
-    peer_.reset(new SyncDaemonPeer(dir_));
-    ASSERT_TRUE(peer_->started());
+    ASSERT_TRUE(peer_.started());
   }
   void TearDown() override {
-    peer_.reset();
-    db_.reset();
     SystemDB::deinitialize();
     Logger::Shutdown();
   }
@@ -48,22 +44,21 @@ class ErrorHandlerTest : public ::testing::Test {
   // connection has two filter rows.
   void Reset(int build = 13000, const char* restore_id = "") {
     // One transaction per file: each commit waits for the disk.
-    db_->Exec(std::string("BEGIN; DELETE FROM connection_table; DELETE FROM session_table;") +
-              "INSERT INTO connection_table (id, nx_id, server_ip, server_port, linked, "
-              "protocol_version, package_version, restore_id) VALUES (1, 'nx1', '127.0.0.1', " +
-              std::to_string(net_io_test::FreePort()) + ", 1, 70, " + std::to_string(build) +
-              ", '" + restore_id + "');"
-              "INSERT INTO session_table (id, conn_id, share_name, sync_folder, remote_path, "
-              "view_id, is_daemon_enable, status) VALUES (1, 1, 'docs', 'home/', '/docs/', 11, "
-              "1, 1), (2, 1, 'team', 'home/', '/team/', 12, 0, 1); COMMIT;");
+    Sql("BEGIN; DELETE FROM connection_table; DELETE FROM session_table;"
+        "INSERT INTO connection_table (id, nx_id, server_ip, server_port, linked, "
+        "protocol_version, package_version, restore_id) VALUES (1, 'nx1', '127.0.0.1', " +
+        std::to_string(net_io_test::FreePort()) + ", 1, 70, " + std::to_string(build) + ", '" +
+        restore_id + "');"
+        "INSERT INTO session_table (id, conn_id, share_name, sync_folder, remote_path, "
+        "view_id, is_daemon_enable, status) VALUES (1, 1, 'docs', 'home/', '/docs/', 11, "
+        "1, 1), (2, 1, 'team', 'home/', '/team/', 12, 0, 1); COMMIT;");
     const std::string root = volume_ + "/@FernboxTandem/";
     ASSERT_EQ(0, system(("mkdir -p " + root + "db " + root + "session/1/db " + root +
                          "session/2/db").c_str()));
-    unlink((root + "db/filter.sqlite").c_str());
-    DirectDb(root + "db/filter.sqlite")
-        .Exec("BEGIN; CREATE TABLE filter_table (sess_id); CREATE TABLE filter_range_table "
-              "(sess_id); INSERT INTO filter_table VALUES (1), (2), (3);"
-              "INSERT INTO filter_range_table VALUES (1), (2), (3); COMMIT;");
+    unlink(FilterDb().c_str());
+    SqliteShell(FilterDb(), "BEGIN; CREATE TABLE filter_table (sess_id); CREATE TABLE "
+                            "filter_range_table (sess_id); INSERT INTO filter_table VALUES (1), "
+                            "(2), (3); INSERT INTO filter_range_table VALUES (1), (2), (3); COMMIT;");
     std::string events = "BEGIN; CREATE TABLE config_table (key TEXT, value TEXT);"
                          "INSERT INTO config_table VALUES ('sync_id', '7');";
     for (const char* t : {"event_table", "local_filter_table", "server_filter_table",
@@ -72,24 +67,27 @@ class ErrorHandlerTest : public ::testing::Test {
     }
     for (const char* id : {"1", "2"}) {
       unlink(EventDb(id).c_str());
-      DirectDb(EventDb(id)).Exec(events + "COMMIT;");
+      SqliteShell(EventDb(id), events + "COMMIT;");
     }
-    peer_->TakeRequests();
+    peer_.TakeRequests();
   }
 
+  std::string FilterDb() { return volume_ + "/@FernboxTandem/db/filter.sqlite"; }
   std::string EventDb(const std::string& id) {
     return volume_ + "/@FernboxTandem/session/" + id + "/db/event-db.sqlite";
   }
   // Events left and sync position of a session: "1|7" untouched, "0|0" reset.
   std::string Events(const std::string& id) {
-    return DirectDb(EventDb(id)).Rows(
-        "SELECT count(*), (SELECT value FROM config_table) FROM event_table")[0];
+    return SqliteShell(EventDb(id),
+                       "SELECT count(*), (SELECT value FROM config_table) FROM event_table");
   }
   std::string FilterRows() {
-    return DirectDb(volume_ + "/@FernboxTandem/db/filter.sqlite")
-        .Value("SELECT group_concat(sess_id) FROM (SELECT sess_id FROM filter_table UNION ALL "
-               "SELECT sess_id FROM filter_range_table ORDER BY sess_id)");
+    return SqliteShell(FilterDb(), "SELECT group_concat(sess_id) FROM (SELECT sess_id FROM "
+                                   "filter_table UNION ALL SELECT sess_id FROM filter_range_table "
+                                   "ORDER BY sess_id)");
   }
+
+  std::string Sql(const std::string& sql) { return SqliteShell(dir_.File("system.sqlite"), sql); }
 
   ConnectionEntry Connection() {
     ConnectionEntry c;
@@ -106,7 +104,7 @@ class ErrorHandlerTest : public ::testing::Test {
   // or "action c<connection>"; an add_event also shows its number of keys.
   std::vector<std::string> Commands() {
     std::vector<std::string> out;
-    for (const Json::Value& r : peer_->TakeRequests()) {
+    for (const Json::Value& r : peer_.TakeRequests()) {
       std::string line = r["action"].asString();
       line += r.isMember("session_id") ? " s" + r["session_id"].asString()
                                        : " c" + r["connection_id"].asString();
@@ -131,9 +129,8 @@ class ErrorHandlerTest : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::string volume_;
-  std::unique_ptr<DirectDb> db_;
-  std::unique_ptr<SyncDaemonPeer> peer_;
+  const std::string volume_ = MakeVestaRoot(dir_);
+  SyncDaemonPeer peer_{dir_};
   int notified_ = 0;
 };
 
@@ -172,9 +169,9 @@ TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
     SCOPED_TRACE(c.code);
     Reset();
     monitor.HandleError(Connection(), Session(), c.code, nullptr);
-    EXPECT_EQ(c.session, db_->Rows("SELECT error, status, is_daemon_enable FROM session_table "
-                                   "WHERE id = 1")[0]);
-    EXPECT_EQ(c.connection, db_->Rows("SELECT error, status, linked FROM connection_table")[0]);
+    EXPECT_EQ(c.session, Sql("SELECT error, status, is_daemon_enable FROM session_table "
+                                   "WHERE id = 1"));
+    EXPECT_EQ(c.connection, Sql("SELECT error, status, linked FROM connection_table"));
     EXPECT_EQ(c.commands, Commands());
     EXPECT_EQ(c.notifications, Notifications());
     EXPECT_TRUE(Logged(c.log)) << c.log;
@@ -213,7 +210,7 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
     Reset(c.from, c.old_restore_id);
-    db_->Exec("UPDATE connection_table SET error = -9, status = 2;"
+    Sql("UPDATE connection_table SET error = -9, status = 2;"
               "UPDATE session_table SET error = -3, status = 3;");
     const ConnectionEntry old = Connection();
     ConnectionEntry now = old;
@@ -225,10 +222,10 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
 
     EXPECT_EQ(c.commands, Commands());
     EXPECT_EQ(c.connection,
-              db_->Rows("SELECT error, status, package_version FROM connection_table")[0]);
+              Sql("SELECT error, status, package_version FROM connection_table"));
     EXPECT_EQ(c.resync ? "1|0" : "3|-3",
-              db_->Rows("SELECT status, error FROM session_table WHERE id = 1")[0]);
-    EXPECT_EQ("3|-3", db_->Rows("SELECT status, error FROM session_table WHERE id = 2")[0]);
+              Sql("SELECT status, error FROM session_table WHERE id = 1"));
+    EXPECT_EQ("3|-3", Sql("SELECT status, error FROM session_table WHERE id = 2"));
     EXPECT_EQ(c.resync ? "0|0" : "1|7", Events("1"));
     EXPECT_EQ(c.resync ? "0|0" : "1|7", Events("2"));
     EXPECT_EQ(c.resync ? "3,3" : "1,1,2,2,3,3", FilterRows());
@@ -248,28 +245,29 @@ TEST_F(ErrorHandlerTest, StopDuringResyncWait) {
   std::promise<int> done;
   std::thread worker([&] { done.set_value(monitor.HandleError(now, Session(), 16, &old)); });
   // The wait begins once the running session has been taken out.
-  for (int i = 0; i < 1000 && ReadFile(dir_.File("record.jsonl")).empty(); ++i) usleep(10000);
+  const bool removed = WaitFor([&] { return !ReadFile(dir_.File("record.jsonl")).empty(); });
   pthread_kill(worker.native_handle(), SIGTERM);
   const bool ended = done.get_future().wait_for(std::chrono::seconds(30)) ==
                      std::future_status::ready;
   worker.join();
   Daemon::daemon_run.store(1);
   signal(SIGTERM, SIG_DFL);
+  ASSERT_TRUE(removed);
   ASSERT_TRUE(ended);
   EXPECT_EQ(std::vector<std::string>{"remove_session s1"}, Commands());
-  EXPECT_EQ("10000", db_->Value("SELECT package_version FROM connection_table"));
+  EXPECT_EQ("10000", Sql("SELECT package_version FROM connection_table"));
   EXPECT_EQ("1|7", Events("1"));
   EXPECT_TRUE(Logged("UpgradeConnection: stopping; connection 1 is upgraded at the next start"));
 }
 
-TEST(VersionRules, ProtocolAndBuild) {
+TEST(ErrorHandlerRules, ProtocolAndBuild) {
   const int kProtocol[][2] = {{69, 2}, {70, 0}, {75, 1}, {79, 1}, {80, 3}, {0, 2}, {-75, 2}};
   for (const auto& c : kProtocol) EXPECT_EQ(c[1], CheckProtocolVersion(c[0])) << c[0];
   EXPECT_TRUE(IsBuildNumberTooOld(9999));
   EXPECT_FALSE(IsBuildNumberTooOld(10000));
 }
 
-TEST(SslHostRule, WhichNameTheCertificateMustCarry) {
+TEST(ErrorHandlerRules, WhichNameTheCertificateMustCarry) {
   struct Case {
     int conn_mode;
     bool allow_untrust;
