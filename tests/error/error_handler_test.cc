@@ -57,8 +57,9 @@ class ErrorHandlerTest : public ::testing::Test {
                          "session/2/db").c_str()));
     unlink(FilterDb().c_str());
     SqliteShell(FilterDb(), "BEGIN; CREATE TABLE filter_table (sess_id); CREATE TABLE "
-                            "filter_range_table (sess_id); INSERT INTO filter_table VALUES (1), "
-                            "(2), (3); INSERT INTO filter_range_table VALUES (1), (2), (3); COMMIT;");
+                            "filter_range_table (sess_id); INSERT INTO filter_table VALUES "
+                            "(1), (2), (3); INSERT INTO filter_range_table VALUES (1), (2), (3);"
+                            "COMMIT;");
     std::string events = "BEGIN; CREATE TABLE config_table (key TEXT, value TEXT);"
                          "INSERT INTO config_table VALUES ('sync_id', '7');";
     for (const char* t : {"event_table", "local_filter_table", "server_filter_table",
@@ -170,7 +171,7 @@ TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
     Reset();
     monitor.HandleError(Connection(), Session(), c.code, nullptr);
     EXPECT_EQ(c.session, Sql("SELECT error, status, is_daemon_enable FROM session_table "
-                                   "WHERE id = 1"));
+                             "WHERE id = 1"));
     EXPECT_EQ(c.connection, Sql("SELECT error, status, linked FROM connection_table"));
     EXPECT_EQ(c.commands, Commands());
     EXPECT_EQ(c.notifications, Notifications());
@@ -211,7 +212,7 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
     SCOPED_TRACE(c.name);
     Reset(c.from, c.old_restore_id);
     Sql("UPDATE connection_table SET error = -9, status = 2;"
-              "UPDATE session_table SET error = -3, status = 3;");
+        "UPDATE session_table SET error = -3, status = 3;");
     const ConnectionEntry old = Connection();
     ConnectionEntry now = old;
     now.package_version = c.to;
@@ -221,8 +222,7 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
     NXClientErrorHandler(ResyncPause{0, nullptr}).HandleError(now, Session(), 16, &old);
 
     EXPECT_EQ(c.commands, Commands());
-    EXPECT_EQ(c.connection,
-              Sql("SELECT error, status, package_version FROM connection_table"));
+    EXPECT_EQ(c.connection, Sql("SELECT error, status, package_version FROM connection_table"));
     EXPECT_EQ(c.resync ? "1|0" : "3|-3",
               Sql("SELECT status, error FROM session_table WHERE id = 1"));
     EXPECT_EQ("3|-3", Sql("SELECT status, error FROM session_table WHERE id = 2"));

@@ -147,7 +147,8 @@ TEST(Signals, HandlersChangeOnlyTheirWord) {
   const struct {
     int signo;
     int level, run;  // after the signal
-  } kSteps[] = {{SIGUSR2, 0, 1}, {SIGUSR1, 1, 1}, {SIGUSR1, 2, 1}, {SIGUSR2, 1, 1}, {SIGTERM, 1, 0}};
+  } kSteps[] = {
+      {SIGUSR2, 0, 1}, {SIGUSR1, 1, 1}, {SIGUSR1, 2, 1}, {SIGUSR2, 1, 1}, {SIGTERM, 1, 0}};
   Daemon::log_level = 0;  // never below 0
   Daemon::daemon_run = 1;
   for (const auto& s : kSteps) {

@@ -34,34 +34,14 @@ STOP_LIMIT = 5.0
 
 def wait_for(predicate, limit=5.0, step=0.02):
     deadline = time.monotonic() + limit
-    while time.monotonic() < deadline:
-        if predicate():
-            return True
+    while not predicate() and time.monotonic() < deadline:
         time.sleep(step)
     return predicate()
 
 
-def pid_alive(pid):
-    try:
-        os.kill(pid, 0)
-    except ProcessLookupError:
-        return False
-    except PermissionError:
-        return True
-    # A zombie still answers signal 0; it is gone for our purposes.
-    try:
-        with open("/proc/%d/stat" % pid) as f:
-            return f.read().split(")")[-1].split()[0] != "Z"
-    except OSError:
-        return False
-
-
 def vm_rss_kib(pid):
     with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    return 0
+        return int(next(line for line in f if line.startswith("VmRSS:")).split()[1])
 
 
 def sanitized_binary():
@@ -71,10 +51,10 @@ def sanitized_binary():
 
 
 def main():
-    """Runs the unittest main of a system test file: PATH_TO_VESTA_MONITOR first."""
+    """The unittest main of a system test file: PATH_TO_VESTA_MONITOR first."""
     global BINARY
     BINARY = os.path.abspath(sys.argv.pop(1))
-    unittest.main(module="__main__")
+    unittest.main()
 
 
 class Sandbox:
@@ -196,6 +176,18 @@ class Sandbox:
         return subprocess.run(["sqlite3", "-cmd", ".timeout 10000", self.db, text],
                               capture_output=True, text=True, check=True).stdout.strip()
 
+    def daemons(self):
+        """Pids of the processes that run on this sandbox's configuration."""
+        pids = []
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                with open("/proc/%s/cmdline" % pid, "rb") as f:
+                    if f.read().split(b"\0")[1:2] == [self.conf.encode()]:
+                        pids.append(int(pid))
+            except OSError:
+                pass
+        return pids
+
     def stop_by_signal(self, signo):
         pid = self.pid()
         os.kill(pid, signo)
@@ -204,19 +196,15 @@ class Sandbox:
     def wait_gone(self, pid):
         """(gone within 10 s, seconds it took)"""
         t0 = time.monotonic()
-        gone = wait_for(lambda: not pid_alive(pid), limit=10)
+        gone = wait_for(lambda: pid not in self.daemons(), limit=10)
         return gone, time.monotonic() - t0
 
     def cleanup(self):
         for p in self.peers:
             p.terminate()
             p.wait(timeout=10)
-        try:
-            pid = self.pid()
-            if pid_alive(pid):
-                os.kill(pid, signal.SIGKILL)
-        except (OSError, ValueError):
-            pass
+        for pid in self.daemons():
+            os.kill(pid, signal.SIGKILL)
         shutil.rmtree(self.root, ignore_errors=True)
 
 
@@ -270,9 +258,10 @@ class MonitorTest(unittest.TestCase):
             f.write("%d\n" % dead.pid)
         pid = box.start_and_wait()
         self.assertNotEqual(dead.pid, pid)
+        # A second start ends before it detaches: no other process is left.
         self.assertEqual(0, box.start())
+        self.assertEqual([pid], box.daemons())
         self.assertEqual(pid, box.pid())
-        self.assertTrue(pid_alive(pid))
         self.assertEqual({"ack": "ok"}, box.request({"notify": "anything"}))
 
     def test_replies(self):
@@ -350,7 +339,7 @@ class MonitorTest(unittest.TestCase):
                     send_raw(data)
                     self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
         rss_after = vm_rss_kib(pid)
-        self.assertTrue(pid_alive(pid))
+        self.assertEqual([pid], box.daemons())
         # Only the log may grow.
         self.assertEqual(set(), box.files() - before_files)
         # The daemon's working directory is "/": no stored binary there.

@@ -109,12 +109,6 @@ class ShareHookTest(unittest.TestCase):
                     self.assertIn("max_length = 143", f.read())
                 self.assertEqual(notified, len(self.notices()))
 
-    def test_encrypt_then_decrypt(self):
-        self.assertCommands([REMOVE], self.hook("encrypt"))
-        self.assertEqual("-11|0|1|1|0", self.box.sql(SESSION))
-        self.assertCommands([sess("add_session"), RESUME], self.hook("decrypt"))
-        self.assertEqual("0|1|1|1|1", self.box.sql(SESSION))
-
     def test_share_gone(self):
         self.box.sql("UPDATE session_table SET is_daemon_enable = 0 WHERE id = 2;")
         self.assertCommands([REMOVE, {"action": "unlink_connection", "connection_id": 1}],
