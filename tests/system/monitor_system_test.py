@@ -121,12 +121,12 @@ class Sandbox:
     def files(self):
         return {os.path.join(d, n) for d, _, names in os.walk(self.root) for n in names}
 
-    def request(self, value, raw=None, timeout=10):
-        """Sends one value (or raw bytes) and returns the decoded reply."""
+    def request(self, value, timeout=10):
+        """Sends one value and returns the decoded reply."""
         with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
             s.settimeout(timeout)
             s.connect(self.socket)
-            s.sendall(raw if raw is not None else pstream.encode(value))
+            s.sendall(pstream.encode(value))
             return pstream.recv_value(s)
 
     def start_peer(self, peer, *args):
@@ -187,11 +187,6 @@ class Sandbox:
             except OSError:
                 pass
         return pids
-
-    def stop_by_signal(self, signo):
-        pid = self.pid()
-        os.kill(pid, signo)
-        return self.wait_gone(pid)
 
     def wait_gone(self, pid):
         """(gone within 10 s, seconds it took)"""
@@ -350,7 +345,7 @@ class MonitorTest(unittest.TestCase):
 
     def test_slow_and_oversized_requests_are_cut_off(self):
         box = self.box
-        box.start_and_wait()
+        pid = box.start_and_wait()
 
         def trickle(sock, stop):
             while not stop.wait(0.5):
@@ -392,7 +387,8 @@ class MonitorTest(unittest.TestCase):
             silent.connect(box.socket)
             self.assertTrue(wait_for(
                 lambda: box.log_text().count("Channel: opening socket") > opened))
-            gone, took = box.stop_by_signal(signal.SIGTERM)
+            os.kill(pid, signal.SIGTERM)
+            gone, took = box.wait_gone(pid)
         self.assertTrue(gone)
         self.assertLess(took, 4.0)
 
