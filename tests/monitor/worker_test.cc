@@ -237,6 +237,7 @@ TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
       {"protocol_version", 79, nullptr, false, 0, 0, 2},
       {"protocol_version", 80, nullptr, false, 0, 230, 0},
       {"nx_id", 0, "OTHER", false, 5, 0, 0},
+      {"server_ip", 0, "192.0.2.99", false, 0, 0, 2},  // written, then followed in the same pass
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.key) + " " + (c.text ? c.text : std::to_string(c.number)));

@@ -36,16 +36,19 @@ class WorkersTest(unittest.TestCase):
             dict(REPORTED, **changes)]}}})
 
     def test_status_recovers_a_connection_and_follows_its_server(self):
-        box, row = self.box, "SELECT status, error, server_ip FROM connection_table;"
+        box = self.box
+        row = "SELECT status, error, server_ip || ':' || server_port FROM connection_table;"
         box.sql(CONNECTION % ("192.0.2.10", 6690, 1, -1))
         self.report(status="disconnected")
         self.assertTrue(wait_for(lambda: "Connection #1 has been added" in box.log_text()))
-        self.report(server_ip="192.0.2.99")
-        self.assertTrue(wait_for(lambda: box.sql(row) == "0|0|192.0.2.99", limit=10), box.sql(row))
+        self.report(server_ip="192.0.2.99", server_port=6691)
+        self.assertTrue(wait_for(lambda: box.sql(row) == "0|0|192.0.2.99:6691", limit=10),
+                        box.sql(row))
 
         # Another server behind the address: paused with -5, notified once.
-        self.report(server_ip="192.0.2.99", nx_id="OTHER")
-        self.assertTrue(wait_for(lambda: box.sql(row) == "2|-5|192.0.2.99", limit=10), box.sql(row))
+        self.report(server_ip="192.0.2.99", server_port=6691, nx_id="OTHER")
+        self.assertTrue(wait_for(lambda: box.sql(row) == "2|-5|192.0.2.99:6691", limit=10),
+                        box.sql(row))
         self.assertIn({"action": "pause", "connection_id": 1}, box.requests("sync_daemon"))
         asked = len(box.requests("sync_daemon"))
         self.assertTrue(wait_for(lambda: len(box.requests("sync_daemon")) >= asked + 2))
@@ -61,7 +64,7 @@ class WorkersTest(unittest.TestCase):
             {"view_id": 100, "node_id": 0, "name": "photo", "privilege": "read-only",
              "version": 2},
             {"view_id": 200, "node_id": 7, "name": "vault", "privilege": "read-write",
-             "is_encryption": 1, "is_mounted": 1}]}}})
+             "is_encryption": 1, "is_mounted": 1, "version": 3}]}}})
         sessions = ("SELECT id, share_name, share_version, perm_mode, is_read_only, status, error"
                     " FROM session_table;")
         views = "SELECT view_id, node_id, name, privilege, is_mount FROM server_view_table;"
@@ -82,7 +85,7 @@ class WorkersTest(unittest.TestCase):
         self.assertIsNone(box.request({"action": "refresh_session", "conn_id": 1}))
         self.assertTrue(wait_for(lambda: listings() >= 1, limit=3.0))
         self.assertTrue(wait_for(lambda: box.sql(sessions) == "1|photo|2|2|1|0|0\n"
-                                 "2|vault|0|0|0|1|0\n3|gone|0|0|0|0|0"), box.sql(sessions))
+                                 "2|vault|3|0|0|1|0\n3|gone|0|0|0|0|0"), box.sql(sessions))
         self.assertIn({"action": "resume", "session_id": 2}, box.requests("sync_daemon"))
         self.assertEqual("1026", box.sql("SELECT user_uid FROM connection_table;"))
         self.assertEqual("100|100|photo|1|0\n200|7|vault|2|1", box.sql(views))
