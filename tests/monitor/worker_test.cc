@@ -50,7 +50,7 @@ class WorkerTest : public ::testing::Test {
     unsetenv("VESTA_ROOT");
   }
 
-  // Rows written and read by the sqlite3 shell, as the user interface does.
+  // Rows written and read behind the daemon's back, with the sqlite3 shell.
   std::string Sql(const std::string& sql) { return SqliteShell(dir_.File("system.sqlite"), sql); }
 
   TempDir dir_;
