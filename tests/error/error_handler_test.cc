@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <future>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -71,6 +72,7 @@ class ErrorHandlerTest : public ::testing::Test {
       SqliteShell(EventDb(id), events + "COMMIT;");
     }
     peer_.TakeRequests();
+    Errors();
   }
 
   std::string FilterDb() { return volume_ + "/@FernboxTandem/db/filter.sqlite"; }
@@ -128,42 +130,60 @@ class ErrorHandlerTest : public ::testing::Test {
   bool Logged(const std::string& text) {
     return ReadFile(dir_.File("test.log")).find(text) != std::string::npos;
   }
+  // The texts of the ERROR lines logged since the last call.
+  std::vector<std::string> Errors() {
+    const std::string log = ReadFile(dir_.File("test.log"));
+    std::istringstream lines(log.substr(std::min(log_seen_, log.size())));
+    log_seen_ = log.size();
+    std::vector<std::string> out;
+    for (std::string line; std::getline(lines, line);) {
+      if (line.find(" [ERROR] ") != std::string::npos) out.push_back(line.substr(line.find("): ") + 3));
+    }
+    return out;
+  }
 
   TempDir dir_;
   const std::string volume_ = MakeVestaRoot(dir_);
   SyncDaemonPeer peer_{dir_};
   int notified_ = 0;
+  size_t log_seen_ = 0;
 };
 
 TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
+  const std::string kNoSignature =
+      "ProNXQuerySSLSignature: code: -200, reason: channel error while connecting to server.";
   struct Case {
     int code;
     const char* session;     // error|status|is_daemon_enable of session 1
     const char* connection;  // error|status|linked
     std::vector<std::string> commands;
     std::vector<std::string> notifications;
-    const char* log;
+    std::vector<std::string> errors;  // logged
   };
   const Case kCases[] = {
-      {13, "0|1|1", "-1|0|1", {}, {}, ""},
+      {0, "0|1|1", "0|0|1", {}, {}, {}},
+      {13, "0|1|1", "-1|0|1", {}, {}, {}},
       {17, "-14|0|0", "0|3|0", {"remove_session s1", "unlink_connection c1"}, {"UnknownError"},
-       "unknown session error code 17"},
+       {"unknown session error code 17"}},
       {18, "-14|0|0", "0|3|0", {"remove_session s1", "unlink_connection c1"}, {"UnknownError"},
-       "unknown session error code 18"},
-      {22, "0|1|1", "-2|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, ""},
-      {23, "0|1|1", "-3|2|1", {"pause c1"}, {"ClientNeedToUpdate"}, ""},
-      {24, "0|1|1", "-4|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, ""},
-      {25, "0|1|1", "-5|2|1", {"pause c1"}, {"NXChange"}, ""},
-      {26, "0|1|1", "-1|0|1", {}, {}, ""},
-      {27, "0|1|1", "-6|2|1", {"pause c1"}, {"AuthError"}, ""},
-      {28, "0|1|1", "-7|2|1", {"pause c1"}, {"SSLVerifyFail"}, "Failed to pass sign auth."},
-      {29, "0|1|1", "-8|2|1", {"pause c1"}, {"SSLChange"}, "ProNXQuerySSLSignature: code: -200"},
-      {30, "0|1|1", "0|0|1", {}, {"SyncDirectionMismatch"}, "unknown error code 30"},
-      {31, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, "unknown session error code 31"},
-      {32, "0|1|1", "-14|2|1", {"pause c1"}, {"UnknownError"}, "unknown connection error code 32"},
-      {37, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, "unknown session error code 37"},
-      {38, "0|1|1", "0|0|1", {}, {"UnknownError"}, "unknown error code 38"},
-      {40, "0|1|1", "0|0|1", {}, {"UnknownError"}, "unknown error code 40"},
+       {"unknown session error code 18"}},
+      {22, "0|1|1", "-2|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, {}},
+      {23, "0|1|1", "-3|2|1", {"pause c1"}, {"ClientNeedToUpdate"}, {}},
+      {24, "0|1|1", "-4|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, {}},
+      {25, "0|1|1", "-5|2|1", {"pause c1"}, {"NXChange"}, {}},
+      {26, "0|1|1", "-1|0|1", {}, {}, {}},
+      {27, "0|1|1", "-6|2|1", {"pause c1"}, {"AuthError"}, {}},
+      {28, "0|1|1", "-7|2|1", {"pause c1"}, {"SSLVerifyFail"},
+       {kNoSignature, "Failed to pass sign auth."}},
+      {29, "0|1|1", "-8|2|1", {"pause c1"}, {"SSLChange"},
+       {kNoSignature, "Failed to pass sign auth."}},
+      {30, "0|1|1", "0|0|1", {}, {"SyncDirectionMismatch"}, {"unknown error code 30"}},
+      {31, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, {"unknown session error code 31"}},
+      {32, "0|1|1", "-14|2|1", {"pause c1"}, {"UnknownError"},
+       {"unknown connection error code 32"}},
+      {37, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, {"unknown session error code 37"}},
+      {38, "0|1|1", "0|0|1", {}, {"UnknownError"}, {"unknown error code 38"}},
+      {40, "0|1|1", "0|0|1", {}, {"UnknownError"}, {"unknown error code 40"}},
   };
   MonitorDaemon monitor;
   for (const Case& c : kCases) {
@@ -175,7 +195,7 @@ TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
     EXPECT_EQ(c.connection, Sql("SELECT error, status, linked FROM connection_table"));
     EXPECT_EQ(c.commands, Commands());
     EXPECT_EQ(c.notifications, Notifications());
-    EXPECT_TRUE(Logged(c.log)) << c.log;
+    EXPECT_EQ(c.errors, Errors());
   }
 }
 
@@ -188,25 +208,30 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
     std::vector<std::string> commands;
     bool resync;             // both sessions' events and filter rows reset
     const char* connection;  // error|status|package_version
+    const char* error;       // logged, after "ErrorHandler::HandleServerVersionChanged: "
   };
   const std::vector<std::string> kResync = {"remove_session s1", "reload_connection c1",
                                             "add_session s1", "add_event s1/4"};
   std::vector<std::string> resync_then_pause = kResync;
   resync_then_pause.push_back("pause c1");  // builds below 10000 are not served
   const Case kCases[] = {
-      {"3000 to 4000", 3000, 4000, "", "nx1", 70, resync_then_pause, true, "-2|2|4000"},
+      {"3000 to 4000", 3000, 4000, "", "nx1", 70, resync_then_pause, true, "-2|2|4000",
+       "Server build number 4000 is too old"},
       {"3500 to 4200", 3500, 4200, "", "nx1", 70,
-       {"reload_connection c1", "reload_session s1", "pause c1"}, false, "-2|2|4200"},
+       {"reload_connection c1", "reload_session s1", "pause c1"}, false, "-2|2|4200",
+       "Server build number 4200 is too old"},
       {"10200 to 12500", 10200, 12500, "", "nx1", 70,
-       {"reload_connection c1", "add_event s1/4", "add_event s2/4"}, false, "0|0|12500"},
+       {"reload_connection c1", "add_event s1/4", "add_event s2/4"}, false, "0|0|12500", ""},
       {"12124 to 13000", 12124, 13000, "", "nx1", 70, {"reload_connection c1"}, false,
-       "0|0|13000"},
-      {"restored a to b", 13000, 13000, "a", "nx1", 70, kResync, true, "0|0|13000"},
+       "0|0|13000", ""},
+      {"restored a to b", 13000, 13000, "a", "nx1", 70, kResync, true, "0|0|13000", ""},
       {"restored '' to b", 13000, 13000, "", "nx1", 70, {"reload_connection c1"}, false,
-       "0|0|13000"},
-      {"another machine", 3000, 4000, "", "nx2", 70, {"pause c1"}, false, "-5|2|3000"},
+       "0|0|13000", ""},
+      {"another machine", 3000, 4000, "", "nx2", 70, {"pause c1"}, false, "-5|2|3000", ""},
       {"protocol 69", 12124, 13000, "", "nx1", 69, {"reload_connection c1", "pause c1"}, false,
-       "-2|2|13000"},
+       "-2|2|13000", "Server protocol version not support or degradation"},
+      {"protocol 80", 12124, 13000, "", "nx1", 80, {"reload_connection c1", "pause c1"}, false,
+       "-3|2|13000", "Client protocol version not support or degradation"},
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -229,6 +254,10 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
     EXPECT_EQ(c.resync ? "0|0" : "1|7", Events("1"));
     EXPECT_EQ(c.resync ? "0|0" : "1|7", Events("2"));
     EXPECT_EQ(c.resync ? "3,3" : "1,1,2,2,3,3", FilterRows());
+    EXPECT_EQ(*c.error ? std::vector<std::string>{std::string(
+                             "ErrorHandler::HandleServerVersionChanged: ") + c.error}
+                       : std::vector<std::string>{},
+              Errors());
   }
 }
 

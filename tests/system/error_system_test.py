@@ -22,15 +22,17 @@ C = "0|0|1|stale"  # connection untouched: error|status|linked|ssl_signature
 
 # error_type, setup, session 1, connection, commands, notification, log line.
 # Setup: "server" points the connection at the remote server reporting that
-# build; "other": 0 disables session 2; "dir", "ro", "cerr", "serr", "mode"
-# set sync_direction, is_read_only, the stored errors and conn_mode.
+# build, "asks" lists what that server then received (command, over TLS,
+# restore id); "other": 0 disables session 2; "dir", "ro", "cerr", "serr",
+# "mode" set sync_direction, is_read_only, the stored errors and conn_mode.
 ROWS = [
     (-6, {}, S, "-6|2|1|stale", ["pause c1"], "AuthError"),
     (-10, {}, S, "-4|2|1|stale", ["pause c1"], "ServerNeedToUpdate",
      "Check Fernbox server version protocol error"),
-    (-10, {"server": 9000}, S, "-2|2|1|stale", ["pause c1"], "ServerNeedToUpdate",
-     "Server build number 9000 is too old"),
-    (-10, {"server": 20000}, S, "-4|2|1|stale", ["pause c1"], "ServerNeedToUpdate"),
+    (-10, {"server": 9000, "asks": [[25, False, None]]}, S, "-2|2|1|stale", ["pause c1"],
+     "ServerNeedToUpdate", "Server build number 9000 is too old"),
+    (-10, {"server": 20000, "asks": [[25, False, None]]}, S, "-4|2|1|stale", ["pause c1"],
+     "ServerNeedToUpdate"),
     (-14, {}, S, "-10|2|1|stale", ["pause c1"], "UserKOSDisable"),
     (-15, {}, "-3|3|1|0", C, ["pause s1"], "QuotaFull"),
     (-16, {}, "-4|3|1|0", C, ["pause s1"], "fernboxtandem_DiskFull"),
@@ -43,8 +45,11 @@ ROWS = [
     (-22, {}, "-5|3|1|0", C, ["pause s1"], "LocalDiskFull"),
     (-24, {}, S, "-7|2|1|stale", ["pause c1"], "SSLVerifyFail", "Failed to pass sign auth."),
     (-25, {}, S, "-8|2|1|stale", ["pause c1"], "SSLChange"),
-    (-24, {"server": 20000, "mode": 256 | 32}, S, "0|0|1|CERT", ["reload_connection c1"],
-     "SSLVerifyFail", "Update ssl sign for conn_id: 1, old: stale, new: "),
+    (-24, {"server": 20000, "asks": [[22, False, "r9"]]}, S, "-7|2|1|stale", ["pause c1"],
+     "SSLVerifyFail", "Failed to pass sign auth."),
+    (-24, {"server": 20000, "mode": 256 | 32, "asks": [[22, False, "r9"], [25, True, None]]}, S,
+     "0|0|1|CERT", ["reload_connection c1"], "SSLVerifyFail",
+     "Update ssl sign for conn_id: 1, old: stale, new: "),
     (-26, {}, "-9|3|1|1", C, ["pause s1"], "SyncDirectionMismatch"),
     (-26, {"dir": 2}, "0|1|1|1", C, [], "UnknownError"),
     (-26, {"dir": 2, "ro": 1}, "0|1|1|1", C, [], "UnknownError",
@@ -96,15 +101,16 @@ class ErrorNotificationTest(unittest.TestCase):
                 "package_version": {"major": 3, "minor": 0, "build": setup["server"]}}}})
         self.box.sql("DELETE FROM connection_table; DELETE FROM session_table;"
                      "INSERT INTO connection_table (id, nx_id, server_name, server_ip, "
-                     "server_port, linked, error, conn_mode, use_ssl, ssl_signature) VALUES (1, "
-                     "'nx1', 'nas', '127.0.0.1', %(port)d, 1, %(cerr)d, %(mode)d, 1, 'stale');"
+                     "server_port, linked, error, conn_mode, use_ssl, ssl_signature, restore_id) "
+                     "VALUES (1, 'nx1', 'nas', '127.0.0.1', %(port)d, 1, %(cerr)d, %(mode)d, 1, "
+                     "'stale', 'r9');"
                      "INSERT INTO session_table (id, conn_id, share_name, sync_folder, "
                      "remote_path, view_id, is_daemon_enable, status, error, sync_direction, "
                      "is_read_only) VALUES (1, 1, 'docs', 'home/', '/docs/', 11, 1, 1, %(serr)d, "
                      "%(dir)d, %(ro)d), (2, 1, 'team', 'home/', '/team/', 12, %(other)d, 1, 0, 0, "
                      "0);" % v)
-        self.box.requests("sync_daemon", new=True)
-        self.box.records("notifications", new=True)
+        for name in ("sync_daemon", "remote_server", "notifications"):
+            self.box.records(name, new=True)
 
     def test_every_daemon_error(self):
         box = self.box
@@ -132,6 +138,9 @@ class ErrorNotificationTest(unittest.TestCase):
                 self.assertEqual([note] if note else [], [n["notify_id"] for n in posted])
                 if note == "fernboxtandem_DiskFull":
                     self.assertEqual("2GB", posted[0]["table"]["%CAPACITY%"])
+                self.assertEqual(setup.get("asks", []), [
+                    [r["command"], r["tls"], r["request"].get("server_id", {}).get("restore_id")]
+                    for r in box.records("remote_server", new=True) if "request" in r])
                 for line in log:
                     self.assertIn(line, box.log_text()[log_from:])
 
