@@ -63,7 +63,20 @@ STMT_RE = re.compile(r"^\s*(\*|\+\+|--)?[A-Za-z_]\w*((::|\.|->)~?[A-Za-z_]\w*|\[
                      r"\s*(\(|[-+*/%&|^]?=(?!=)|<<=|>>=|\+\+|--|<<)")
 DEFAULTED = re.compile(r"= *(default|delete);")
 KEYWORDS = re.compile(r"^\s*(if|for|while|switch|return|sizeof|delete)\b")
-MASKED_CALL_RE = re.compile(r"\b(LOG_[A-Z]+|assert|static_assert)\s*\(")
+MASKED_CALL_RE = re.compile(r"\b(LOG_[A-Z]+|assert|static_assert|sizeof)\s*\(")
+# The bound of an array declared on a line: a larger one changes nothing.
+ARRAY_BOUND = re.compile(r"^\s*(?:(?:static|const|constexpr)\s+)*(?!return|delete|else)[\w:<>]+\s+"
+                         r"\w+\s*\[([^\]]*)\]", re.M)
+# Who uses a function's result: the text from the statement's start up to a
+# call of it.  A call after labels, `else` or `(void)`, through an object or
+# scope, is a statement of its own; a declaration is none; a returned call
+# is read when the caller's caller reads it.
+LABELS = r"(?:(?:case\s+[\w:]+?|default)\s*:(?!:)\s*)*"
+OBJECT = r"(?:[\w\[\]]*(?:\.|->|::))*"
+DISCARDED = re.compile(LABELS + r"(?:else\s*|\(void\)\s*|(?:if|for|while)\s*\(.*\)\s*)?" + OBJECT, re.S)
+RETURNED = re.compile(LABELS + r"return\s+" + OBJECT)
+DECLARED = re.compile(r"(?!(return|else|case)\b)[\w:<>,*&]+(\s+[\w:<>,*&]+)*")
+LAMBDA = re.compile(r"\]\s*(\(.*\))?\s*(mutable\s*)?(->[\w\s:<>*&]+)?$", re.S)
 
 
 def mask(text):
@@ -98,7 +111,65 @@ def mask(text):
                 break
             j += 1
         blank(m.start(), j + 1)
+    for m in ARRAY_BOUND.finditer(masked):
+        blank(m.start(1), m.end(1))
     return "".join(out)
+
+
+def function_at(code, pos):
+    """The name of the function whose body holds `pos` in masked `code`;
+    "" inside a lambda, None outside any function."""
+    stack, last = [], 0  # per open brace: the function it belongs to
+    for m in re.finditer(r"[{};]", code[:pos]):
+        if m.group() == "{":
+            head, inner = code[last:m.start()], next((f for f in reversed(stack) if f is not None), None)
+            if inner is not None:
+                stack.append("" if LAMBDA.search(head.strip()) else inner)
+            else:
+                call = re.search(r"(~?\w+)\s*\(", head)
+                kinds = re.search(r"\b(namespace|class|struct|enum|union)\b|=", head)
+                stack.append(call.group(1) if call and not kinds else None)
+        elif m.group() == "}" and stack:
+            stack.pop()
+        last = m.end()
+    return next((f for f in reversed(stack) if f is not None), None)
+
+
+_program = []
+
+
+def program():
+    """Masked text of every source of the daemon and its tools (tests aside)."""
+    if not _program:
+        for d, dirs, names in os.walk(ROOT):
+            dirs[:] = [x for x in dirs if not x.startswith((".", "build")) and x not in ("tests", "bench")]
+            for name in names:
+                if name.endswith((".cc", ".h")):
+                    with open(os.path.join(d, name), errors="replace") as f:
+                        _program.append(mask(f.read()))
+    return _program
+
+
+def result_read(name, seen=None):
+    """Whether what the function `name` returns may matter: some caller uses
+    it, or the program never calls it (then its tests are its users)."""
+    seen = set() if seen is None else seen
+    if not name or name in seen:
+        return not name  # a lambda's result is taken as read; a cycle reads nothing new
+    seen.add(name)
+    calls = 0
+    for code in program():
+        for m in re.finditer(r"\b%s\b(\s*\()?" % re.escape(name), code):
+            if not m.group(1):
+                return True  # taken as a value, e.g. by address
+            head = code[max(code.rfind(c, 0, m.start()) for c in ";{}") + 1:m.start()].strip()
+            if DECLARED.fullmatch(head):
+                continue
+            calls += 1
+            if not (DISCARDED.fullmatch(head) or RETURNED.fullmatch(head)
+                    and not result_read(function_at(code, m.start()), seen)):
+                return True
+    return calls == 0
 
 
 def bump(literal, delta):
@@ -112,10 +183,11 @@ def bump(literal, delta):
 
 def candidates(text):
     """(line number, original line, mutated line, what) of every point."""
-    lines, mlines = text.split("\n"), mask(text).split("\n")
-    found, prev = [], ";"
+    masked = mask(text)
+    lines, mlines = text.split("\n"), masked.split("\n")
+    found, prev, offset = [], ";", 0
     for no, (line, code) in enumerate(zip(lines, mlines), 1):
-        new = {}  # mutated line: what changed
+        new, returned = {}, []  # mutated line: what changed; spans of returned codes
 
         def swap(start, end, to):
             what = "%s -> %s" % (line[start:end], to)
@@ -124,11 +196,15 @@ def candidates(text):
         for m in CMP_RE.finditer(code):
             swap(m.start(), m.end(), CMP[m.group()])
         for m in RET_RE.finditer(code):
-            swap(m.start(1), m.end(1), RET[m.group(1)])
+            returned.append(m.span(1))  # swapped only: a caller tests the sign or zero
+            if result_read(function_at(masked, offset + m.start())):
+                swap(m.start(1), m.end(1), RET[m.group(1)])
         for m in INT_RE.finditer(code):
             start = m.start()  # a unary minus belongs to the literal: -1 becomes 0 or -2
             if NEGATED.search(code[:start]):
                 start -= 1
+            if any(a <= start < b for a, b in returned):
+                continue
             for delta in (1, -1):
                 swap(start, m.end(), bump(line[start:m.end()], delta))
         stripped = code.strip()
@@ -141,6 +217,7 @@ def candidates(text):
             found.append((no, line, n, new[n]))
         if stripped:
             prev = stripped
+        offset += len(line) + 1
     return found
 
 
