@@ -100,7 +100,7 @@ int NXClientErrorHandler::UpgradeConnection(uint64_t conn_id,
     ResetSessionDatabases(sessions);
   }
 
-  if (SystemDB::setConnectionErr(conn_id, 1) != 0) {
+  if (SystemDB::setConnectionErr(conn_id, 0) != 0) {
     LOG_ERROR(kComponent, "failed to set connection error (%llu, %d)", (ull)conn_id, 0);
     return -1;
   }
