@@ -38,8 +38,8 @@ bench: setup
 	tools/run-bench.sh build-bench
 
 # Every libFuzzer target of tests/fuzz/, five minutes each, one after the
-# other (ctest runs each for a short while: the wire decoder one minute,
-# the others 15 seconds).
+# other (ctest runs each for a short while: the wire decoder 30 seconds,
+# the others 10 seconds).
 fuzz: setup
 	tools/fuzz.sh all 300
 

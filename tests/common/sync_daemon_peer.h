@@ -17,6 +17,7 @@
 
 #include "gtest/gtest.h"
 #include "json/json.h"
+#include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
 
 inline Json::Value ParseJson(const std::string& text) {
@@ -59,7 +60,7 @@ inline std::vector<Json::Value> TakeJsonLines(const std::string& path, int* seen
 class SyncDaemonPeer {
  public:
   // Starts the peer on `root`/tmp/tarn.sock, its files beside it in `root`;
-  // started() tells whether it came up within 5 s.
+  // started() tells whether it came up within 10 s.
   explicit SyncDaemonPeer(const TempDir& root) : root_(root) {
     const std::string ready = root_.File("ready");
     SetScript("{}");
@@ -73,8 +74,7 @@ class SyncDaemonPeer {
              root_.File("script.json").c_str(), "--ready", ready.c_str(), (char*)nullptr);
       _exit(127);
     }
-    for (int i = 0; i < 500 && access(ready.c_str(), F_OK) != 0; ++i) usleep(10000);
-    started_ = access(ready.c_str(), F_OK) == 0;
+    started_ = WaitFor([&ready] { return access(ready.c_str(), F_OK) == 0; });
   }
   ~SyncDaemonPeer() { Stop(); }
   SyncDaemonPeer(const SyncDaemonPeer&) = delete;
@@ -101,17 +101,11 @@ class SyncDaemonPeer {
     return out;
   }
 
-  // The requests since the last call equal `expected`, key for key.
+  // The requests since the last call are `expected` (JSON texts).
   void ExpectRequests(const std::vector<std::string>& expected) {
-    std::vector<Json::Value> got = TakeRequests();
-    ASSERT_EQ(expected.size(), got.size());
-    for (size_t i = 0; i < got.size(); ++i) {
-      Json::Value want = ParseJson(expected[i]);
-      EXPECT_EQ(want.getMemberNames(), got[i].getMemberNames()) << expected[i];
-      for (const std::string& key : want.getMemberNames()) {
-        EXPECT_EQ(want[key], got[i][key]) << "key " << key << " of " << expected[i];
-      }
-    }
+    std::vector<Json::Value> want;
+    for (const std::string& text : expected) want.push_back(ParseJson(text));
+    EXPECT_EQ(want, TakeRequests());
   }
 
  private:

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <future>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,9 +18,10 @@
 #include "error/nx-error-handler.h"
 #include "error/version-rules.h"
 #include "gtest/gtest.h"
+#include "log/logger.h"
 #include "monitor/vesta-monitor.h"
+#include "tests/common/shell.h"
 #include "tests/common/sync_daemon_peer.h"
-#include "tests/db/db_test_util.h"
 #include "tests/net_io/net_io_test_util.h"
 
 namespace {
@@ -27,17 +29,12 @@ namespace {
 class ErrorHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    volume_ = MakeVestaRoot(dir_);
     Logger::Init(Logger::kFile, dir_.File("test.log"), dir_.Write("levels", "error_handler=7\n"),
                  50, 1);
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
-    db_.reset(new DirectDb(dir_.File("system.sqlite")));
-    peer_.reset(new SyncDaemonPeer(dir_));
-    ASSERT_TRUE(peer_->started());
+    ASSERT_TRUE(peer_.started());
   }
   void TearDown() override {
-    peer_.reset();
-    db_.reset();
     SystemDB::deinitialize();
     Logger::Shutdown();
   }
@@ -48,22 +45,22 @@ class ErrorHandlerTest : public ::testing::Test {
   // connection has two filter rows.
   void Reset(int build = 13000, const char* restore_id = "") {
     // One transaction per file: each commit waits for the disk.
-    db_->Exec(std::string("BEGIN; DELETE FROM connection_table; DELETE FROM session_table;") +
-              "INSERT INTO connection_table (id, nx_id, server_ip, server_port, linked, "
-              "protocol_version, package_version, restore_id) VALUES (1, 'nx1', '127.0.0.1', " +
-              std::to_string(net_io_test::FreePort()) + ", 1, 70, " + std::to_string(build) +
-              ", '" + restore_id + "');"
-              "INSERT INTO session_table (id, conn_id, share_name, sync_folder, remote_path, "
-              "view_id, is_daemon_enable, status) VALUES (1, 1, 'docs', 'home/', '/docs/', 11, "
-              "1, 1), (2, 1, 'team', 'home/', '/team/', 12, 0, 1); COMMIT;");
+    Sql("BEGIN; DELETE FROM connection_table; DELETE FROM session_table;"
+        "INSERT INTO connection_table (id, nx_id, server_ip, server_port, linked, "
+        "protocol_version, package_version, restore_id) VALUES (1, 'nx1', '127.0.0.1', " +
+        std::to_string(net_io_test::FreePort()) + ", 1, 70, " + std::to_string(build) + ", '" +
+        restore_id + "');"
+        "INSERT INTO session_table (id, conn_id, share_name, sync_folder, remote_path, "
+        "view_id, is_daemon_enable, status) VALUES (1, 1, 'docs', 'home/', '/docs/', 11, "
+        "1, 1), (2, 1, 'team', 'home/', '/team/', 12, 0, 1); COMMIT;");
     const std::string root = volume_ + "/@FernboxTandem/";
     ASSERT_EQ(0, system(("mkdir -p " + root + "db " + root + "session/1/db " + root +
                          "session/2/db").c_str()));
-    unlink((root + "db/filter.sqlite").c_str());
-    DirectDb(root + "db/filter.sqlite")
-        .Exec("BEGIN; CREATE TABLE filter_table (sess_id); CREATE TABLE filter_range_table "
-              "(sess_id); INSERT INTO filter_table VALUES (1), (2), (3);"
-              "INSERT INTO filter_range_table VALUES (1), (2), (3); COMMIT;");
+    unlink(FilterDb().c_str());
+    SqliteShell(FilterDb(), "BEGIN; CREATE TABLE filter_table (sess_id); CREATE TABLE "
+                            "filter_range_table (sess_id); INSERT INTO filter_table VALUES "
+                            "(1), (2), (3); INSERT INTO filter_range_table VALUES (1), (2), (3);"
+                            "COMMIT;");
     std::string events = "BEGIN; CREATE TABLE config_table (key TEXT, value TEXT);"
                          "INSERT INTO config_table VALUES ('sync_id', '7');";
     for (const char* t : {"event_table", "local_filter_table", "server_filter_table",
@@ -72,24 +69,28 @@ class ErrorHandlerTest : public ::testing::Test {
     }
     for (const char* id : {"1", "2"}) {
       unlink(EventDb(id).c_str());
-      DirectDb(EventDb(id)).Exec(events + "COMMIT;");
+      SqliteShell(EventDb(id), events + "COMMIT;");
     }
-    peer_->TakeRequests();
+    peer_.TakeRequests();
+    Errors();
   }
 
+  std::string FilterDb() { return volume_ + "/@FernboxTandem/db/filter.sqlite"; }
   std::string EventDb(const std::string& id) {
     return volume_ + "/@FernboxTandem/session/" + id + "/db/event-db.sqlite";
   }
   // Events left and sync position of a session: "1|7" untouched, "0|0" reset.
   std::string Events(const std::string& id) {
-    return DirectDb(EventDb(id)).Rows(
-        "SELECT count(*), (SELECT value FROM config_table) FROM event_table")[0];
+    return SqliteShell(EventDb(id),
+                       "SELECT count(*), (SELECT value FROM config_table) FROM event_table");
   }
   std::string FilterRows() {
-    return DirectDb(volume_ + "/@FernboxTandem/db/filter.sqlite")
-        .Value("SELECT group_concat(sess_id) FROM (SELECT sess_id FROM filter_table UNION ALL "
-               "SELECT sess_id FROM filter_range_table ORDER BY sess_id)");
+    return SqliteShell(FilterDb(), "SELECT group_concat(sess_id) FROM (SELECT sess_id FROM "
+                                   "filter_table UNION ALL SELECT sess_id FROM filter_range_table "
+                                   "ORDER BY sess_id)");
   }
+
+  std::string Sql(const std::string& sql) { return SqliteShell(dir_.File("system.sqlite"), sql); }
 
   ConnectionEntry Connection() {
     ConnectionEntry c;
@@ -106,7 +107,7 @@ class ErrorHandlerTest : public ::testing::Test {
   // or "action c<connection>"; an add_event also shows its number of keys.
   std::vector<std::string> Commands() {
     std::vector<std::string> out;
-    for (const Json::Value& r : peer_->TakeRequests()) {
+    for (const Json::Value& r : peer_.TakeRequests()) {
       std::string line = r["action"].asString();
       line += r.isMember("session_id") ? " s" + r["session_id"].asString()
                                        : " c" + r["connection_id"].asString();
@@ -129,55 +130,72 @@ class ErrorHandlerTest : public ::testing::Test {
   bool Logged(const std::string& text) {
     return ReadFile(dir_.File("test.log")).find(text) != std::string::npos;
   }
+  // The texts of the ERROR lines logged since the last call.
+  std::vector<std::string> Errors() {
+    const std::string log = ReadFile(dir_.File("test.log"));
+    std::istringstream lines(log.substr(std::min(log_seen_, log.size())));
+    log_seen_ = log.size();
+    std::vector<std::string> out;
+    for (std::string line; std::getline(lines, line);) {
+      if (line.find(" [ERROR] ") != std::string::npos) out.push_back(line.substr(line.find("): ") + 3));
+    }
+    return out;
+  }
 
   TempDir dir_;
-  std::string volume_;
-  std::unique_ptr<DirectDb> db_;
-  std::unique_ptr<SyncDaemonPeer> peer_;
+  const std::string volume_ = MakeVestaRoot(dir_);
+  SyncDaemonPeer peer_{dir_};
   int notified_ = 0;
+  size_t log_seen_ = 0;
 };
 
 TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
+  const std::string kNoSignature =
+      "ProNXQuerySSLSignature: code: -200, reason: channel error while connecting to server.";
   struct Case {
     int code;
     const char* session;     // error|status|is_daemon_enable of session 1
     const char* connection;  // error|status|linked
     std::vector<std::string> commands;
     std::vector<std::string> notifications;
-    const char* log;
+    std::vector<std::string> errors;  // logged
   };
   const Case kCases[] = {
-      {13, "0|1|1", "-1|0|1", {}, {}, ""},
+      {0, "0|1|1", "0|0|1", {}, {}, {}},
+      {13, "0|1|1", "-1|0|1", {}, {}, {}},
       {17, "-14|0|0", "0|3|0", {"remove_session s1", "unlink_connection c1"}, {"UnknownError"},
-       "unknown session error code 17"},
+       {"unknown session error code 17"}},
       {18, "-14|0|0", "0|3|0", {"remove_session s1", "unlink_connection c1"}, {"UnknownError"},
-       "unknown session error code 18"},
-      {22, "0|1|1", "-2|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, ""},
-      {23, "0|1|1", "-3|2|1", {"pause c1"}, {"ClientNeedToUpdate"}, ""},
-      {24, "0|1|1", "-4|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, ""},
-      {25, "0|1|1", "-5|2|1", {"pause c1"}, {"NXChange"}, ""},
-      {26, "0|1|1", "-1|0|1", {}, {}, ""},
-      {27, "0|1|1", "-6|2|1", {"pause c1"}, {"AuthError"}, ""},
-      {28, "0|1|1", "-7|2|1", {"pause c1"}, {"SSLVerifyFail"}, "Failed to pass sign auth."},
-      {29, "0|1|1", "-8|2|1", {"pause c1"}, {"SSLChange"}, "ProNXQuerySSLSignature: code: -200"},
-      {30, "0|1|1", "0|0|1", {}, {"SyncDirectionMismatch"}, "unknown error code 30"},
-      {31, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, "unknown session error code 31"},
-      {32, "0|1|1", "-14|2|1", {"pause c1"}, {"UnknownError"}, "unknown connection error code 32"},
-      {37, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, "unknown session error code 37"},
-      {38, "0|1|1", "0|0|1", {}, {"UnknownError"}, "unknown error code 38"},
-      {40, "0|1|1", "0|0|1", {}, {"UnknownError"}, "unknown error code 40"},
+       {"unknown session error code 18"}},
+      {22, "0|1|1", "-2|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, {}},
+      {23, "0|1|1", "-3|2|1", {"pause c1"}, {"ClientNeedToUpdate"}, {}},
+      {24, "0|1|1", "-4|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, {}},
+      {25, "0|1|1", "-5|2|1", {"pause c1"}, {"NXChange"}, {}},
+      {26, "0|1|1", "-1|0|1", {}, {}, {}},
+      {27, "0|1|1", "-6|2|1", {"pause c1"}, {"AuthError"}, {}},
+      {28, "0|1|1", "-7|2|1", {"pause c1"}, {"SSLVerifyFail"},
+       {kNoSignature, "Failed to pass sign auth."}},
+      {29, "0|1|1", "-8|2|1", {"pause c1"}, {"SSLChange"},
+       {kNoSignature, "Failed to pass sign auth."}},
+      {30, "0|1|1", "0|0|1", {}, {"SyncDirectionMismatch"}, {"unknown error code 30"}},
+      {31, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, {"unknown session error code 31"}},
+      {32, "0|1|1", "-14|2|1", {"pause c1"}, {"UnknownError"},
+       {"unknown connection error code 32"}},
+      {37, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, {"unknown session error code 37"}},
+      {38, "0|1|1", "0|0|1", {}, {"UnknownError"}, {"unknown error code 38"}},
+      {40, "0|1|1", "0|0|1", {}, {"UnknownError"}, {"unknown error code 40"}},
   };
   MonitorDaemon monitor;
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.code);
     Reset();
     monitor.HandleError(Connection(), Session(), c.code, nullptr);
-    EXPECT_EQ(c.session, db_->Rows("SELECT error, status, is_daemon_enable FROM session_table "
-                                   "WHERE id = 1")[0]);
-    EXPECT_EQ(c.connection, db_->Rows("SELECT error, status, linked FROM connection_table")[0]);
+    EXPECT_EQ(c.session, Sql("SELECT error, status, is_daemon_enable FROM session_table "
+                             "WHERE id = 1"));
+    EXPECT_EQ(c.connection, Sql("SELECT error, status, linked FROM connection_table"));
     EXPECT_EQ(c.commands, Commands());
     EXPECT_EQ(c.notifications, Notifications());
-    EXPECT_TRUE(Logged(c.log)) << c.log;
+    EXPECT_EQ(c.errors, Errors());
   }
 }
 
@@ -190,31 +208,36 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
     std::vector<std::string> commands;
     bool resync;             // both sessions' events and filter rows reset
     const char* connection;  // error|status|package_version
+    const char* error;       // logged, after "ErrorHandler::HandleServerVersionChanged: "
   };
   const std::vector<std::string> kResync = {"remove_session s1", "reload_connection c1",
                                             "add_session s1", "add_event s1/4"};
   std::vector<std::string> resync_then_pause = kResync;
   resync_then_pause.push_back("pause c1");  // builds below 10000 are not served
   const Case kCases[] = {
-      {"3000 to 4000", 3000, 4000, "", "nx1", 70, resync_then_pause, true, "-2|2|4000"},
+      {"3000 to 4000", 3000, 4000, "", "nx1", 70, resync_then_pause, true, "-2|2|4000",
+       "Server build number 4000 is too old"},
       {"3500 to 4200", 3500, 4200, "", "nx1", 70,
-       {"reload_connection c1", "reload_session s1", "pause c1"}, false, "-2|2|4200"},
+       {"reload_connection c1", "reload_session s1", "pause c1"}, false, "-2|2|4200",
+       "Server build number 4200 is too old"},
       {"10200 to 12500", 10200, 12500, "", "nx1", 70,
-       {"reload_connection c1", "add_event s1/4", "add_event s2/4"}, false, "0|0|12500"},
+       {"reload_connection c1", "add_event s1/4", "add_event s2/4"}, false, "0|0|12500", ""},
       {"12124 to 13000", 12124, 13000, "", "nx1", 70, {"reload_connection c1"}, false,
-       "0|0|13000"},
-      {"restored a to b", 13000, 13000, "a", "nx1", 70, kResync, true, "0|0|13000"},
+       "0|0|13000", ""},
+      {"restored a to b", 13000, 13000, "a", "nx1", 70, kResync, true, "0|0|13000", ""},
       {"restored '' to b", 13000, 13000, "", "nx1", 70, {"reload_connection c1"}, false,
-       "0|0|13000"},
-      {"another machine", 3000, 4000, "", "nx2", 70, {"pause c1"}, false, "-5|2|3000"},
+       "0|0|13000", ""},
+      {"another machine", 3000, 4000, "", "nx2", 70, {"pause c1"}, false, "-5|2|3000", ""},
       {"protocol 69", 12124, 13000, "", "nx1", 69, {"reload_connection c1", "pause c1"}, false,
-       "-2|2|13000"},
+       "-2|2|13000", "Server protocol version not support or degradation"},
+      {"protocol 80", 12124, 13000, "", "nx1", 80, {"reload_connection c1", "pause c1"}, false,
+       "-3|2|13000", "Client protocol version not support or degradation"},
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
     Reset(c.from, c.old_restore_id);
-    db_->Exec("UPDATE connection_table SET error = -9, status = 2;"
-              "UPDATE session_table SET error = -3, status = 3;");
+    Sql("UPDATE connection_table SET error = -9, status = 2;"
+        "UPDATE session_table SET error = -3, status = 3;");
     const ConnectionEntry old = Connection();
     ConnectionEntry now = old;
     now.package_version = c.to;
@@ -224,14 +247,17 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
     NXClientErrorHandler(ResyncPause{0, nullptr}).HandleError(now, Session(), 16, &old);
 
     EXPECT_EQ(c.commands, Commands());
-    EXPECT_EQ(c.connection,
-              db_->Rows("SELECT error, status, package_version FROM connection_table")[0]);
+    EXPECT_EQ(c.connection, Sql("SELECT error, status, package_version FROM connection_table"));
     EXPECT_EQ(c.resync ? "1|0" : "3|-3",
-              db_->Rows("SELECT status, error FROM session_table WHERE id = 1")[0]);
-    EXPECT_EQ("3|-3", db_->Rows("SELECT status, error FROM session_table WHERE id = 2")[0]);
+              Sql("SELECT status, error FROM session_table WHERE id = 1"));
+    EXPECT_EQ("3|-3", Sql("SELECT status, error FROM session_table WHERE id = 2"));
     EXPECT_EQ(c.resync ? "0|0" : "1|7", Events("1"));
     EXPECT_EQ(c.resync ? "0|0" : "1|7", Events("2"));
     EXPECT_EQ(c.resync ? "3,3" : "1,1,2,2,3,3", FilterRows());
+    EXPECT_EQ(*c.error ? std::vector<std::string>{std::string(
+                             "ErrorHandler::HandleServerVersionChanged: ") + c.error}
+                       : std::vector<std::string>{},
+              Errors());
   }
 }
 
@@ -248,28 +274,29 @@ TEST_F(ErrorHandlerTest, StopDuringResyncWait) {
   std::promise<int> done;
   std::thread worker([&] { done.set_value(monitor.HandleError(now, Session(), 16, &old)); });
   // The wait begins once the running session has been taken out.
-  for (int i = 0; i < 1000 && ReadFile(dir_.File("record.jsonl")).empty(); ++i) usleep(10000);
+  const bool removed = WaitFor([&] { return !ReadFile(dir_.File("record.jsonl")).empty(); });
   pthread_kill(worker.native_handle(), SIGTERM);
   const bool ended = done.get_future().wait_for(std::chrono::seconds(30)) ==
                      std::future_status::ready;
   worker.join();
   Daemon::daemon_run.store(1);
   signal(SIGTERM, SIG_DFL);
+  ASSERT_TRUE(removed);
   ASSERT_TRUE(ended);
   EXPECT_EQ(std::vector<std::string>{"remove_session s1"}, Commands());
-  EXPECT_EQ("10000", db_->Value("SELECT package_version FROM connection_table"));
+  EXPECT_EQ("10000", Sql("SELECT package_version FROM connection_table"));
   EXPECT_EQ("1|7", Events("1"));
   EXPECT_TRUE(Logged("UpgradeConnection: stopping; connection 1 is upgraded at the next start"));
 }
 
-TEST(VersionRules, ProtocolAndBuild) {
+TEST(ErrorHandlerRules, ProtocolAndBuild) {
   const int kProtocol[][2] = {{69, 2}, {70, 0}, {75, 1}, {79, 1}, {80, 3}, {0, 2}, {-75, 2}};
   for (const auto& c : kProtocol) EXPECT_EQ(c[1], CheckProtocolVersion(c[0])) << c[0];
   EXPECT_TRUE(IsBuildNumberTooOld(9999));
   EXPECT_FALSE(IsBuildNumberTooOld(10000));
 }
 
-TEST(SslHostRule, WhichNameTheCertificateMustCarry) {
+TEST(ErrorHandlerRules, WhichNameTheCertificateMustCarry) {
   struct Case {
     int conn_mode;
     bool allow_untrust;

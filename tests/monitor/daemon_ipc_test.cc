@@ -1,12 +1,11 @@
 // The sync-daemon command client against the simulated sync daemon of
 // tests/peers/sync_daemon.py, which has its own wire codec: every request is
-// checked key by key as the daemon decoded it, with expected values typed
-// here from the command tables (integers as numbers, texts as strings).
+// checked whole as the daemon decoded it, with expected values typed here
+// from the command tables (integers as numbers, texts as strings).
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,28 +22,19 @@ namespace {
 class DaemonIpcTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    volume_ = MakeVestaRoot(dir_);
     Logger::Init(Logger::kFile, dir_.File("test.log"), "", 50, 1);
-    daemon_.reset(new SyncDaemonPeer(dir_));
-    ASSERT_TRUE(daemon_->started()) << "simulated daemon did not start";
+    ASSERT_TRUE(peer_.started()) << "simulated daemon did not start";
   }
-
   void TearDown() override {
-    daemon_.reset();
     Logger::Shutdown();
     unsetenv("VESTA_ROOT");
   }
 
-  void StopDaemon() { daemon_->Stop(); }
-  void SetScript(const std::string& json) { daemon_->SetScript(json); }
-  std::vector<Json::Value> TakeRequests() { return daemon_->TakeRequests(); }
-  void ExpectRequests(const std::vector<std::string>& expected) {
-    daemon_->ExpectRequests(expected);
+  bool Logged(const std::string& text) {
+    return ReadFile(dir_.File("test.log")).find(text) != std::string::npos;
   }
 
-  std::string Log() { return ReadFile(dir_.File("test.log")); }
-
-  SessionInfo HomeSession() {
+  static SessionInfo HomeSession() {
     SessionInfo s;
     s.id = 12;
     s.conn_id = 3;
@@ -63,8 +53,8 @@ class DaemonIpcTest : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::string volume_;
-  std::unique_ptr<SyncDaemonPeer> daemon_;
+  const std::string volume_ = MakeVestaRoot(dir_);
+  SyncDaemonPeer peer_{dir_};
 };
 
 TEST_F(DaemonIpcTest, EveryCommandAsTheDaemonReceivesIt) {
@@ -81,7 +71,7 @@ TEST_F(DaemonIpcTest, EveryCommandAsTheDaemonReceivesIt) {
   EXPECT_EQ(0, AddWatchSession(10, false));
   PObject status;
   EXPECT_EQ(0, GetStatus(&status));
-  ExpectRequests({
+  peer_.ExpectRequests({
       R"({"action": "remove_session", "session_id": 1})",
       R"({"action": "pause", "session_id": 2})",
       R"({"action": "resume", "session_id": 3})",
@@ -100,45 +90,37 @@ TEST_F(DaemonIpcTest, EveryCommandAsTheDaemonReceivesIt) {
 
 TEST_F(DaemonIpcTest, ReplyRules) {
   PObject reply;
-  SetScript(R"({"replies": {"pause": {"error": "busy", "ack": "ok"},
-                            "resume": {"ack": "later"},
-                            "get_status": {"connection_list": [{"connection_id": 3}]},
-                            "remove_session": {"ack": "ok", "extra": 1},
-                            "reload_session": {"error": 17}},
-               "close": ["unlink_connection"]})");
+  peer_.SetScript(R"({"replies": {"pause": {"error": "busy", "ack": "ok"},
+                                  "resume": {"ack": "later"},
+                                  "get_status": {"connection_list": [{"connection_id": 3}]},
+                                  "remove_session": {"ack": "ok", "extra": 1},
+                                  "reload_session": {"error": 17}},
+                     "close": ["unlink_connection"]})");
   EXPECT_EQ(-1, PauseSession(1));
-  EXPECT_NE(std::string::npos, Log().find("ipc response error[action=pause, error=busy]"));
+  EXPECT_TRUE(Logged("ipc response error[action=pause, error=busy]"));
   EXPECT_EQ(-1, ResumeSession(1));
-  EXPECT_NE(std::string::npos, Log().find("ipc ack not ok[ack=later]"));
+  EXPECT_TRUE(Logged("ipc ack not ok[ack=later]"));
   EXPECT_EQ(0, RemoveSession(1));
   EXPECT_EQ(-1, ReloadSessionFilter(1));
-  EXPECT_NE(std::string::npos, Log().find("ipc response error[action=reload_session, error=17]"));
+  EXPECT_TRUE(Logged("ipc response error[action=reload_session, error=17]"));
   EXPECT_EQ(0, AddWatchSession(1, true));  // "*" absent: empty map succeeds
   EXPECT_EQ(-1, UnlinkConnection(1));
-  EXPECT_NE(std::string::npos,
-            Log().find("receive ipc command fail[action=unlink_connection]"));
+  EXPECT_TRUE(Logged("receive ipc command fail[action=unlink_connection]"));
 
   EXPECT_EQ(0, GetStatus(&reply));
   EXPECT_EQ(3, reply.Lookup("connection_list").AsArray().at(0).Lookup("connection_id")
                    .AsInteger());
 
-  StopDaemon();
+  peer_.Stop();
   EXPECT_EQ(-1, PauseConnection(1));
-  EXPECT_NE(std::string::npos, Log().find("open domain socket fail[code="));
-  EXPECT_NE(std::string::npos, Log().find("path=" + dir_.File("tmp/tarn.sock") + "]"));
+  EXPECT_TRUE(Logged("open domain socket fail[code="));
+  EXPECT_TRUE(Logged("path=" + dir_.File("tmp/tarn.sock") + "]"));
 }
 
 TEST_F(DaemonIpcTest, AddSession) {
   GeneralOptions options;
   options.sync_mode = 2;
   const std::string session_dir = volume_ + "/@FernboxTandem/session/12";
-
-  // Both flags: the three-way merge event and no resume.
-  EXPECT_EQ(0, AddSession(HomeSession(), options, true, true));
-  struct stat st;
-  ASSERT_EQ(0, stat(session_dir.c_str(), &st));
-  EXPECT_TRUE(S_ISDIR(st.st_mode));
-  EXPECT_EQ(0755u, st.st_mode & 0777);
   const std::string add =
       R"({"action": "add_session", "sync_mode": 2, "session_id": 12, "connection_id": 3,
           "view_id": 4000000000, "node_id": 5, "sync_folder": "home",
@@ -146,66 +128,56 @@ TEST_F(DaemonIpcTest, AddSession) {
           "share_name": "team", "sync_direction": 2, "ignore_local_remove": 1,
           "conflict_policy": "compare_mtime", "rename_conflict": 0,
           "attribute_check_strength": 3, "with_q9share": 1})";
-  ExpectRequests({add, R"({"action": "add_event", "session_id": 12,
-                           "type": "three_way_merge", "path": "/"})"});
-
-  // Resume alone; perm_mode outside the table travels as "".
-  SessionInfo s = HomeSession();
-  s.perm_mode = 5;
-  EXPECT_EQ(0, AddSession(s, options, true, false));
-  std::vector<Json::Value> got = TakeRequests();
-  ASSERT_EQ(2u, got.size());
-  EXPECT_EQ("", got[0]["perm_mode"].asString());
-  EXPECT_EQ(ParseJson(R"({"action": "resume", "session_id": 12})"), got[1]);
-
-  // Neither flag: only the add.
+  // Both flags: the three-way merge event and no resume.
+  EXPECT_EQ(0, AddSession(HomeSession(), options, true, true));
+  struct stat st;
+  ASSERT_EQ(0, stat(session_dir.c_str(), &st));
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  EXPECT_EQ(0755u, st.st_mode & 0777);
+  peer_.ExpectRequests({add, R"({"action": "add_event", "session_id": 12,
+                                 "type": "three_way_merge", "path": "/"})"});
+  // Resume alone; neither flag: only the add.
+  EXPECT_EQ(0, AddSession(HomeSession(), options, true, false));
   EXPECT_EQ(0, AddSession(HomeSession(), options, false, false));
-  EXPECT_EQ(1u, TakeRequests().size());
+  peer_.ExpectRequests({add, R"({"action": "resume", "session_id": 12})", add});
 
-  // Perm-mode names, checked against the table typed here.
-  const char* const kNames[][2] = {{"0", "sync-all"}, {"1", "domain-only"},
-                                   {"2", "exec-bit-only"}, {"3", ""}, {"-1", ""}};
-  for (const auto& row : kNames) EXPECT_STREQ(row[1], PermModeName(atoi(row[0]))) << row[0];
-
-  // The daemon rejects the add: no follow-up is sent.
-  SetScript(R"({"replies": {"add_session": {"error": "no"}}})");
-  EXPECT_EQ(-1, AddSession(HomeSession(), options, true, false));
-  EXPECT_EQ(1u, TakeRequests().size());
-  EXPECT_NE(std::string::npos, Log().find("add session to daemon fail[id=12,path=team]"));
-}
-
-TEST_F(DaemonIpcTest, AddSessionFailsBeforeSending) {
-  GeneralOptions options;
-  SessionInfo s = HomeSession();
-  s.id = 77;
-  dir_.Write("volume1/@FernboxTandem/session/77", "a regular file");
-  EXPECT_EQ(-1, AddSession(s, options, true, false));
-  EXPECT_NE(std::string::npos, Log().find("create session folder fail"));
-
-  s.id = 78;
-  s.sync_folder = "no-such-share";
-  EXPECT_EQ(-1, AddSession(s, options, true, false));
-  EXPECT_NE(std::string::npos, Log().find("get share path fail[no-such-share]"));
-  EXPECT_NE(std::string::npos, Log().find("prepare PObject for adding session fail"));
-  EXPECT_TRUE(TakeRequests().empty());
-}
-
-TEST_F(DaemonIpcTest, AddSessionOfANamedShare) {
+  // A named share's path; perm_mode names, outside the table "".
   ASSERT_EQ(0, system(("mkdir -p '" + dir_.File("etc/vesta/shares") + "'").c_str()));
   dir_.Write("etc/vesta/shares/docs.conf", "path=/volume1/docs\n");
   SessionInfo s = HomeSession();
   s.sync_folder = "docs";
-  s.perm_mode = 0;
-  GeneralOptions options;
-  EXPECT_EQ(0, AddSession(s, options, false, false));
-  std::vector<Json::Value> got = TakeRequests();
-  ASSERT_EQ(1u, got.size());
-  EXPECT_EQ("/volume1/docs", got[0]["sync_folder"].asString());
-  EXPECT_EQ("sync-all", got[0]["perm_mode"].asString());
-  EXPECT_EQ(0, got[0]["sync_mode"].asInt());
+  const char* const kNames[] = {"sync-all", "domain-only", "exec-bit-only", "", ""};
+  for (int perm_mode = 0; perm_mode < 5; ++perm_mode) {
+    s.perm_mode = perm_mode;
+    EXPECT_EQ(0, AddSession(s, GeneralOptions(), false, false));
+    const std::vector<Json::Value> got = peer_.TakeRequests();
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ("/volume1/docs", got[0]["sync_folder"].asString());
+    EXPECT_EQ(kNames[perm_mode], got[0]["perm_mode"].asString()) << perm_mode;
+    EXPECT_EQ(0, got[0]["sync_mode"].asInt());
+  }
+  EXPECT_STREQ("", PermModeName(-1));
+
+  // The daemon rejects the add: no follow-up is sent.
+  peer_.SetScript(R"({"replies": {"add_session": {"error": "no"}}})");
+  EXPECT_EQ(-1, AddSession(HomeSession(), options, true, false));
+  EXPECT_EQ(1u, peer_.TakeRequests().size());
+  EXPECT_TRUE(Logged("add session to daemon fail[id=12,path=team]"));
+
+  // Failures before anything is sent.
+  s.id = 77;
+  dir_.Write("volume1/@FernboxTandem/session/77", "a regular file");
+  EXPECT_EQ(-1, AddSession(s, options, true, false));
+  EXPECT_TRUE(Logged("create session folder fail"));
+  s.id = 78;
+  s.sync_folder = "no-such-share";
+  EXPECT_EQ(-1, AddSession(s, options, true, false));
+  EXPECT_TRUE(Logged("get share path fail[no-such-share]"));
+  EXPECT_TRUE(Logged("prepare PObject for adding session fail"));
+  EXPECT_TRUE(peer_.TakeRequests().empty());
 }
 
-ConnectionEntry SampleConnection() {
+TEST_F(DaemonIpcTest, ReloadConnectionWithAndWithoutSystemProxy) {
   ConnectionEntry c;
   c.id = 9;
   c.server_name = "nas";
@@ -228,12 +200,7 @@ ConnectionEntry SampleConnection() {
   c.package_version = 10001;
   c.major = 3;
   c.minor = 1;
-  return c;
-}
-
-TEST_F(DaemonIpcTest, ReloadConnectionWithoutSystemProxy) {
-  EXPECT_EQ(0, ReloadConnection(SampleConnection()));
-  ExpectRequests({R"({"action": "reload_connection", "connection_id": 9,
+  Json::Value want = ParseJson(R"({"action": "reload_connection", "connection_id": 9,
       "server_name": "nas", "connection_mode": 48, "domain_name": "example.org",
       "server_ip": "10.1.2.3", "server_port": 6690, "nx_id": "nx", "restore_id": "r1",
       "protocol_version": 70, "use_ssl": 1, "ssl_signature": "AB:CD",
@@ -241,27 +208,23 @@ TEST_F(DaemonIpcTest, ReloadConnectionWithoutSystemProxy) {
       "proxy_port": 0, "proxy_username": "", "proxy_password": "", "proxy_domain": "",
       "proxy_host": "", "tunnel_ip": "10.9.9.9", "tunnel_port": 443, "session": "sid",
       "username": "alice", "computer_name": "pc", "package_version": 10001,
-      "package_major": 3, "package_minor": 1})"});
-}
+      "package_major": 3, "package_minor": 1})");
+  EXPECT_EQ(0, ReloadConnection(c));
+  EXPECT_EQ(std::vector<Json::Value>{want}, peer_.TakeRequests());
 
-TEST_F(DaemonIpcTest, ReloadConnectionWithSystemProxy) {
   ASSERT_EQ(0, system(("mkdir -p '" + dir_.File("etc/vesta") + "'").c_str()));
   dir_.Write("etc/vesta/proxy.conf",
              "enabled=yes\nhost=10.0.0.1\nport=3128\nauth_enabled=yes\n"
              "username=CORP\\alice\npassword=secret\n");
-  EXPECT_EQ(0, ReloadConnection(SampleConnection()));
-  std::vector<Json::Value> got = TakeRequests();
-  ASSERT_EQ(1u, got.size());
-  Json::Value want = ParseJson(R"({"use_proxy": 1, "use_sys_proxy": 0,
-      "proxy_ip": "10.0.0.1", "proxy_port": 3128, "proxy_username": "alice",
-      "proxy_password": "secret", "proxy_domain": "CORP"})");
-  for (const std::string& key : want.getMemberNames()) {
-    EXPECT_EQ(want[key], got[0][key]) << key;
-  }
+  const Json::Value proxy = ParseJson(R"({"use_sys_proxy": 0, "proxy_ip": "10.0.0.1",
+      "proxy_port": 3128, "proxy_username": "alice", "proxy_password": "secret",
+      "proxy_domain": "CORP"})");
+  for (const std::string& key : proxy.getMemberNames()) want[key] = proxy[key];
   char host[512] = {};
   gethostname(host, sizeof(host) - 1);
-  EXPECT_EQ(std::string(host), got[0]["proxy_host"].asString());
-  EXPECT_EQ("10.9.9.9", got[0]["tunnel_ip"].asString());
+  want["proxy_host"] = host;
+  EXPECT_EQ(0, ReloadConnection(c));
+  EXPECT_EQ(std::vector<Json::Value>{want}, peer_.TakeRequests());
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 // When the reply of one request is written relative to its handler: a
 // notification is acknowledged before the handler runs, an action answered
 // after it.  The handler is held inside "refresh_session" by keeping
-// state_mutex locked, so the order shows without any timing luck.
+// state_mutex locked.  (A request that cannot be read goes unanswered: see
+// the bad input of tests/system/monitor_system_test.py.)
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <thread>
 
@@ -55,52 +55,25 @@ class Exchange {
 };
 
 TEST(HandleMessage, NotificationAckedBeforeHandlerActionAnsweredAfter) {
-  MonitorDaemon d;
-  d.list_share_schedule = {{1, 500, 0}};
-
-  PObject notify;
-  notify["notify"] = "share_hook";
-  notify["action"] = "refresh_session";
-  notify["conn_id"] = 1;
-  pthread_mutex_lock(&d.state_mutex);
-  {
-    Exchange ex(&d, notify);
-    PObject want;
-    want["ack"] = "ok";
-    EXPECT_TRUE(ex.ReplyReady(5000));  // while the handler waits for the lock
-    EXPECT_EQ(ToJson(want), ToJson(ex.Reply()));
+  for (const bool notify : {true, false}) {
+    SCOPED_TRACE(notify ? "notification" : "action");
+    MonitorDaemon d;
+    d.list_share_schedule = {{1, 500, 0}};
+    PObject request;
+    if (notify) request["notify"] = "share_hook";
+    request["action"] = "refresh_session";
+    request["conn_id"] = 1;
+    pthread_mutex_lock(&d.state_mutex);
+    Exchange ex(&d, request);
+    // While the handler waits for the lock, a notification has its answer
+    // and an action has none.
+    EXPECT_EQ(notify, ex.ReplyReady(notify ? 5000 : 200));
     EXPECT_EQ(500, d.list_share_schedule.front().last_listed);
     pthread_mutex_unlock(&d.state_mutex);
+    EXPECT_EQ(notify ? "{\"ack\": \"ok\"}" : "null", ToJson(ex.Reply()));
     EXPECT_EQ(0, ex.Finish());
+    EXPECT_EQ(0, d.list_share_schedule.front().last_listed);
   }
-  EXPECT_EQ(0, d.list_share_schedule.front().last_listed);
-
-  PObject action;
-  action["action"] = "refresh_session";
-  action["conn_id"] = 1;
-  d.list_share_schedule.front().last_listed = 500;
-  pthread_mutex_lock(&d.state_mutex);
-  {
-    Exchange ex(&d, action);
-    EXPECT_FALSE(ex.ReplyReady(200));  // the handler has not run yet
-    pthread_mutex_unlock(&d.state_mutex);
-    EXPECT_TRUE(ex.Reply().IsNull());
-    EXPECT_EQ(0, ex.Finish());
-  }
-  EXPECT_EQ(0, d.list_share_schedule.front().last_listed);
-}
-
-TEST(HandleMessage, UnreadableRequestGetsNoReply) {
-  MonitorDaemon d;
-  int fds[2];
-  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
-  const unsigned char kBinary[] = {0x30, 0, 0, 0, 0, 0, 0, 0, 1, 'x'};
-  ASSERT_EQ(static_cast<ssize_t>(sizeof(kBinary)), write(fds[0], kBinary, sizeof(kBinary)));
-  shutdown(fds[0], SHUT_WR);
-  EXPECT_EQ(-1, d.HandleMessage(fds[1]));
-  char byte;
-  EXPECT_EQ(0, read(fds[0], &byte, 1));  // closed without a reply
-  close(fds[0]);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// Helpers of the net_io tests: loopback listeners, child processes that are
-// always reaped, shell commands, and test files of a given size.
+// Helpers of the wire tests: loopback listeners, child processes that are
+// always reaped, the openssl tool's view of a certificate, test files and a
+// file size limit.
 #ifndef VESTA_TESTS_NET_IO_NET_IO_TEST_UTIL_H_
 #define VESTA_TESTS_NET_IO_NET_IO_TEST_UTIL_H_
 
@@ -7,6 +8,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,16 +30,19 @@ inline bool IgnoreSigpipe() {
   return true;
 }
 
+inline struct sockaddr_in Loopback(int port) {
+  struct sockaddr_in addr = {};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  return addr;
+}
+
 // A listening TCP socket on 127.0.0.1 and a free port.
 class Listener {
  public:
-  explicit Listener(int backlog = 8) {
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    int one = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    struct sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  explicit Listener(int backlog = 8) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    struct sockaddr_in addr = Loopback(0);
     bind(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
     listen(fd_, backlog);
     socklen_t len = sizeof(addr);
@@ -50,7 +55,6 @@ class Listener {
 
   int Accept() const { return accept(fd_, nullptr, nullptr); }
   int port() const { return port_; }
-  int fd() const { return fd_; }
 
  private:
   int fd_;
@@ -58,19 +62,13 @@ class Listener {
 };
 
 // A port that was free a moment ago (for peers that bind it themselves).
-inline int FreePort() {
-  Listener l;
-  return l.port();
-}
+inline int FreePort() { return Listener().port(); }
 
 // True once something accepts connections on 127.0.0.1:port (up to ~10 s).
 inline bool WaitForPort(int port) {
   for (int i = 0; i < 200; ++i) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
+    struct sockaddr_in addr = Loopback(port);
     int rc = connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
     close(fd);
     if (rc == 0) return true;
@@ -88,10 +86,9 @@ class ChildProcess {
     pid_ = fork();
     if (pid_ == 0) {
       setpgid(0, 0);
-      int in = open(stdin_path.empty() ? "/dev/null" : stdin_path.c_str(), O_RDONLY);
+      dup2(open(stdin_path.empty() ? "/dev/null" : stdin_path.c_str(), O_RDONLY), 0);
       int out = open(stdout_path.empty() ? "/dev/null" : stdout_path.c_str(),
                      O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      dup2(in, 0);
       dup2(out, 1);
       dup2(out, 2);
       std::vector<char*> args;
@@ -141,44 +138,43 @@ inline bool MakeCerts(const std::string& dir) {
   return status == 0;
 }
 
-// The signature block that `openssl x509 -text` prints for the certificate
-// file `cert`, without blanks and newlines.
-inline std::string CertSignature(const std::string& cert) {
-  std::string text = RunCommand("openssl x509 -noout -text -in '" + cert + "'");
-  const std::string label = "Signature Value:";
+// What `openssl x509` prints after `label` for the certificate file `cert`,
+// with `keep` characters only (blanks and newlines never).
+inline std::string X509Field(const std::string& cert, const std::string& option,
+                             const std::string& label, int (*keep)(int)) {
+  std::string text = RunCommand("openssl x509 -noout " + option + " -in '" + cert + "'");
   size_t at = text.rfind(label);
-  if (at == std::string::npos) return "";
-  std::string block = text.substr(at + label.size());
-  block.erase(std::remove_if(block.begin(), block.end(),
-                             [](char c) { return isspace(static_cast<unsigned char>(c)); }),
-              block.end());
-  return block;
-}
-
-// `openssl x509 -fingerprint -sha256` of `cert` in lower case without colons.
-inline std::string CertFingerprint(const std::string& cert) {
-  std::string out = RunCommand("openssl x509 -noout -fingerprint -sha256 -in '" + cert + "'");
   std::string result;
-  for (char c : out.substr(out.find('=') + 1)) {
-    if (isxdigit(static_cast<unsigned char>(c))) result += static_cast<char>(tolower(c));
+  if (at == std::string::npos) return result;
+  for (char c : text.substr(at + label.size())) {
+    if (keep(static_cast<unsigned char>(c))) result += static_cast<char>(tolower(c));
   }
   return result;
+}
+
+// The signature block of `openssl x509 -text`.
+inline std::string CertSignature(const std::string& cert) {
+  return X509Field(cert, "-text", "Signature Value:", isgraph);
+}
+
+// `openssl x509 -fingerprint -sha256` in lower case without colons.
+inline std::string CertFingerprint(const std::string& cert) {
+  return X509Field(cert, "-fingerprint -sha256", "=", isxdigit);
 }
 
 // SHA-256 of bytes [offset, offset + length) of a file, by the sha256sum tool.
 inline std::string Sha256Of(const std::string& path, unsigned long long offset = 0,
                             long long length = -1) {
-  std::string cmd = "tail -c +" + std::to_string(offset + 1) + " '" + path + "'";
+  std::string cmd = "tail -c +" + std::to_string(offset + 1) + " '" + path + "' 2>/dev/null";
   if (length >= 0) cmd += " | head -c " + std::to_string(length);
-  std::string out = RunCommand(cmd + " | sha256sum");
-  return out.substr(0, 64);
+  return RunCommand(cmd + " | sha256sum").substr(0, 64);
 }
 
 // Writes `size` bytes of a fixed pseudo-random pattern to `path`.
 inline void MakeFile(const std::string& path, size_t size, uint32_t seed = 1) {
   FILE* f = fopen(path.c_str(), "wb");
-  std::vector<uint32_t> block(16384);
   uint32_t x = seed;
+  std::vector<uint32_t> block(16384);
   for (size_t done = 0; done < size;) {
     for (uint32_t& w : block) {
       x ^= x << 13;
@@ -192,6 +188,24 @@ inline void MakeFile(const std::string& path, size_t size, uint32_t seed = 1) {
   }
   fclose(f);
 }
+
+// Lowers this process's file size limit for the life of the object; a write
+// past it fails with EFBIG instead of raising SIGXFSZ.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &old_);
+    struct rlimit limit = {std::min(bytes, old_.rlim_max), old_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &old_); }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  struct rlimit old_;
+};
 
 }  // namespace net_io_test
 

@@ -9,16 +9,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
-#include "net/cat/socket_ops.h"
-#include "net/cat/ssl_socket.h"
 #include "net/channel.h"
 #include "tests/common/temp_dir.h"
 #include "tests/net_io/net_io_test_util.h"
@@ -73,13 +69,6 @@ class TlsTest : public ::testing::Test {
     return ch->ConvertToSSLChannel(false);
   }
 
-  static std::string SignatureOf(const std::string& cert) {
-    return net_io_test::CertSignature(Cert(cert));
-  }
-  static std::string FingerprintOf(const std::string& cert) {
-    return net_io_test::CertFingerprint(Cert(cert));
-  }
-
   static TempDir* dir_;
   static bool certs_ok_;
   static std::map<std::string, TlsServer*> servers_;
@@ -89,149 +78,102 @@ TempDir* TlsTest::dir_ = nullptr;
 bool TlsTest::certs_ok_ = false;
 std::map<std::string, TlsServer*> TlsTest::servers_;
 
-TEST_F(TlsTest, VerifiedChainAndHostNames) {
-  struct Case {
+// The chain checked against the CA bundle and the host names (the common
+// name when there is no subjectAltName), or trust by the certificate's
+// signature text.
+TEST_F(TlsTest, ChainHostOrSignatureChecks) {
+  const struct {
     const char* server;
-    const char* host;  // "" = no host check
+    bool by_signature;
+    const char* host;       // "" = no host check
+    const char* signature;  // of this certificate; "" = none expected
     int result;
+  } kCases[] = {
+      {"server", false, "server.test", "", 0},
+      {"server", false, "alt.example.org", "", 0},
+      {"server", false, "ALT.example.ORG", "", 0},
+      {"server", false, "", "", 0},
+      {"server", false, "wrong.test", "", -24},
+      {"server", false, "127.0.0.1", "", -24},  // IP entries are not names
+      {"wild", false, "a.wild.test", "", 0},
+      {"wild", false, "wild.test", "", 0},
+      {"wild", false, "a.b.wild.test", "", -24},
+      {"cnonly", false, "cn-only.test", "", 0},
+      {"cnonly", false, "other.test", "", -24},
+      {"self", false, "", "", -24},  // not signed by the CA
+      {"self", true, "", "", 0},     // anything goes, even self-signed
+      {"self", true, "not-checked.test", "self.crt", 0},  // names count only when verifying
+      {"self", true, "", "server.crt", -25},
   };
-  const Case cases[] = {
-      {"server", "server.test", 0},      {"server", "alt.example.org", 0},
-      {"server", "ALT.example.ORG", 0},  {"server", "", 0},
-      {"server", "wrong.test", -24},     {"server", "127.0.0.1", -24},  // IP entries are not names
-      {"wild", "a.wild.test", 0},        {"wild", "wild.test", 0},
-      {"wild", "a.b.wild.test", -24},    {"cnonly", "cn-only.test", 0},
-      {"cnonly", "other.test", -24},     {"self", "", -24},  // not signed by the CA
-  };
-  for (const Case& c : cases) {
+  for (const auto& c : kCases) {
     Channel ch;
-    ch.SetTrustBySignature(false);
+    ch.SetTrustBySignature(c.by_signature);
     ch.SetExpectedHost(c.host);
-    EXPECT_EQ(ConnectTls(&ch, c.server), c.result) << c.server << " / " << c.host;
-    EXPECT_EQ(ch.IsSSL(), c.result == 0);
+    ch.SetExpectedSignature(*c.signature ? net_io_test::CertSignature(Cert(c.signature)) : "");
+    EXPECT_EQ(c.result, ConnectTls(&ch, c.server)) << c.server << " / " << c.host;
+    EXPECT_EQ(c.result == 0, ch.IsSSL());
   }
-
   // A bundle that does not hold the CA, and no bundle at all.  (Each
   // channel is closed before the next: the server serves one at a time.)
   for (const char* bundle : {"self.crt", "no-such-bundle.crt"}) {
     Channel::SetCAPath(Cert(bundle));
     Channel ch;
     ch.SetTrustBySignature(false);
-    EXPECT_EQ(ConnectTls(&ch, "server"), -24) << bundle;
+    EXPECT_EQ(-24, ConnectTls(&ch, "server")) << bundle;
   }
 }
 
-// Below the channel the two verification failures stay apart.
-TEST_F(TlsTest, ClientSocketTellsChainFromHostFailures) {
-  struct Case {
-    const char* server;
-    const char* host;
-    int error;
-    long verify_result;
-    const char* common_name;
-  };
-  const Case cases[] = {
-      {"self", "", cat::kErrSslVerify, X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, "self.test"},
-      {"server", "nope.test", cat::kErrSslHost, X509_V_OK, "server.test"},
-      {"wild", "x.wild.test", 0, X509_V_OK, "*.wild.test"},
-  };
-  for (const Case& c : cases) {
-    cat::Socket sock(cat::ConnectTcp("127.0.0.1", servers_[c.server]->port, 5, nullptr));
-    ASSERT_TRUE(sock.valid());
-    cat::BufferedIO plain;
-    plain.Attach(sock);
-    cat::SslClientSocket tls(Channel::kClientCipherList, Cert("ca.crt"));
-    tls.expected_host = c.host;
-    EXPECT_EQ(plain.HandOver(&tls), c.error == 0 ? 0 : -1) << c.server;
-    EXPECT_EQ(tls.GetError(), c.error) << c.server;
-    EXPECT_EQ(tls.verify_result, c.verify_result) << c.server;
-    EXPECT_EQ(tls.peer_common_name, c.common_name) << c.server;
-    tls.Detach();
-    sock.Close();
-  }
-}
-
-TEST_F(TlsTest, TrustBySignature) {
-  const std::string signature = SignatureOf("self.crt");
-  ASSERT_FALSE(signature.empty());
-  {
-    Channel ch;  // no expected signature: anything goes, even self-signed
-    EXPECT_EQ(ConnectTls(&ch, "self"), 0);
-  }
-  {
-    Channel ch;
-    ch.SetExpectedSignature(signature);
-    ch.SetExpectedHost("not-checked.test");  // names are checked only when verifying
-    EXPECT_EQ(ConnectTls(&ch, "self"), 0);
-  }
-  {
-    Channel ch;
-    ch.SetExpectedSignature(SignatureOf("server.crt"));
-    EXPECT_EQ(ConnectTls(&ch, "self"), -25);
-    EXPECT_FALSE(ch.IsSSL());
-  }
-}
-
-TEST_F(TlsTest, SignatureTextHashAndDataOverTheClient) {
+TEST_F(TlsTest, ClientAndServerSidesCarryData) {
   Channel ch;
   ch.SetTrustBySignature(false);
   ch.SetExpectedHost("server.test");
-  ASSERT_EQ(ConnectTls(&ch, "server"), 0);
-  ASSERT_TRUE(ch.IsSSL());
+  ASSERT_EQ(0, ConnectTls(&ch, "server"));
   std::string signature;
-  EXPECT_EQ(ch.GetSslSignature(&signature), 0);
-  EXPECT_EQ(signature, SignatureOf("server.crt"));
-  EXPECT_EQ(signature.find('\n'), std::string::npos);
-  EXPECT_EQ(ch.GetSslSignatureHash(), FingerprintOf("server.crt"));
-  EXPECT_EQ(ch.GetSslSignatureHash().size(), 64u);
-
-  EXPECT_EQ(ch.ConvertToSSLChannel(false), 0);  // already TLS: nothing changes
+  EXPECT_EQ(0, ch.GetSslSignature(&signature));
+  EXPECT_EQ(net_io_test::CertSignature(Cert("server.crt")), signature);
+  EXPECT_EQ(std::string::npos, signature.find('\n'));
+  EXPECT_EQ(net_io_test::CertFingerprint(Cert("server.crt")), ch.GetSslSignatureHash());
+  EXPECT_EQ(64u, ch.GetSslSignatureHash().size());
+  EXPECT_EQ(0, ch.ConvertToSSLChannel(false));  // already TLS: nothing changes
   EXPECT_TRUE(ch.IsSSL());
-
-  ASSERT_EQ(ch.Write("hello tls\n", 10), 0);
-  ASSERT_EQ(ch.Flush(0), 0);
+  ASSERT_EQ(0, ch.Write("hello tls\n", 10));
+  ASSERT_EQ(0, ch.Flush(0));
   char buf[10];
-  ASSERT_EQ(ch.Read(buf, 10), 0);
-  EXPECT_EQ(std::string(buf, 10), "slt olleh\n");
-  EXPECT_EQ(ch.Close(), 0);
-  EXPECT_EQ(ch.GetSslSignatureHash(), "");
-}
+  ASSERT_EQ(0, ch.Read(buf, 10));
+  EXPECT_EQ("slt olleh\n", std::string(buf, 10));
+  EXPECT_EQ(0, ch.Close());
+  EXPECT_EQ("", ch.GetSslSignatureHash());
 
-TEST_F(TlsTest, ServerSideAnswersOpensslClient) {
+  // The server side, driven by `openssl s_client`.
   Channel::m_cert_path = Cert("server.crt");
   Channel::m_key_path = Cert("server.key");
   Channel::m_server_cipher_list = "ECDHE-RSA-AES128-GCM-SHA256";
-
   net_io_test::Listener listener;
-  const std::string input = dir_->Write("client-in", "ping\n");
   const std::string output = dir_->File("client-out");
-  ChildProcess client({"openssl", "s_client", "-connect",
-                       "127.0.0.1:" + std::to_string(listener.port()), "-tls1_2", "-quiet"},
-                      input, output);
-  Channel ch;
-  ch.SetTimeout(10);
-  ASSERT_EQ(ch.Open(listener.Accept(), true), 0);
-  ASSERT_EQ(ch.ConvertToSSLChannel(true), 0);
-  char buf[5];
-  ASSERT_EQ(ch.Read(buf, 5), 0);
-  EXPECT_EQ(std::string(buf, 5), "ping\n");
-  ASSERT_EQ(ch.Write("pong\n", 5), 0);
-  ASSERT_EQ(ch.Flush(0), 0);
-  ch.Close();
-  EXPECT_EQ(client.Wait(10), 0);
-  EXPECT_NE(ReadFile(output).find("pong"), std::string::npos);
+  const std::vector<std::string> client = {"openssl", "s_client", "-connect",
+                                           "127.0.0.1:" + std::to_string(listener.port()),
+                                           "-tls1_2", "-quiet"};
+  ChildProcess answered(client, dir_->Write("client-in", "ping\n"), output);
+  Channel server;
+  server.SetTimeout(10);
+  ASSERT_EQ(0, server.Open(listener.Accept(), true));
+  ASSERT_EQ(0, server.ConvertToSSLChannel(true));
+  char ping[5];
+  ASSERT_EQ(0, server.Read(ping, 5));
+  EXPECT_EQ("ping\n", std::string(ping, 5));
+  ASSERT_EQ(0, server.Write("pong\n", 5));
+  ASSERT_EQ(0, server.Flush(0));
+  server.Close();
+  EXPECT_EQ(0, answered.Wait(10));
+  EXPECT_NE(std::string::npos, ReadFile(output).find("pong"));
 
   // A cipher list the TLS library refuses fails the conversion.
   Channel::m_server_cipher_list = "NO-SUCH-CIPHER";
-  ChildProcess refused({"openssl", "s_client", "-connect",
-                        "127.0.0.1:" + std::to_string(listener.port()), "-quiet"});
+  ChildProcess refused(client);
   Channel other;
-  ASSERT_EQ(other.Open(listener.Accept(), true), 0);
-  EXPECT_EQ(other.ConvertToSSLChannel(true), -2);
+  ASSERT_EQ(0, other.Open(listener.Accept(), true));
+  EXPECT_EQ(-2, other.ConvertToSSLChannel(true));
   EXPECT_FALSE(other.IsSSL());
-  Channel::m_server_cipher_list.clear();
-  Channel::m_cert_path.clear();
-  Channel::m_key_path.clear();
 }
 
 }  // namespace

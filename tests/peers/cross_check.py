@@ -2,10 +2,11 @@
 """Cross-check of the Python codec against the daemon's encoder.
 
 Starts the echo peer (tests/stream/pstream_echo.cc) on a UNIX socket, sends
-it a few hundred generated values encoded here, and checks that what comes
-back -- decoded and re-encoded by the C++ side -- is byte for byte what this
-codec writes for the same value after one trip, and decodes to that value.
-Malformed inputs must come back as {"error": code}.
+it a few edge values and a few hundred generated ones encoded here, and
+checks that what comes back -- decoded and encoded again by the C++ side --
+is byte for byte what this codec writes for the same value after one trip,
+and decodes to that value.  Malformed inputs must fail with the same code
+in both decoders (the echo answers {"error": code}).
 
     cross_check.py PATH_OF_pstream_echo [COUNT] [SEED]
 """
@@ -26,74 +27,60 @@ import pstream  # noqa: E402
 INT_EDGES = [0, 1, 255, 256, 65535, 65536, 2**32 - 1, 2**32, 2**63 - 1, -1, -2,
              -256, -(2**31), -(2**63)]
 TEXT_POOL = "abcxyzABC_0123 \"\\\t\n\x01é€😀"
-
-
-def gen_text(rng):
-    n = rng.choice([0, 1, 5, 15, 16, 17, 40, rng.randrange(300)])
-    return "".join(rng.choice(TEXT_POOL) for _ in range(n))
-
-
-def gen_bytes(rng, limit=64):
-    return bytes(rng.randrange(256) for _ in range(rng.randrange(limit)))
-
-
-def gen_key(rng):
-    r = rng.random()
-    if r < 0.15:
-        return "_" + gen_text(rng)[:10]
-    if r < 0.25:
-        return b"\xff" + gen_bytes(rng, 8)
-    return gen_text(rng)[:20]
+# Values every run sends: the key rule, a cut string, keys and texts that
+# are no UTF-8, each kind of byte block.
+EDGES = [{"_agent": "x", "_": 1, "__a": None}, "a" + "b" * 65536, {b"\xff\x00": b"\x80"},
+         [pstream.Buffer(b""), pstream.Binary(b""), pstream.BinaryEx(b"", hash_algo="sha256")],
+         {"k": [pstream.Binary(b"\x00" * 100000), pstream.BinaryEx(b"x" * 70000)]}]
 
 
 def gen_value(rng, depth=0):
-    kinds = ["null", "int", "int", "text", "bytes", "buffer"]
-    if depth < 4:
-        kinds += ["list", "dict", "dict", "binary", "binary_ex"]
-    kind = rng.choice(kinds)
-    if kind == "null":
-        return None
-    if kind == "int":
-        if rng.random() < 0.5:
-            return rng.choice(INT_EDGES)
-        return rng.randrange(-(2**63), 2**63)
-    if kind == "text":
-        if rng.random() < 0.01:
-            return "L" * 65537  # cut to one byte on the wire
-        return gen_text(rng)
-    if kind == "bytes":
-        return gen_bytes(rng)
-    if kind == "buffer":
-        return pstream.Buffer(gen_bytes(rng, 5000))
-    if kind == "binary":
-        return pstream.Binary(gen_bytes(rng, 3000))
-    if kind == "binary_ex":
-        return pstream.BinaryEx(gen_bytes(rng, 3000), hash_algo="sha256")
+    def text():
+        n = rng.choice([0, 1, 5, 15, 16, 17, 40, rng.randrange(300)])
+        return "".join(rng.choice(TEXT_POOL) for _ in range(n))
+
+    def raw(limit=64):
+        return bytes(rng.randrange(256) for _ in range(rng.randrange(limit)))
+
+    def key():
+        r = rng.random()
+        return "_" + text()[:10] if r < 0.15 else b"\xff" + raw(8) if r < 0.25 else text()[:20]
+
+    kind = rng.choice(["null", "int", "int", "text", "bytes", "buffer"] +
+                      (["list", "dict", "dict", "binary", "binary_ex"] if depth < 4 else []))
     if kind == "list":
         return [gen_value(rng, depth + 1) for _ in range(rng.randrange(6))]
-    members = {}
-    seen = set()
-    for _ in range(rng.randrange(6)):
-        key = gen_key(rng)
-        raw = key.encode() if isinstance(key, str) else key
-        if raw in seen:
-            continue
-        seen.add(raw)
-        members[key] = gen_value(rng, depth + 1)
-    return members
+    if kind == "dict":  # a key and its bytes form are the same key on the wire
+        def wire(k):
+            return k.encode() if isinstance(k, str) else k
+
+        members = {}
+        for k in (key() for _ in range(rng.randrange(6))):
+            if wire(k) not in set(map(wire, members)):
+                members[k] = gen_value(rng, depth + 1)
+        return members
+    return {"null": lambda: None,
+            "int": lambda: (rng.choice(INT_EDGES) if rng.random() < 0.5
+                            else rng.randrange(-(2**63), 2**63)),
+            "text": text,
+            "bytes": raw,
+            "buffer": lambda: pstream.Buffer(raw(5000)),
+            "binary": lambda: pstream.Binary(raw(3000)),
+            "binary_ex": lambda: pstream.BinaryEx(raw(3000), hash_algo="sha256"),
+            }[kind]()
 
 
 def exchange(path, data, half_close=False):
     """Sends raw bytes, returns every byte of the answer."""
+    deadline = time.monotonic() + 30
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
         s.settimeout(30)
-        # The file appears at bind, a moment before the peer listens.
-        for attempt in range(500):
+        while True:  # the first time, the peer may not listen yet
             try:
                 s.connect(path)
                 break
             except (ConnectionRefusedError, FileNotFoundError):
-                if attempt == 499:
+                if time.monotonic() > deadline:
                     raise
                 time.sleep(0.01)
         s.sendall(data)
@@ -103,16 +90,14 @@ def exchange(path, data, half_close=False):
         while True:
             chunk = s.recv(1 << 16)
             if not chunk:
-                break
+                return b"".join(chunks)
             chunks.append(chunk)
-        return b"".join(chunks)
 
 
 def with_sha256(value):
     """The daemon side sends every binary_ex with a sha256 digest."""
     if isinstance(value, pstream.BinaryEx):
-        return pstream.BinaryEx(value.data,
-                                send_hash=hashlib.sha256(value.data).hexdigest())
+        return pstream.BinaryEx(value.data, send_hash=hashlib.sha256(value.data).hexdigest())
     if isinstance(value, list):
         return [with_sha256(v) for v in value]
     if isinstance(value, dict):
@@ -131,30 +116,31 @@ MALFORMED = [
 ]
 
 
+def python_error(data):
+    try:
+        pstream.decode(data)
+        return 0
+    except pstream.PStreamError as e:
+        return e.code
+
+
 def main():
     echo = sys.argv[1]
     count = int(sys.argv[2]) if len(sys.argv) > 2 else 300
-    seed = int(sys.argv[3]) if len(sys.argv) > 3 else 20240601
-    rng = random.Random(seed)
+    rng = random.Random(int(sys.argv[3]) if len(sys.argv) > 3 else 20240601)
     work = tempfile.mkdtemp(prefix="vesta-cross-")
     sock_path = os.path.join(work, "echo.sock")
-    files = os.path.join(work, "files")
-    os.mkdir(files)
-    peer = subprocess.Popen([echo, sock_path, files])
+    os.mkdir(os.path.join(work, "files"))
+    peer = subprocess.Popen([echo, sock_path, os.path.join(work, "files")])
     failures = 0
     try:
-        for _ in range(500):
-            if os.path.exists(sock_path):
-                break
-            time.sleep(0.01)
-        for i in range(count):
-            value = gen_value(rng)
+        values = EDGES + [gen_value(rng) for _ in range(count)]
+        for i, value in enumerate(values):
             # The echo decodes what it gets and encodes that again: two trips
             # (a key "__a" arrives as "_a" and goes back as "a").
             received = with_sha256(pstream.wire_form(value))
             expected = pstream.wire_form(received)
             answer = exchange(sock_path, pstream.encode(value))
-            # C++ encoder -> Python decoder, and byte equality of both writers.
             got = pstream.decode(answer, hash_algo="sha256")
             if answer != pstream.encode(received) or got != expected:
                 failures += 1
@@ -165,14 +151,15 @@ def main():
                 print("value %d: digest %s != %s" % (i, got.send_hash, got.recv_hash))
         for name, data, code in MALFORMED:
             answer = pstream.decode(exchange(sock_path, data, half_close=True))
-            if answer != {"error": code}:
+            if answer != {"error": code} or python_error(data) != code:
                 failures += 1
-                print("%s: expected error %d, got %r" % (name, code, answer))
+                print("%s: expected error %d, got %r and %d" % (name, code, answer,
+                                                               python_error(data)))
     finally:
         peer.kill()
         peer.wait()
         shutil.rmtree(work, ignore_errors=True)
-    print("%d values, %d malformed inputs, %d failures" % (count, len(MALFORMED), failures))
+    print("%d values, %d malformed inputs, %d failures" % (len(values), len(MALFORMED), failures))
     return 1 if failures else 0
 
 

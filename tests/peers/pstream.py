@@ -1,20 +1,7 @@
 """Encoder and decoder of the daemon's tagged wire format, for test peers.
 
-Standard library only.  Every value starts with a one-byte tag; every
-multi-byte number is big-endian:
-
-    tag   kind        body
-    0x00  null        one byte 0x00
-    0x01  integer     one byte N, then N bytes of the value (two's complement
-                      when N = 8)
-    0x10  string      16-bit length L, then L bytes
-    0x20  buffer      32-bit length L, then L bytes
-    0x30  binary      64-bit length L, then L bytes of file content
-    0x40  end         closes an array, a map or a binary_ex
-    0x41  array       the elements, then 0x40
-    0x42  map         per member: key (a string value), value; then 0x40
-    0x43  binary_ex   members "binary" (a binary) and "send_hash" (a string)
-                      in map form, then 0x40
+Standard library only.  Every value starts with a one-byte tag (TAG_*
+below, each with its body); every multi-byte number is big-endian.
 
 Python representation:
 
@@ -32,29 +19,24 @@ The writer behaves like the daemon's: members in bytewise key order, a key
 whose first character is '_' sent without it, an integer in 1, 2, 4 or 8
 bytes (as unsigned: below 2**8, below 2**16, upper half zero, else 8), and a
 string cut to its length modulo 65536.
-
-    data = encode({"action": "stop"})
-    value = decode(data)
-    send_value(sock, value); reply = recv_value(sock)
 """
 
 import hashlib
 import struct
 
-TAG_NULL = 0x00
-TAG_INTEGER = 0x01
-TAG_STRING = 0x10
-TAG_BUFFER = 0x20
-TAG_BINARY = 0x30
-TAG_END = 0x40
-TAG_ARRAY = 0x41
-TAG_MAP = 0x42
-TAG_BINARY_EX = 0x43
+TAG_NULL = 0x00       # one byte 0x00
+TAG_INTEGER = 0x01    # one byte N, then N bytes (two's complement when N = 8)
+TAG_STRING = 0x10     # 16-bit length L, then L bytes
+TAG_BUFFER = 0x20     # 32-bit length L, then L bytes
+TAG_BINARY = 0x30     # 64-bit length L, then L bytes of file content
+TAG_END = 0x40        # closes an array, a map or a binary_ex
+TAG_ARRAY = 0x41      # the elements, then TAG_END
+TAG_MAP = 0x42        # per member: key (a string value), value; then TAG_END
+TAG_BINARY_EX = 0x43  # members "binary" (a binary), "send_hash" (a string), TAG_END
 
 MAX_DEPTH = 128
 
 # Error codes as the daemon's decoder reports them.
-ERR_STREAM = -1
 ERR_CHANNEL = -2
 ERR_MALFORMED = -5
 
@@ -67,34 +49,29 @@ class PStreamError(Exception):
         self.code = code
 
 
-class Buffer:
+class _Bytes:
+    __slots__ = ("data",)
+
+    def __init__(self, data=b""):
+        self.data = bytes(data)
+
+    def __eq__(self, other):
+        return type(other) is type(self) and self.data == other.data
+
+    def __repr__(self):
+        return "%s(%d bytes)" % (type(self).__name__, len(self.data))
+
+
+class Buffer(_Bytes):
     """An in-memory byte block."""
 
-    __slots__ = ("data",)
-
-    def __init__(self, data=b""):
-        self.data = bytes(data)
-
-    def __eq__(self, other):
-        return isinstance(other, Buffer) and self.data == other.data
-
-    def __repr__(self):
-        return "Buffer(%d bytes)" % len(self.data)
+    __slots__ = ()
 
 
-class Binary:
+class Binary(_Bytes):
     """A file's byte range; on the wire only its content travels."""
 
-    __slots__ = ("data",)
-
-    def __init__(self, data=b""):
-        self.data = bytes(data)
-
-    def __eq__(self, other):
-        return isinstance(other, Binary) and self.data == other.data
-
-    def __repr__(self):
-        return "Binary(%d bytes)" % len(self.data)
+    __slots__ = ()
 
 
 class BinaryEx:

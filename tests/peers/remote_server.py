@@ -1,60 +1,40 @@
 #!/usr/bin/env python3
 """A simulated remote storage server for tests and the sandbox.
 
-Speaks the server side of the request protocol: on each connection it reads
-the 8-byte header (magic 0x25521814, protocol version 70, command, payload
-length; big-endian), then one request map, records it and answers by a
-script.  After answering `encrypt_channel` it switches the same connection
-to TLS (server side, with --cert/--key) and reads the next header.
-Standard library only; the wire codec is tests/peers/pstream.py.
+Server side of the request protocol: per request an 8-byte header (magic
+0x25521814, protocol version 70, command, payload length; big-endian), then
+one request map, recorded and answered by a script.  After answering
+`encrypt_channel` (22) it switches the connection to TLS (--cert/--key;
+without them, or on --unix, it closes) and reads the next header.  Commands:
+25 query_server_info, 17 query_user_info, any other N is action "cmd<N>".
+A header with another magic or version is recorded as {"bad_header": HEX}
+and the connection closed.  Standard library only; the wire codec is
+tests/peers/pstream.py.
 
-Commands: 22 encrypt_channel, 25 query_server_info, 17 query_user_info
-(any other number is recorded and answered like an action named "cmd<N>").
-A header with another magic or version is recorded as {"bad_header": ...}
-and the connection is closed.
+Script (a JSON file, read again for every request):
 
-Script (a JSON file, read again for every request, so a test may change it
-between requests):
-
-    {"replies": {
-         "query_server_info": {"server_id": "S1",
-                               "package_version": {"major": 3, "minor": 0,
-                                                   "build": 12700}},
-         "query_user_info": {"uid": 1026, "view_list": [
-             {"view_id": 7, "name": "team", "privilege": "read-write"}]},
-         "*": {}},
+    {"replies": {"query_server_info": {"package_version": {"build": 12700}},
+                 "query_user_info": {"uid": 1026, "view_list": [...]},
+                 "*": {}},
      "keep_alive": {"query_user_info": 2},
      "close_after_header": ["query_server_info"]}
 
-"replies" maps an action to the reply value ("*" for any other action;
-without either the reply is an empty map).  A reply may be any JSON value,
-sent as it stands: a map, or a text, number or list for a reply that is no
-map.  An error reply is an ordinary map: {"error": {"code": 28680,
-"reason": "denied"}} (codes in decimal).  A JSON object {"$binary": TEXT}
-anywhere in a reply is sent as a binary (file content TEXT in UTF-8).
-"keep_alive" sends that many {"type": "keep_alive"} replies before the
-answer.  Actions in "close_after_header" get nothing: the server ends its
-side of the connection right after their header, without reading the
-request (the rest is drained so the client sees an orderly end).
+"replies" maps an action to its reply ("*" for any other; else an empty
+map), any JSON value sent as it stands; {"$binary": TEXT} anywhere in it is
+sent as a binary holding TEXT in UTF-8; an error reply is a map such as
+{"error": {"code": 28680, "reason": "denied"}}.  "keep_alive" sends that
+many {"type": "keep_alive"} replies first.  Actions in "close_after_header"
+get nothing: the server ends its side right after their header and drains
+the rest, so the client sees an orderly end.
 
-Record: one JSON line per request,
+Record (--record): one JSON line per request,
     {"command": 25, "tls": true, "unix": false, "request": {...}}
-with integers as JSON numbers and strings as JSON strings, so a reader sees
-the types the client sent (keys as they travel: "_action" arrives as
-"action").  A request that cannot be decoded is recorded as
-{"bad_request": TEXT}; a failed TLS switch as {"tls_error": TEXT}.
+(keys as they travel: "_action" arrives as "action"); {"bad_request": TEXT}
+for a request that cannot be decoded, {"tls_error": TEXT} for a failed switch.
 
-Listening: TCP on --host (default 127.0.0.1) and --port (0 picks a free
-port), and also on the UNIX socket --unix PATH when given (for "unix:"
-addresses; no TLS is offered there).  --cert and --key name the PEM
-certificate chain and key of the TLS switch (tests make them with the
-openssl command line, e.g. tests/net_io/make_certs.sh); without them an
-encrypt_channel request is answered and the connection then closed.
---ready FILE is written once listening, holding the TCP port number.
-
-Usage: remote_server.py [--host H] [--port N] [--unix PATH] [--cert FILE]
-                        [--key FILE] [--script FILE] [--record FILE]
-                        [--ready FILE]
+Listens on TCP --host (127.0.0.1) and --port (0: a free one), and on the
+UNIX socket --unix PATH when given; writes the TCP port to --ready FILE once
+listening.
 """
 
 import argparse

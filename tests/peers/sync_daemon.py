@@ -2,25 +2,20 @@
 """A simulated sync daemon for tests and the sandbox.
 
 Listens on the sync daemon's command socket ($VESTA_ROOT/tmp/tarn.sock by
-default), reads one value per connection, records it as one JSON line and
-answers by a small script.  Standard library only; the wire codec is
-tests/peers/pstream.py.
+default), reads one value per connection, records it and answers by a
+script.  Standard library only; the wire codec is tests/peers/pstream.py.
 
-Script (a JSON file, read again for every request so a test can change it
-between commands):
+Script (a JSON file, read again for every request):
 
     {"replies": {"get_status": {"connection_list": [...]},
                  "pause": {"error": "busy"},
                  "*": {"ack": "ok"}},
      "close": ["resume"]}
 
-"replies" maps an action to the reply value ("*" for any other action;
-without either the reply is an empty map).  Actions listed in "close" get
-no reply at all: the connection is closed after the request was read.
+"replies" maps an action to its reply ("*" for any other; else an empty
+map); actions in "close" get no reply, the connection is closed.
 
-Record: one JSON object per request, {"request": value}, with integers as
-JSON numbers and strings as JSON strings, so a reader sees the types the
-daemon would see.
+Record (--record): one JSON line per request, {"request": value}.
 
 Usage: sync_daemon.py [--socket PATH] [--record FILE] [--script FILE]
                       [--ready FILE]

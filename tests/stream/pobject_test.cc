@@ -1,6 +1,5 @@
 // PObject: kinds, the never-failing readers, conversions, copies and moves,
-// the inline/out-of-line string boundary, buffer reservation and the JSON
-// text.
+// the inline/out-of-line string boundary, buffer blocks and the JSON text.
 #include "stream/PObject.h"
 
 #include <gtest/gtest.h>
@@ -10,115 +9,85 @@
 
 namespace {
 
-// One value of every kind, with the code and emptiness it must report.
-struct KindCase {
-  const char* name;
-  PObject value;
-  int code;
-  bool empty;
-  bool truth;
-};
-
-std::vector<KindCase> KindCases() {
-  std::vector<KindCase> cases;
-  cases.push_back({"null", PObject(), 0, true, false});
-  cases.push_back({"array", PObject(), 1, true, false});
-  cases.back().value.MutableArray();
-  cases.push_back({"map", PObject(), 2, true, false});
-  cases.back().value.MutableMap();
-  cases.push_back({"integer 0", PObject(0), 3, false, false});
-  cases.push_back({"integer -3", PObject(-3), 3, false, true});
-  cases.push_back({"string", PObject(""), 4, true, false});
-  cases.push_back({"binary", PObject(PObject::binary_type()), 5, true, false});
-  cases.push_back({"binary_ex", PObject(PObject::binary_ex_type()), 6, true, false});
-  cases.push_back({"buffer", PObject(PObject::buffer_type()), 7, true, false});
-  return cases;
-}
-
 TEST(PObjectTest, KindsCodesEmptinessAndTruth) {
-  for (const KindCase& c : KindCases()) {
-    SCOPED_TRACE(c.name);
-    const PObject& v = c.value;
-    EXPECT_EQ(c.code, v.GetType());
-    EXPECT_EQ(c.empty, v.Empty());
-    EXPECT_EQ(c.truth, v.AsBool());
-    int hits = v.IsNull() + v.IsArray() + v.IsMap() + v.IsInteger() + v.IsString() +
-               v.IsBinary() + v.IsBinaryEx() + v.IsBuffer();
-    EXPECT_EQ(1, hits);
-  }
-
-  PObject one_member;
+  PObject array, map, one_member, text("x"), named_binary(PObject::binary_type{0, 0, "/f"});
+  array.MutableArray();
+  map.MutableMap();
   one_member["k"];
-  EXPECT_TRUE(one_member.AsBool());
-  PObject named_binary(PObject::binary_type{0, 0, "/f"});
-  EXPECT_FALSE(named_binary.Empty());
   PObject::buffer_type bytes;
   ASSERT_EQ(0, bytes.Assign("ab", 2));
-  EXPECT_TRUE(PObject(bytes).AsBool());
+  const struct {
+    PObject value;
+    int code;
+    bool empty, truth;
+  } kCases[] = {
+      {PObject(), 0, true, false},
+      {array, 1, true, false},
+      {map, 2, true, false},
+      {one_member, 2, false, true},
+      {PObject(0), 3, false, false},
+      {PObject(-3), 3, false, true},
+      {PObject(""), 4, true, false},
+      {text, 4, false, true},
+      {PObject(PObject::binary_type()), 5, true, false},
+      {named_binary, 5, false, true},
+      {PObject(PObject::binary_ex_type()), 6, true, false},
+      {PObject(PObject::buffer_type()), 7, true, false},
+      {PObject(bytes), 7, false, true},
+  };
+  for (const auto& c : kCases) {
+    const PObject& v = c.value;
+    EXPECT_EQ(c.code, v.GetType()) << ToJson(v);
+    EXPECT_EQ(c.empty, v.Empty()) << ToJson(v);
+    EXPECT_EQ(c.truth, v.AsBool()) << ToJson(v);
+    EXPECT_EQ(1, v.IsNull() + v.IsArray() + v.IsMap() + v.IsInteger() + v.IsString() +
+                     v.IsBinary() + v.IsBinaryEx() + v.IsBuffer());
+  }
 }
 
-TEST(PObjectTest, ReadersNeverFailNorChangeTheValue) {
-  PObject five_text("5");
-  EXPECT_EQ(0, five_text.AsInteger());
+TEST(PObjectTest, ReadersNeverFailNorInsertAndMutableAccessorsConvert) {
   PObject seven(7);
+  EXPECT_EQ(0, PObject("5").AsInteger());
   EXPECT_EQ("", seven.AsString());
   EXPECT_EQ(&PObject::empty_map, &seven.AsMap());
   EXPECT_EQ(&PObject::empty_array, &seven.AsArray());
   EXPECT_EQ(&PObject::empty_binary, &seven.AsBinary());
   EXPECT_EQ(&PObject::empty_binary_ex, &seven.AsBinaryEx());
   EXPECT_EQ(&PObject::empty_buffer, &seven.AsBuffer());
-
-  // Lookup on an integer, on an empty map and for an absent key: the shared
-  // null, and nothing inserted anywhere.
   EXPECT_EQ(&PObject::empty_object, &seven.Lookup("a"));
   EXPECT_TRUE(seven.IsInteger());
-  PObject empty_map;
-  empty_map.MutableMap();
-  EXPECT_EQ(&PObject::empty_object, &empty_map.Lookup("a"));
-  EXPECT_TRUE(empty_map.AsMap().empty());
   PObject map;
   map["b"] = 2;
   EXPECT_EQ(&PObject::empty_object, &map.Lookup("a"));
   EXPECT_EQ(1u, map.AsMap().size());
   EXPECT_EQ(2, map.Lookup("b").AsInteger());
-  EXPECT_TRUE(PObject::empty_object.IsNull());
-  EXPECT_TRUE(PObject::empty_map.empty());
-}
-
-TEST(PObjectTest, MutableAccessorsConvert) {
-  PObject v(42);
-  v["x"];
-  ASSERT_TRUE(v.IsMap());
-  ASSERT_EQ(1u, v.AsMap().size());
-  EXPECT_TRUE(v.Lookup("x").IsNull());
 
   // The right kind is kept as is; another kind is cleared first.
+  PObject v(42);
+  v["x"];
   v["y"] = "text";
   v.MutableMap();
-  EXPECT_EQ(2u, v.AsMap().size());
+  EXPECT_EQ(R"({"x": null, "y": "text"})", ToJson(v));
   v.MutableArray().push_back(PObject(1));
-  ASSERT_TRUE(v.IsArray());
-  EXPECT_EQ(1u, v.AsArray().size());
+  EXPECT_EQ("[1]", ToJson(v));
   v.MutableBinaryEx().path = "/p";
-  EXPECT_EQ("/p", v.AsBinaryEx().path);
-  EXPECT_EQ(0u, v.AsBinaryEx().offset);
-  EXPECT_EQ("", v.AsBinaryEx().hash_algo);
-  v = "now a string";
-  EXPECT_TRUE(v.IsString());
+  EXPECT_EQ(R"({"offset": 0, "length": 0, "path": "/p", "send_hash": "", "recv_hash": "", )"
+            R"("hash_algo": ""})",
+            ToJson(v));
   v.Clear();
   EXPECT_TRUE(v.IsNull());
 }
 
 TEST(PObjectTest, InlineAndOutOfLineStrings) {
-  const std::string fifteen = "abcdefghijklmno";
-  const std::string sixteen = "abcdefghijklmnop";
-  PObject a(fifteen), b(sixteen);
+  const std::string fifteen = "abcdefghijklmno", sixteen = fifteen + "p";
+  const std::string with_zero("a\0b", 3);  // short, but kept out of line whole
+  PObject a(fifteen), b(sixteen), z(with_zero);
   EXPECT_TRUE(a.IsInlineString());
   EXPECT_FALSE(b.IsInlineString());
+  EXPECT_FALSE(z.IsInlineString());
   EXPECT_EQ(fifteen, a.AsString());
   EXPECT_EQ(sixteen, b.AsString());
-
-  // The same through the moving assignment and through copies.
+  EXPECT_EQ(with_zero, PObject(z).AsString());
   PObject c;
   c = std::string(sixteen);
   EXPECT_EQ(sixteen, c.AsString());
@@ -127,21 +96,13 @@ TEST(PObjectTest, InlineAndOutOfLineStrings) {
   PObject d(b);
   EXPECT_EQ(sixteen, d.AsString());
   EXPECT_NE(b.AsStringView().data(), d.AsStringView().data());
-
-  // A short text holding a zero byte keeps every byte.
-  const std::string with_zero("a\0b", 3);
-  PObject z(with_zero);
-  EXPECT_FALSE(z.IsInlineString());
-  EXPECT_EQ(with_zero, z.AsString());
-  EXPECT_EQ(with_zero, PObject(z).AsString());
 }
 
-TEST(PObjectTest, DeepCopiesAndCheapMoves) {
+TEST(PObjectTest, DeepCopiesCheapMovesAndOrderedKeys) {
   PObject original;
   original["list"].MutableArray().push_back(PObject("a string longer than fifteen"));
   original["file"] = PObject::binary_type{10, 20, "/data/f"};
   ASSERT_EQ(0, original["bytes"].MutableBuffer().Assign("xyz", 3));
-
   PObject copy(original);
   EXPECT_EQ(original, copy);
   copy["list"].MutableArray().push_back(PObject(1));
@@ -154,7 +115,6 @@ TEST(PObjectTest, DeepCopiesAndCheapMoves) {
   PObject moved(std::move(original));
   EXPECT_EQ(payload, &moved.AsMap());
   EXPECT_TRUE(original.IsNull());  // NOLINT: the moved-from value is null
-
   PObject target(5);
   target = std::move(moved);
   EXPECT_EQ(payload, &target.AsMap());
@@ -166,100 +126,53 @@ TEST(PObjectTest, DeepCopiesAndCheapMoves) {
   nest["inner"]["deep"] = "x";
   nest = std::move(nest["inner"]);
   EXPECT_EQ("x", nest.Lookup("deep").AsString());
-  PObject holder;
-  holder["f"] = PObject::binary_type{1, 2, "/q"};
-  holder = holder.Lookup("f").AsBinary();
-  EXPECT_EQ("/q", holder.AsBinary().path);
+
+  PObject keys;
+  for (const char* key : {"b", "a", "ab", "\xff", "B"}) keys[key] = 0;
+  std::string order;
+  for (const auto& member : keys.AsMap()) order += std::string(member.first) + ",";
+  EXPECT_EQ("B,a,ab,b,\xff,", order);
 }
 
-TEST(PObjectTest, MapKeysAreOrderedBytewise) {
-  PObject map;
-  map["b"] = 1;
-  map["a"] = 2;
-  map["ab"] = 3;
-  map["\xff"] = 4;
-  map["B"] = 5;
-  std::vector<std::string> keys;
-  for (const auto& member : map.AsMap()) keys.push_back(member.first);
-  EXPECT_EQ((std::vector<std::string>{"B", "a", "ab", "b", "\xff"}), keys);
-}
-
-TEST(PObjectTest, BufferReserveKeepsOrReallocates) {
-  PObject::buffer_type b;
-  ASSERT_EQ(0, b.Reserve(16));
-  EXPECT_EQ(16u, b.capacity);
-  char* block = b.data;
-
-  ASSERT_EQ(0, b.Reserve(10));  // 16 >= 10 >= 8: kept
-  EXPECT_EQ(16u, b.capacity);
-  EXPECT_EQ(block, b.data);
-  ASSERT_EQ(0, b.Reserve(8));  // the lower edge is kept too
-  EXPECT_EQ(16u, b.capacity);
-  ASSERT_EQ(0, b.Reserve(7));
-  EXPECT_EQ(7u, b.capacity);
-  ASSERT_EQ(0, b.Reserve(17));
-  EXPECT_EQ(17u, b.capacity);
-
-  ASSERT_EQ(0, b.Assign("hello", 5));
-  EXPECT_EQ(5u, b.length);
-  EXPECT_EQ(5u, b.capacity);  // 5 < 17 / 2: reallocated to exactly 5
-  EXPECT_EQ("hello", b.View());
-}
-
-TEST(PObjectTest, BufferZeroAndAssign) {
+TEST(PObjectTest, BufferBlocksAreKeptOrReallocated) {
   PObject::buffer_type b;
   b.Zero();  // no block: nothing to do
-  EXPECT_EQ(nullptr, b.data);
-  ASSERT_EQ(0, b.Assign("abcdefgh", 8));
-  ASSERT_EQ(0, b.Assign("xyz", 4));  // 8 >= 4 >= 4: same block, tail zeroed
-  EXPECT_EQ(8u, b.capacity);
-  EXPECT_EQ(4u, b.length);
-  EXPECT_EQ(std::string("xyz\0\0\0\0\0", 8), std::string(b.data, 8));
+  const struct {
+    uint32_t reserve, capacity;
+    bool kept;  // the same block
+  } kSteps[] = {{16, 16, false}, {10, 16, true}, {8, 16, true}, {7, 7, false}, {17, 17, false}};
+  for (const auto& s : kSteps) {
+    const char* block = b.data;
+    ASSERT_EQ(0, b.Reserve(s.reserve));
+    EXPECT_EQ(s.capacity, b.capacity) << s.reserve;
+    EXPECT_TRUE(!s.kept || block == b.data) << s.reserve;
+  }
+  ASSERT_EQ(0, b.Assign(std::string(16, 'a').data(), 16));
+  ASSERT_EQ(0, b.Assign("xyz\0\0\0\0\0", 9));  // 17 >= 9 >= 8: same block, rest zeroed
+  EXPECT_EQ(17u, b.capacity);
+  EXPECT_EQ(std::string("xyz") + std::string(14, '\0'), std::string(b.data, 17));
+  ASSERT_EQ(0, b.Assign("hello", 5));  // 5 < 17 / 2: exactly 5
+  EXPECT_EQ(5u, b.capacity);
+  EXPECT_EQ("hello", b.View());
   b.Zero();
   EXPECT_EQ(0u, b.length);
-  EXPECT_EQ(std::string(8, '\0'), std::string(b.data, 8));
-
-  PObject::buffer_type copy(b);
-  EXPECT_EQ(0u, copy.capacity);  // nothing in use, nothing copied
-  ASSERT_EQ(0, b.Assign("", 0));
-  EXPECT_EQ(0u, b.length);
+  EXPECT_EQ(std::string(5, '\0'), std::string(b.data, 5));
+  EXPECT_EQ(0u, PObject::buffer_type(b).capacity);  // nothing in use, nothing copied
 }
 
-TEST(PObjectTest, JsonText) {
-  PObject map;
-  map["a"] = 1;
-  map["b"].MutableArray().push_back(PObject("x"));
-  EXPECT_EQ("{\"a\": 1, \"b\": [\"x\"]}", ToJson(map));
-
-  PObject list;
-  list.MutableArray().emplace_back();
-  list.MutableArray().back().MutableMap();
-  EXPECT_EQ("[{}]", ToJson(list));
-
-  PObject empty_array;
-  empty_array.MutableArray();
-  EXPECT_EQ("[]", ToJson(empty_array));
-  EXPECT_EQ("null", ToJson(PObject()));
+// Maps, arrays, null and texts are read in the stream tests' expectations.
+TEST(PObjectTest, JsonTextOfTheOtherKinds) {
   EXPECT_EQ("-9223372036854775808", ToJson(PObject(INT64_MIN)));
-
   PObject::buffer_type bytes;
   ASSERT_EQ(0, bytes.Assign("abc", 3));
-  EXPECT_EQ("{\"data_length\": 3}", ToJson(PObject(bytes)));
-  EXPECT_EQ("{\"offset\": 18446744073709551615, \"length\": 2, \"path\": \"/p\"}",
+  EXPECT_EQ(R"({"data_length": 3})", ToJson(PObject(bytes)));
+  EXPECT_EQ(R"({"offset": 18446744073709551615, "length": 2, "path": "/p"})",
             ToJson(PObject(PObject::binary_type{UINT64_MAX, 2, "/p"})));
-  PObject::binary_ex_type ex;
-  ex.path = "/q";
-  ex.offset = 1;
-  ex.length = 2;
-  ex.hash_algo = "sha256";
-  ex.send_hash = "s";
-  ex.recv_hash = "r";
-  EXPECT_EQ(
-      "{\"offset\": 1, \"length\": 2, \"path\": \"/q\", \"send_hash\": \"s\", "
-      "\"recv_hash\": \"r\", \"hash_algo\": \"sha256\"}",
-      ToJson(PObject(ex)));
-  // Texts are not escaped.
-  EXPECT_EQ("\"a\"b\"", ToJson(PObject("a\"b")));
+  PObject::binary_ex_type ex{"/q", 1, 2, "sha256", "s", "r"};
+  EXPECT_EQ(R"({"offset": 1, "length": 2, "path": "/q", "send_hash": "s", )"
+            R"("recv_hash": "r", "hash_algo": "sha256"})",
+            ToJson(PObject(ex)));
+  EXPECT_EQ(R"("a"b")", ToJson(PObject("a\"b")));  // texts are not escaped
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Helpers of the encoding tests: byte strings from hex, encoding and
-// decoding through standard streams and through a Channel on a socket pair,
-// and a log file to read the messages back from.
+// Helpers of the encoding tests: bytes from hex, values through standard
+// streams and through a Channel on a socket pair, and the log read back.
 #ifndef VESTA_TESTS_STREAM_STREAM_TEST_UTIL_H_
 #define VESTA_TESTS_STREAM_STREAM_TEST_UTIL_H_
 
@@ -16,49 +15,17 @@
 #include "stream/stream.h"
 #include "tests/common/temp_dir.h"
 
-// "42 10 00 01 61" -> the bytes; blanks are ignored.
+// "42 10 00 01 61" -> the bytes.
 inline std::string Hex(const std::string& text) {
+  std::istringstream in(text);
   std::string out;
-  int high = -1;
-  for (char c : text) {
-    int v;
-    if (c >= '0' && c <= '9') {
-      v = c - '0';
-    } else if (c >= 'a' && c <= 'f') {
-      v = c - 'a' + 10;
-    } else if (c >= 'A' && c <= 'F') {
-      v = c - 'A' + 10;
-    } else {
-      continue;
-    }
-    if (high < 0) {
-      high = v;
-    } else {
-      out.push_back(static_cast<char>(high << 4 | v));
-      high = -1;
-    }
-  }
-  return out;
-}
-
-// The hex digits of `bytes`, blank-separated, for failure messages.
-inline std::string ToHex(const std::string& bytes) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : bytes) {
-    if (!out.empty()) out.push_back(' ');
-    out.push_back(kDigits[c >> 4]);
-    out.push_back(kDigits[c & 15]);
-  }
+  for (std::string byte; in >> byte;) out.push_back(static_cast<char>(std::stoi(byte, nullptr, 16)));
   return out;
 }
 
 // A string value's wire form: tag, 16-bit length, bytes.
 inline std::string WireString(const std::string& text) {
-  std::string out = Hex("10");
-  out.push_back(static_cast<char>(text.size() >> 8));
-  out.push_back(static_cast<char>(text.size()));
-  return out + text;
+  return Hex("10") + static_cast<char>(text.size() >> 8) + static_cast<char>(text.size()) + text;
 }
 
 inline int EncodeToString(const PObject& value, std::string* bytes, PStream* stream = nullptr) {
@@ -75,58 +42,35 @@ inline int DecodeFromString(const std::string& bytes, PObject* value, PStream* s
   return (stream != nullptr ? stream : &local)->Recv(&in, value);
 }
 
-// Reads everything from `fd` until the peer closes.
-inline std::string ReadAll(int fd) {
-  std::string out;
-  char block[65536];
-  for (;;) {
-    ssize_t n = read(fd, block, sizeof(block));
-    if (n <= 0) break;
-    out.append(block, static_cast<size_t>(n));
-  }
-  return out;
-}
-
-inline bool WriteAll(int fd, const std::string& bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// Encodes through a Channel on one end of a socket pair and returns what the
-// other end received.  For values that fit in the socket buffers.
+// Encodes through a Channel on a socket pair; *bytes is what arrived.  For
+// values that fit in the socket buffers.
 inline int EncodeThroughChannel(const PObject& value, std::string* bytes) {
   int sv[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return -100;
   int rc;
   {
     Channel channel;
-    if (channel.Open(sv[0], false) != 0) return -101;
-    PStream stream;
-    rc = stream.Send(&channel, value);
+    channel.Open(sv[0], false);
+    rc = PStream().Send(&channel, value);
   }
-  *bytes = ReadAll(sv[1]);
+  bytes->clear();
+  char block[65536];
+  for (ssize_t n; (n = read(sv[1], block, sizeof(block))) > 0;) bytes->append(block, n);
   close(sv[1]);
   return rc;
 }
 
-// Decodes `bytes` arriving on a Channel whose peer then closes.
+// Decodes `bytes` arriving on a Channel whose peer then closes.  For inputs
+// that fit in the socket buffers.
 inline int DecodeThroughChannel(const std::string& bytes, PObject* value,
                                 PStream* stream = nullptr) {
   int sv[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return -100;
-  bool written = WriteAll(sv[1], bytes);
+  bool written = write(sv[1], bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
   close(sv[1]);
-  if (!written) {
-    close(sv[0]);
-    return -102;
-  }
   Channel channel;
-  if (channel.Open(sv[0], false) != 0) return -101;
+  channel.Open(sv[0], false);
+  if (!written) return -102;
   PStream local;
   return (stream != nullptr ? stream : &local)->Recv(&channel, value);
 }
@@ -146,15 +90,12 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::string Text() const {
-    fflush(Logger::log_fp);
-    return ReadFile(path_);
-  }
   // The texts after the "(pid:tid) [LEVEL] file(line): " prefix, one a line.
   std::string Messages() const {
-    std::istringstream in(Text());
-    std::string line, out;
-    while (std::getline(in, line)) {
+    fflush(Logger::log_fp);
+    std::istringstream in(ReadFile(path_));
+    std::string out;
+    for (std::string line; std::getline(in, line);) {
       size_t cut = line.find("): ");
       out += (cut == std::string::npos ? line : line.substr(cut + 3)) + "\n";
     }

@@ -1,25 +1,20 @@
 #!/usr/bin/env python3
-"""System test of error handling on the real vesta-monitor binary.
-
-"error" notifications go over the monitor's socket; the stored rows are read
-back with the sqlite3 shell, the commands from the record of the simulated
-sync daemon (tests/peers/sync_daemon.py), the notifications from
-notifications.jsonl.  Connections point at a closed port or at the simulated
-remote server (tests/peers/remote_server.py) with a certificate that openssl
-makes.
+"""Error notifications sent to the real binary in the Sandbox of
+monitor_system_test.py: stored rows through the sqlite3 shell, commands from
+the simulated sync daemon's record, notifications from notifications.jsonl.
+Connections point at a closed port or at the simulated remote server, with
+a certificate that openssl makes.
 
 Usage: error_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
 """
 
-import json
 import os
 import socket
 import subprocess
 import sys
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import monitor_system_test as mst  # noqa: E402
 
 S = "0|1|1|0"      # session 1 untouched: error|status|is_daemon_enable|is_read_only
@@ -27,15 +22,17 @@ C = "0|0|1|stale"  # connection untouched: error|status|linked|ssl_signature
 
 # error_type, setup, session 1, connection, commands, notification, log line.
 # Setup: "server" points the connection at the remote server reporting that
-# build; "other": 0 disables session 2; "dir", "ro", "cerr", "serr", "mode"
-# set sync_direction, is_read_only, the stored errors and conn_mode.
+# build, "asks" lists what that server then received (command, over TLS,
+# restore id); "other": 0 disables session 2; "dir", "ro", "cerr", "serr",
+# "mode" set sync_direction, is_read_only, the stored errors and conn_mode.
 ROWS = [
     (-6, {}, S, "-6|2|1|stale", ["pause c1"], "AuthError"),
     (-10, {}, S, "-4|2|1|stale", ["pause c1"], "ServerNeedToUpdate",
      "Check Fernbox server version protocol error"),
-    (-10, {"server": 9000}, S, "-2|2|1|stale", ["pause c1"], "ServerNeedToUpdate",
-     "Server build number 9000 is too old"),
-    (-10, {"server": 20000}, S, "-4|2|1|stale", ["pause c1"], "ServerNeedToUpdate"),
+    (-10, {"server": 9000, "asks": [[25, False, None]]}, S, "-2|2|1|stale", ["pause c1"],
+     "ServerNeedToUpdate", "Server build number 9000 is too old"),
+    (-10, {"server": 20000, "asks": [[25, False, None]]}, S, "-4|2|1|stale", ["pause c1"],
+     "ServerNeedToUpdate"),
     (-14, {}, S, "-10|2|1|stale", ["pause c1"], "UserKOSDisable"),
     (-15, {}, "-3|3|1|0", C, ["pause s1"], "QuotaFull"),
     (-16, {}, "-4|3|1|0", C, ["pause s1"], "fernboxtandem_DiskFull"),
@@ -48,8 +45,11 @@ ROWS = [
     (-22, {}, "-5|3|1|0", C, ["pause s1"], "LocalDiskFull"),
     (-24, {}, S, "-7|2|1|stale", ["pause c1"], "SSLVerifyFail", "Failed to pass sign auth."),
     (-25, {}, S, "-8|2|1|stale", ["pause c1"], "SSLChange"),
-    (-24, {"server": 20000, "mode": 256 | 32}, S, "0|0|1|CERT", ["reload_connection c1"],
-     "SSLVerifyFail", "Update ssl sign for conn_id: 1, old: stale, new: "),
+    (-24, {"server": 20000, "asks": [[22, False, "r9"]]}, S, "-7|2|1|stale", ["pause c1"],
+     "SSLVerifyFail", "Failed to pass sign auth."),
+    (-24, {"server": 20000, "mode": 256 | 32, "asks": [[22, False, "r9"], [25, True, None]]}, S,
+     "0|0|1|CERT", ["reload_connection c1"], "SSLVerifyFail",
+     "Update ssl sign for conn_id: 1, old: stale, new: "),
     (-26, {}, "-9|3|1|1", C, ["pause s1"], "SyncDirectionMismatch"),
     (-26, {"dir": 2}, "0|1|1|1", C, [], "UnknownError"),
     (-26, {"dir": 2, "ro": 1}, "0|1|1|1", C, [], "UnknownError",
@@ -80,10 +80,6 @@ class ErrorNotificationTest(unittest.TestCase):
     def setUp(self):
         box = self.box = mst.Sandbox()
         self.addCleanup(box.cleanup)
-        with open(box.levels, "a") as f:
-            f.write("error_handler=7\n")
-        self.record = os.path.join(box.root, "record.jsonl")
-        self.script = os.path.join(box.root, "server.json")
         key, cert = (os.path.join(box.root, n) for n in ("key.pem", "cert.pem"))
         subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
                         "-out", cert, "-days", "2", "-subj", "/CN=nas.test"],
@@ -91,67 +87,63 @@ class ErrorNotificationTest(unittest.TestCase):
         text = subprocess.run(["openssl", "x509", "-noout", "-text", "-in", cert],
                               capture_output=True, text=True, check=True).stdout
         self.signature = "".join(text[text.rindex("Signature Value:") + 16:].split())
-        self.box.spawn("sync_daemon.py", "--record", self.record)
-        self.server_port = int(self.box.spawn("remote_server.py", "--port", "0", "--cert", cert,
-                                          "--key", key, "--script", self.script))
+        box.start_peer("sync_daemon")
+        self.server_port = int(box.start_peer("remote_server", "--port", "0", "--cert", cert,
+                                              "--key", key))
         box.start_and_wait()
-        self.assertTrue(mst.wait_for(lambda: "starts receiving messages" in box.log_text()))
-        self.seen = {}
 
     def reset(self, setup):
         v = {"cerr": 0, "serr": 0, "dir": 1, "ro": 0, "other": 1, "mode": 0, "port": free_port()}
         v.update(setup)
         if "server" in setup:
             v["port"] = self.server_port
-            with open(self.script, "w") as f:
-                json.dump({"replies": {"query_server_info": {
-                    "package_version": {"major": 3, "minor": 0, "build": setup["server"]}}}}, f)
+            self.box.script("remote_server", {"replies": {"query_server_info": {
+                "package_version": {"major": 3, "minor": 0, "build": setup["server"]}}}})
         self.box.sql("DELETE FROM connection_table; DELETE FROM session_table;"
-                 "INSERT INTO connection_table (id, nx_id, server_name, server_ip, server_port, "
-                 "linked, error, conn_mode, use_ssl, ssl_signature) VALUES (1, 'nx1', 'nas', "
-                 "'127.0.0.1', %(port)d, 1, %(cerr)d, %(mode)d, 1, 'stale');"
-                 "INSERT INTO session_table (id, conn_id, share_name, sync_folder, remote_path, "
-                 "view_id, is_daemon_enable, status, error, sync_direction, is_read_only) VALUES "
-                 "(1, 1, 'docs', 'home/', '/docs/', 11, 1, 1, %(serr)d, %(dir)d, %(ro)d), "
-                 "(2, 1, 'team', 'home/', '/team/', 12, %(other)d, 1, 0, 0, 0);" % v)
-
-    def taken(self, path):
-        """The JSON lines appended to `path` since the last call."""
-        lines = open(path).read().splitlines() if os.path.exists(path) else []
-        new, self.seen[path] = lines[self.seen.get(path, 0):], len(lines)
-        return [json.loads(line) for line in new]
+                     "INSERT INTO connection_table (id, nx_id, server_name, server_ip, "
+                     "server_port, linked, error, conn_mode, use_ssl, ssl_signature, restore_id) "
+                     "VALUES (1, 'nx1', 'nas', '127.0.0.1', %(port)d, 1, %(cerr)d, %(mode)d, 1, "
+                     "'stale', 'r9');"
+                     "INSERT INTO session_table (id, conn_id, share_name, sync_folder, "
+                     "remote_path, view_id, is_daemon_enable, status, error, sync_direction, "
+                     "is_read_only) VALUES (1, 1, 'docs', 'home/', '/docs/', 11, 1, 1, %(serr)d, "
+                     "%(dir)d, %(ro)d), (2, 1, 'team', 'home/', '/team/', 12, %(other)d, 1, 0, 0, "
+                     "0);" % v)
+        for name in ("sync_daemon", "remote_server", "notifications"):
+            self.box.records(name, new=True)
 
     def test_every_daemon_error(self):
-        notes = os.path.join(self.box.root, "var/lib/vesta/notifications.jsonl")
+        box = self.box
         for type_, setup, session, connection, commands, note, *log in ROWS:
             with self.subTest(error_type=type_, setup=setup):
                 self.reset(setup)
-                self.taken(self.record), self.taken(notes)
-                log_from = len(self.box.log_text())
-                self.assertEqual({"ack": "ok"}, self.box.request(
+                log_from = len(box.log_text())
+                self.assertEqual({"ack": "ok"}, box.request(
                     {"notify": "error", "conn_id": 1, "sess_id": 1, "error_type": type_}))
                 # Served one after the other: the answer comes once the error is handled.
-                self.assertIsNone(self.box.request({"action": "next"}))
+                self.assertIsNone(box.request({"action": "next"}))
 
-                self.assertEqual(session, self.box.sql("SELECT error, status, is_daemon_enable, "
-                                                   "is_read_only FROM session_table WHERE id = 1"))
+                self.assertEqual(session, box.sql("SELECT error, status, is_daemon_enable, "
+                                                  "is_read_only FROM session_table WHERE id = 1"))
                 # CERT: the signature that openssl prints.
-                self.assertEqual(connection.replace("CERT", self.signature), self.box.sql(
+                self.assertEqual(connection.replace("CERT", self.signature), box.sql(
                     "SELECT error, status, linked, ssl_signature FROM connection_table"))
                 # The status thread's own get_status requests aside.
-                sent = [r["request"] for r in self.taken(self.record)
-                        if r["request"].get("action") != "get_status"]
-                self.assertEqual(commands, [r["action"] + (" s%d" % r["session_id"] if "session_id"
-                                                           in r else " c%d" % r["connection_id"])
-                                            for r in sent])
-                posted = self.taken(notes)
+                self.assertEqual(commands, [
+                    r["action"] + (" s%d" % r["session_id"] if "session_id" in r
+                                   else " c%d" % r["connection_id"])
+                    for r in box.requests("sync_daemon", new=True)
+                    if r.get("action") != "get_status"])
+                posted = box.records("notifications", new=True)
                 self.assertEqual([note] if note else [], [n["notify_id"] for n in posted])
                 if note == "fernboxtandem_DiskFull":
                     self.assertEqual("2GB", posted[0]["table"]["%CAPACITY%"])
+                self.assertEqual(setup.get("asks", []), [
+                    [r["command"], r["tls"], r["request"].get("server_id", {}).get("restore_id")]
+                    for r in box.records("remote_server", new=True) if "request" in r])
                 for line in log:
-                    self.assertIn(line, self.box.log_text()[log_from:])
+                    self.assertIn(line, box.log_text()[log_from:])
 
 
 if __name__ == "__main__":
-    mst.BINARY = os.path.abspath(sys.argv.pop(1))
-    unittest.main()
+    mst.main()

@@ -6,7 +6,6 @@ simulated remote server's scripted view lists; rows through the sqlite3 shell.
 Usage: workers_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
 """
 
-import json
 import os
 import sys
 import unittest
@@ -24,61 +23,40 @@ REPORTED = {"connection_id": 1, "status": "connected", "server_ip": "192.0.2.10"
             "protocol_version": 70}
 
 
-class WorkersSandbox(mst.Sandbox):
-    """A Sandbox with the simulated sync daemon and remote server, each
-    answering from its script PEER.json and recording into PEER.jsonl."""
-
-    def start_peers(self):
-        for peer, args in (("sync_daemon", []), ("remote_server", ["--port", "0"])):
-            path = os.path.join(self.root, peer)
-            self.script(peer, {})
-            open(path + ".jsonl", "w").close()
-            ready = self.spawn(peer + ".py", "--script", path + ".json", "--record",
-                               path + ".jsonl", *args)
-        self.server_port = int(ready)
-
-    def script(self, peer, value):
-        path = os.path.join(self.root, peer + ".json")
-        with open(path + ".tmp", "w") as f:
-            json.dump(value, f)
-        os.rename(path + ".tmp", path)
-
-    def recorded(self, peer):
-        with open(os.path.join(self.root, peer + ".jsonl")) as f:
-            return [json.loads(line)["request"] for line in f if '"request"' in line]
-
-
 class WorkersTest(unittest.TestCase):
     def setUp(self):
-        self.box = WorkersSandbox()
-        self.addCleanup(self.box.cleanup)
-        self.box.start_peers()
-        self.box.start_and_wait()
+        box = self.box = mst.Sandbox()
+        self.addCleanup(box.cleanup)
+        box.start_peer("sync_daemon")
+        self.server_port = int(box.start_peer("remote_server", "--port", "0"))
+        box.start_and_wait()
 
     def report(self, **changes):
         self.box.script("sync_daemon", {"replies": {"get_status": {"connection_list": [
             dict(REPORTED, **changes)]}}})
 
     def test_status_recovers_a_connection_and_follows_its_server(self):
-        box, row = self.box, "SELECT status, error, server_ip FROM connection_table;"
+        box = self.box
+        row = "SELECT status, error, server_ip || ':' || server_port FROM connection_table;"
         box.sql(CONNECTION % ("192.0.2.10", 6690, 1, -1))
         self.report(status="disconnected")
         self.assertTrue(wait_for(lambda: "Connection #1 has been added" in box.log_text()))
-        self.report(server_ip="192.0.2.99")
-        self.assertTrue(wait_for(lambda: box.sql(row) == "0|0|192.0.2.99", limit=10), box.sql(row))
+        self.report(server_ip="192.0.2.99", server_port=6691)
+        self.assertTrue(wait_for(lambda: box.sql(row) == "0|0|192.0.2.99:6691", limit=10),
+                        box.sql(row))
 
         # Another server behind the address: paused with -5, notified once.
-        self.report(server_ip="192.0.2.99", nx_id="OTHER")
-        self.assertTrue(wait_for(lambda: box.sql(row) == "2|-5|192.0.2.99", limit=10), box.sql(row))
-        self.assertIn({"action": "pause", "connection_id": 1}, box.recorded("sync_daemon"))
-        asked = len(box.recorded("sync_daemon"))
-        self.assertTrue(wait_for(lambda: len(box.recorded("sync_daemon")) >= asked + 2))
-        with open(os.path.join(box.root, "var/lib/vesta/notifications.jsonl")) as f:
-            self.assertEqual(["NXChange"], [json.loads(line)["notify_id"] for line in f])
+        self.report(server_ip="192.0.2.99", server_port=6691, nx_id="OTHER")
+        self.assertTrue(wait_for(lambda: box.sql(row) == "2|-5|192.0.2.99:6691", limit=10),
+                        box.sql(row))
+        self.assertIn({"action": "pause", "connection_id": 1}, box.requests("sync_daemon"))
+        asked = len(box.requests("sync_daemon"))
+        self.assertTrue(wait_for(lambda: len(box.requests("sync_daemon")) >= asked + 2))
+        self.assertEqual(["NXChange"], [n["notify_id"] for n in box.records("notifications")])
 
     def test_listing_brings_sessions_in_line_with_the_servers_views(self):
         box = self.box
-        box.sql(CONNECTION % ("127.0.0.1", box.server_port, 0, 0) +
+        box.sql(CONNECTION % ("127.0.0.1", self.server_port, 0, 0) +
                 "INSERT INTO session_table (id, conn_id, view_id, share_name, remote_path,"
                 " is_daemon_enable, status, error) VALUES (1, 1, 100, 'team', '/', 1, 0, 0),"
                 " (2, 1, 200, 'vault', '/', 1, 3, -8), (3, 1, 300, 'gone', '/', 1, 0, 0);")
@@ -86,13 +64,13 @@ class WorkersTest(unittest.TestCase):
             {"view_id": 100, "node_id": 0, "name": "photo", "privilege": "read-only",
              "version": 2},
             {"view_id": 200, "node_id": 7, "name": "vault", "privilege": "read-write",
-             "is_encryption": 1, "is_mounted": 1}]}}})
+             "is_encryption": 1, "is_mounted": 1, "version": 3}]}}})
         sessions = ("SELECT id, share_name, share_version, perm_mode, is_read_only, status, error"
                     " FROM session_table;")
         views = "SELECT view_id, node_id, name, privilege, is_mount FROM server_view_table;"
 
         def listings():
-            return len(box.recorded("remote_server"))
+            return len(box.requests("remote_server"))
 
         def listed(times):
             """Asks until the server has seen `times` listings (a request
@@ -107,8 +85,8 @@ class WorkersTest(unittest.TestCase):
         self.assertIsNone(box.request({"action": "refresh_session", "conn_id": 1}))
         self.assertTrue(wait_for(lambda: listings() >= 1, limit=3.0))
         self.assertTrue(wait_for(lambda: box.sql(sessions) == "1|photo|2|2|1|0|0\n"
-                                 "2|vault|0|0|0|1|0\n3|gone|0|0|0|0|0"), box.sql(sessions))
-        self.assertIn({"action": "resume", "session_id": 2}, box.recorded("sync_daemon"))
+                                 "2|vault|3|0|0|1|0\n3|gone|0|0|0|0|0"), box.sql(sessions))
+        self.assertIn({"action": "resume", "session_id": 2}, box.requests("sync_daemon"))
         self.assertEqual("1026", box.sql("SELECT user_uid FROM connection_table;"))
         self.assertEqual("100|100|photo|1|0\n200|7|vault|2|1", box.sql(views))
 
@@ -129,5 +107,4 @@ class WorkersTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    mst.BINARY = os.path.abspath(sys.argv.pop(1))
-    unittest.main()
+    mst.main()
