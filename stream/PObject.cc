@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <new>
+#include <string>
 #include <utility>
 
 const PObject PObject::empty_object;
@@ -112,11 +113,38 @@ int64_t PObject::Integer() const {
   return value;
 }
 
+// ---- long texts ----
+
+namespace {
+
+// A string too long for the slot: one block, its length then its text and
+// a terminating zero.
+size_t TextBlockSize(size_t n) { return sizeof(size_t) + n + 1; }
+
+char* NewText(std::string_view text) {
+  char* block = static_cast<char*>(BlockCache::Take(TextBlockSize(text.size())));
+  const size_t n = text.size();
+  memcpy(block, &n, sizeof(n));
+  if (n > 0) memcpy(block + sizeof(size_t), text.data(), n);
+  block[sizeof(size_t) + n] = 0;
+  return block;
+}
+
+std::string_view TextOf(const char* block) {
+  size_t n;
+  memcpy(&n, block, sizeof(n));
+  return std::string_view(block + sizeof(size_t), n);
+}
+
+void DeleteArray(PObject::array_type* array) {
+  using Array = PObject::array_type;
+  array->~Array();
+  BlockCache::Give(array, sizeof(PObject::array_type));
+}
+
+}  // namespace
+
 // ---- life cycle ----
-
-PObject::PObject() noexcept : type_(kNull) { memset(slot_, 0, kSlotSize); }
-
-PObject::~PObject() { Clear(); }
 
 PObject::PObject(const PObject& other) : PObject() { CopyFrom(other); }
 
@@ -130,32 +158,23 @@ PObject& PObject::operator=(const PObject& other) {
   return *this;
 }
 
-PObject::PObject(PObject&& other) noexcept : PObject() { MoveFrom(other); }
-
-PObject& PObject::operator=(PObject&& other) noexcept {
-  if (this != &other) {
-    PObject taken(std::move(other));
-    Clear();
-    MoveFrom(taken);
-  }
-  return *this;
-}
-
 PObject::PObject(std::string_view text) : PObject() { SetString(text); }
 PObject::PObject(const binary_type& value) : PObject() { *this = value; }
 PObject::PObject(const binary_ex_type& value) : PObject() { *this = value; }
 PObject::PObject(const buffer_type& value) : PObject() { *this = value; }
 
-void PObject::Clear() {
+void PObject::Release() {
   switch (type_) {
     case kArray:
-      delete Pointer<array_type>();
+      DeleteArray(Pointer<array_type>());
       break;
     case kMap:
-      delete Pointer<map_type>();
+      PObjectMap::Delete(Pointer<map_type>());
       break;
     case kString:
-      if (slot_[kSlotSize - 1] != 0) delete Pointer<std::string>();
+      if (slot_[kSlotSize - 1] != 0) {
+        BlockCache::Give(Pointer<char>(), TextBlockSize(TextOf(Pointer<char>()).size()));
+      }
       break;
     case kBinary:
       delete Pointer<binary_type>();
@@ -170,16 +189,6 @@ void PObject::Clear() {
     case kInteger:
       break;
   }
-  type_ = kNull;
-  memset(slot_, 0, kSlotSize);
-}
-
-void PObject::MoveFrom(PObject& other) noexcept {
-  assert(type_ == kNull);
-  type_ = other.type_;
-  memcpy(slot_, other.slot_, kSlotSize);
-  other.type_ = kNull;
-  memset(other.slot_, 0, kSlotSize);
 }
 
 void PObject::CopyFrom(const PObject& other) {
@@ -194,11 +203,19 @@ void PObject::CopyFrom(const PObject& other) {
       SetString(other.AsStringView());
       return;
     case kArray:
-      SetPointer(new array_type(*other.Pointer<array_type>()));
+      SetPointer(new (BlockCache::Take(sizeof(array_type)))
+                     array_type(*other.Pointer<array_type>()));
       break;
-    case kMap:
-      SetPointer(new map_type(*other.Pointer<map_type>()));
+    case kMap: {
+      const map_type& from = *other.Pointer<map_type>();
+      map_type* map = PObjectMap::New(from.size());
+      for (const PObjectMember& m : from) {
+        new (map->data_ + map->size_) PObjectMember(m);
+        ++map->size_;
+      }
+      SetPointer(map);
       break;
+    }
     case kBinary:
       SetPointer(new binary_type(*other.Pointer<binary_type>()));
       break;
@@ -212,13 +229,21 @@ void PObject::CopyFrom(const PObject& other) {
   type_ = other.type_;
 }
 
-// ---- assignment of scalars and records ----
-
-void PObject::SetInteger(int64_t value) {
+void PObject::AdoptMembers(PObjectMember* members, size_t n) {
+  map_type* map = PObjectMap::New(n);
+  if (n > 0) {
+    // Members hold no pointer into themselves: their bytes move as they
+    // stand.
+    memcpy(static_cast<void*>(map->data_), static_cast<const void*>(members),
+           n * sizeof(PObjectMember));
+  }
+  map->size_ = static_cast<uint32_t>(n);
   Clear();
-  memcpy(slot_, &value, sizeof(value));
-  type_ = kInteger;
+  SetPointer(map);
+  type_ = kMap;
 }
+
+// ---- assignment of scalars and records ----
 
 void PObject::SetString(std::string_view text) {
   // Built aside first: `text` may point into this value's own payload.
@@ -228,8 +253,8 @@ void PObject::SetString(std::string_view text) {
   if (fits) {
     if (!text.empty()) memcpy(slot, text.data(), text.size());
   } else {
-    std::string* heap = new std::string(text);
-    memcpy(slot, &heap, sizeof(heap));
+    char* block = NewText(text);
+    memcpy(slot, &block, sizeof(block));
     slot[kSlotSize - 1] = 1;
   }
   Clear();
@@ -243,15 +268,7 @@ PObject& PObject::operator=(std::string_view text) {
 }
 
 PObject& PObject::operator=(std::string&& text) {
-  if (text.size() <= kInlineStringMax) {
-    SetString(text);
-    return *this;
-  }
-  std::string* heap = new std::string(std::move(text));
-  Clear();
-  SetPointer(heap);
-  slot_[kSlotSize - 1] = 1;
-  type_ = kString;
+  SetString(text);
   return *this;
 }
 
@@ -307,7 +324,7 @@ bool PObject::AsBool() const {
 std::string_view PObject::AsStringView() const {
   if (type_ != kString) return std::string_view();
   if (slot_[kSlotSize - 1] == 0) return std::string_view(reinterpret_cast<const char*>(slot_));
-  return *Pointer<std::string>();
+  return TextOf(Pointer<char>());
 }
 
 const PObject::array_type& PObject::AsArray() const {
@@ -333,18 +350,34 @@ const PObject::buffer_type& PObject::AsBuffer() const {
 const PObject& PObject::Lookup(std::string_view key) const {
   if (type_ != kMap) return empty_object;
   const map_type& members = *Pointer<map_type>();
-  auto it = members.find(key);
-  return it == members.end() ? empty_object : it->second;
+  const size_t i = members.Find(key);
+  return i == members.size() ? empty_object : members.data_[i].second;
 }
 
 // ---- mutable access ----
+
+// A fresh empty payload; a map is made in a block of its own.
+template <typename T>
+T* PObject::New() {
+  return new T();
+}
+
+template <>
+PObject::map_type* PObject::New<PObject::map_type>() {
+  return PObjectMap::New(0);
+}
+
+template <>
+PObject::array_type* PObject::New<PObject::array_type>() {
+  return new (BlockCache::Take(sizeof(array_type))) array_type();
+}
 
 // Makes the value a T of kind `kind`, keeping the payload when it already
 // is one.
 template <typename T>
 T& PObject::MutablePayload(Type kind) {
   if (type_ != kind) {
-    T* payload = new T();
+    T* payload = New<T>();
     Clear();
     SetPointer(payload);
     type_ = kind;
@@ -360,14 +393,7 @@ PObject::binary_ex_type& PObject::MutableBinaryEx() {
 }
 PObject::buffer_type& PObject::MutableBuffer() { return MutablePayload<buffer_type>(kBuffer); }
 
-PObject& PObject::operator[](std::string_view key) {
-  map_type& members = MutableMap();
-  auto it = members.lower_bound(key);
-  if (it == members.end() || it->first != key) {
-    it = members.emplace_hint(it, std::string(key), PObject());
-  }
-  return it->second;
-}
+PObject& PObject::operator[](std::string_view key) { return MutableMap()[key]; }
 
 bool PObject::operator==(const PObject& other) const {
   if (type_ != other.type_) return false;

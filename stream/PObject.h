@@ -5,10 +5,18 @@
 //
 // A value is a 32-bit type code and a 16-byte payload slot.  Integers live in
 // the slot; strings of up to 15 bytes live in the slot too, zero-terminated
-// (one holding a zero byte is kept out of line, so no byte is ever lost);
-// everything else is an owned pointer in the slot.  A PObject exclusively owns its payload:
-// copies are deep, moves are cheap (the slot changes hands and the source
-// becomes null).  There is no sharing and no reference counting.
+// (one holding a zero byte is kept out of line, so no byte is ever lost); a
+// longer string is one block holding its length and its text; everything
+// else is an owned pointer in the slot.  A PObject exclusively owns its
+// payload: copies are deep, moves are cheap (the slot changes hands and the
+// source becomes null).  There is no sharing and no reference counting.
+// Nothing in a value points into the value itself, so its bytes may be
+// moved as they stand (maps and the decoder move members that way).
+//
+// A map is a sorted array of members in one block (stream/PObjectMap.h):
+// lookups search it, iteration runs in key order, and a member added out of
+// order shifts the members after it, so a reference to a member does not
+// survive an insert into the same map.  Its keys are PObjectKey.
 //
 // Reading never fails and never allocates: asking a value for a kind it does
 // not hold yields 0, an empty string or one of the shared empty values below.
@@ -22,13 +30,19 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
-#include <functional>
-#include <map>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <vector>
+
+#include "stream/PObjectKey.h"
+#include "stream/block_cache.h"
+
+class PObjectMap;
+struct PObjectMember;
+class PStream;
 
 class PObject {
  public:
@@ -101,10 +115,11 @@ class PObject {
     bool operator!=(const buffer_type& o) const { return !(*this == o); }
   };
 
-  using array_type = std::vector<PObject>;
+  // Its storage comes from the payload block cache (stream/block_cache.h).
+  using array_type = std::vector<PObject, BlockAllocator<PObject>>;
   // Ordered bytewise, shorter key first on a common prefix; looked up by any
   // string-like key without building a std::string.
-  using map_type = std::map<std::string, PObject, std::less<>>;
+  using map_type = PObjectMap;
 
   // Shared constant values handed out by the read accessors.
   static const PObject empty_object;  // a null
@@ -117,12 +132,26 @@ class PObject {
   // Longest string held inside the slot.
   static constexpr size_t kInlineStringMax = 15;
 
-  PObject() noexcept;
-  ~PObject();
+  PObject() noexcept : type_(kNull) { memset(slot_, 0, kSlotSize); }
+  ~PObject() {
+    if (OwnsMemory()) Release();
+  }
   PObject(const PObject& other);
   PObject& operator=(const PObject& other);
-  PObject(PObject&& other) noexcept;
-  PObject& operator=(PObject&& other) noexcept;
+  PObject(PObject&& other) noexcept : type_(other.type_) {
+    memcpy(slot_, other.slot_, kSlotSize);
+    other.type_ = kNull;
+    memset(other.slot_, 0, kSlotSize);
+  }
+  PObject& operator=(PObject&& other) noexcept {
+    if (this != &other) {
+      // `other` may live inside this value's payload: take it first.
+      PObject taken(std::move(other));
+      Clear();
+      MoveFrom(taken);
+    }
+    return *this;
+  }
 
   template <typename T, typename = std::enable_if_t<std::is_integral_v<T>>>
   explicit PObject(T value) : PObject() {
@@ -149,7 +178,11 @@ class PObject {
   PObject& operator=(const binary_ex_type& value);
   PObject& operator=(const buffer_type& value);
 
-  void SetInteger(int64_t value);
+  void SetInteger(int64_t value) {
+    if (OwnsMemory()) Release();
+    memcpy(slot_, &value, sizeof(value));
+    type_ = kInteger;
+  }
 
   Type GetType() const { return type_; }
   bool IsNull() const { return type_ == kNull; }
@@ -194,7 +227,11 @@ class PObject {
   PObject& operator[](std::string_view key);
 
   // Releases the payload and leaves a null with a zeroed slot.
-  void Clear();
+  void Clear() {
+    if (OwnsMemory()) Release();
+    type_ = kNull;
+    memset(slot_, 0, kSlotSize);
+  }
 
   // Deep equality: same code and equal payloads.
   bool operator==(const PObject& other) const;
@@ -204,6 +241,9 @@ class PObject {
   bool IsInlineString() const { return type_ == kString && slot_[kSlotSize - 1] == 0; }
 
  private:
+  friend class PObjectMap;
+  friend class PStream;  // the decoder hands over whole member runs
+
   static constexpr size_t kSlotSize = 16;
 
   int64_t Integer() const;
@@ -212,17 +252,62 @@ class PObject {
   template <typename T>
   void SetPointer(T* p);
   template <typename T>
+  static T* New();
+  template <typename T>
   T& MutablePayload(Type kind);
   void SetString(std::string_view text);
   void CopyFrom(const PObject& other);
-  void MoveFrom(PObject& other) noexcept;
+  void MoveFrom(PObject& other) noexcept {
+    type_ = other.type_;
+    memcpy(slot_, other.slot_, kSlotSize);
+    other.type_ = kNull;
+    memset(other.slot_, 0, kSlotSize);
+  }
+  // Becomes the string of the `n` (at most kInlineStringMax) bytes at
+  // `text`, of which 16 must be readable: the slot is filled in whole words.
+  void AssignShortText(const void* text, size_t n) {
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    uint64_t lo, hi;
+    memcpy(&lo, text, 8);
+    memcpy(&hi, static_cast<const char*>(text) + 8, 8);
+    const uint64_t lo_mask = n >= 8 ? ~0ull : (1ull << (8 * n)) - 1;
+    const uint64_t hi_mask = n <= 8 ? 0 : (1ull << (8 * (n - 8))) - 1;
+    // A zero byte within the text: such a string is kept out of line.
+    auto has_zero = [](uint64_t x) {
+      return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
+    };
+    if (!has_zero(lo | ~lo_mask) && !has_zero(hi | ~hi_mask)) {
+      lo &= lo_mask;
+      hi &= hi_mask;  // byte 15 among the cleared ones: the inline mark
+      if (OwnsMemory()) Release();
+      memcpy(slot_, &lo, 8);
+      memcpy(slot_ + 8, &hi, 8);
+      type_ = kString;
+      return;
+    }
+#endif
+    SetString(std::string_view(static_cast<const char*>(text), n));
+  }
+  // Whether the slot holds something to free: anything but a null, an
+  // integer and an inline string.
+  bool OwnsMemory() const {
+    return type_ != kNull && type_ != kInteger && (type_ != kString || slot_[kSlotSize - 1] != 0);
+  }
+  // Frees what the slot owns; the code and the slot are left as they were.
+  void Release();
+  // Makes the value a map of the `n` members at `members` (sorted by key,
+  // no key twice), whose bytes are moved: the caller forgets them there.
+  void AdoptMembers(PObjectMember* members, size_t n);
 
   Type type_;                                // what the slot holds
   alignas(8) unsigned char slot_[kSlotSize];  // inline value or owned pointer;
                                               // for a string, byte 15 is 0 when
                                               // the text is inline and 1 when the
-                                              // first word points to a std::string
+                                              // first word points to a text block
 };
+
+// The map's definition needs the complete PObject.
+#include "stream/PObjectMap.h"
 
 // JSON-like text of `value` on one line, for logs and diagnostics.  Strings,
 // keys and paths are not escaped; buffers show only their length.

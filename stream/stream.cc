@@ -97,11 +97,6 @@ void PStream::SetProgress(uint64_t done, uint64_t total) {
   if (progress_callback_) progress_callback_(done, total);
 }
 
-// Scalars reset the pair; the lock is taken only when it was not (0, 0).
-void PStream::ResetProgress() {
-  if (!progress_zero_) SetProgress(0, 0);
-}
-
 void PStream::GetProgress(uint64_t* done, uint64_t* total) const {
   std::lock_guard<std::mutex> lock(progress_mutex_);
   *done = progress_done_;

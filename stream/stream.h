@@ -57,6 +57,7 @@
 
 #include "net/channel.h"
 #include "stream/PObject.h"
+#include "stream/run_stack.h"
 
 class PStream {
  public:
@@ -164,7 +165,9 @@ class PStream {
   void Begin(Channel* channel, std::ostream* out, std::istream* in);
   int Finish(int rc);
   void SetProgress(uint64_t done, uint64_t total);
-  void ResetProgress();
+  void ResetProgress() {
+    if (!progress_zero_) SetProgress(0, 0);
+  }
   const char* Indent() const;
 
   // Writing (stream.cc; binaries in stream_binary.cc).
@@ -217,19 +220,36 @@ class PStream {
   int ReadString(PObject* target);
   int ReadStringBody(size_t length, std::string* text);
   int ReadBuffer(PObject* target);
-  int ReadArray(PObject* target);
+  // Where a container lands: a value that stays put, or a member of a run,
+  // found again by its index once nested runs may have moved it.
+  struct Target {
+    PObject* fixed = nullptr;
+    RunStack<PObjectMember>* members = nullptr;
+    RunStack<PObject>* elements = nullptr;
+    size_t index = 0;
+    PObject* Get() const {
+      if (fixed != nullptr) return fixed;
+      return members != nullptr ? &(*members)[index].second : &(*elements)[index];
+    }
+  };
+  int ReadArray(const Target& target);
   template <typename ReadMember>
   int ReadMembers(ReadMember read_member);
-  int ReadKey(std::string* key);
-  int ReadMap(PObject* target);
+  int ReadKey(PObjectKey* key);
+  int ReadMap(const Target& target);
+  class MemberIndex;
+  size_t FindMember(size_t base, size_t slot, MemberIndex* index);
+  bool ReadShortScalar(uint8_t tag, PObject* target);
+  void ReadPlainMembers(size_t base);
+  int ReadRunValue(uint8_t tag, const Target& place);
   int ReadBinary(PObject* target);
   int ReadBinaryEx(PObject* target);
-  int ReadBinaryExMember(const std::string& key, BinaryExParts* parts);
+  int ReadBinaryExMember(const PObjectKey& key, BinaryExParts* parts);
   int StoreBinary(PObject::binary_type* binary, uint64_t length);
   int OpenFileTarget(const PObject::binary_type& binary, FileTarget* target);
   int ReceiveFile(const FileTarget& target, uint64_t length, uint64_t* received);
   void RemoveOwnFile(const PObject& member) const;
-  int EnterContainer();
+  int EnterContainer(char mark, size_t cost);
 
   static constexpr size_t kStageSize = 16;
 
@@ -255,6 +275,11 @@ class PStream {
   int depth_ = 0;                  // open arrays, maps and binary_ex
   bool dump_ = false;              // DEBUG enabled for `stream` at Begin
   std::string scratch_;            // string bodies longer than the window
+  // Members and elements of the open maps and arrays, innermost last; each
+  // container takes its run off the top when it closes, so a map or an
+  // array is allocated once, at its final size.  Kept between values.
+  RunStack<PObjectMember> members_;
+  RunStack<PObject> elements_;
 
   mutable std::mutex progress_mutex_;  // guards the pair below
   uint64_t progress_done_ = 0;

@@ -1,8 +1,7 @@
 // PStream's decoder: parsing in place from the channel's read buffer, the
 // limits a value from an untrusted peer meets (depth, integer width, growing
-// reads, the size cap), the merge rules of a target that already holds a
-// value, and the members of a binary_ex (the file itself is
-// stream_binary.cc's).
+// reads, the size cap), scalars, and the members of a binary_ex (the file
+// itself is stream_binary.cc's; maps and arrays are stream_read_containers.cc's).
 #include <assert.h>
 
 #include <algorithm>
@@ -12,32 +11,11 @@
 #include "stream/stream-util.h"
 #include "stream/stream.h"
 
+using stream_util::kAllocOverhead;
 using stream_util::kComponent;
 using stream_util::kFirstPiece;
+using stream_util::LongStringCost;
 using stream_util::ULL;
-
-namespace {
-
-// Memory footprints counted against the size cap.  Every allocation is
-// counted with the allocator's own overhead.
-constexpr size_t kAllocOverhead = 16;
-// A map member: the tree node (links and colour) around the key and value.
-constexpr size_t kMapNodeCost = 32 + sizeof(PObject::map_type::value_type) + kAllocOverhead;
-// The payload of an array or a map, allocated when the container opens.
-constexpr size_t kContainerCost =
-    std::max(sizeof(PObject::array_type), sizeof(PObject::map_type)) + kAllocOverhead;
-// A string longer than std::string keeps inline has a block of its own.
-size_t HeapTextCost(size_t length) {
-  return length > PObject::kInlineStringMax ? length + 1 + kAllocOverhead : 0;
-}
-// A string value too long for the slot: a string object and its text.
-size_t LongStringCost(size_t length) {
-  return length > PObject::kInlineStringMax
-             ? sizeof(std::string) + kAllocOverhead + HeapTextCost(length)
-             : 0;
-}
-
-}  // namespace
 
 // What a binary_ex's members brought, applied to the target only once the
 // whole value has arrived.
@@ -133,9 +111,9 @@ int PStream::ReadValue(uint8_t tag, PObject* target) {
       ResetProgress();
       return ReadBuffer(target);
     case kTagArray:
-      return ReadArray(target);
+      return ReadArray(Target{target});
     case kTagMap:
-      return ReadMap(target);
+      return ReadMap(Target{target});
     case kTagBinary:
     case kTagBinaryEx:
       if (refuse_binaries_) {
@@ -163,21 +141,31 @@ int PStream::ReadNull(PObject* target) {
 }
 
 int PStream::ReadInteger(PObject* target) {
-  int rc = Need(1);
-  if (rc != kOk) return rc;
-  const uint8_t width = *in_pos_++;
-  if (width > 8) {
-    LOG_ERROR(kComponent, "PStream: integer of %u bytes, at most 8 expected",
-              static_cast<unsigned>(width));
-    return kErrMalformed;
+  uint64_t bits;
+  if (in_end_ - in_pos_ >= 9 && in_pos_[0] <= 8) {
+    // The usual case: the width and 8 bytes in the window; the value is the
+    // first `width` of them.
+    const unsigned width = in_pos_[0];
+    const uint64_t word = Channel::GetUInt64(in_pos_ + 1);
+    bits = width == 0 ? 0 : word >> (8 * (8 - width));
+    in_pos_ += 1 + width;
+  } else {
+    int rc = Need(1);
+    if (rc != kOk) return rc;
+    const uint8_t width = *in_pos_++;
+    if (width > 8) {
+      LOG_ERROR(kComponent, "PStream: integer of %u bytes, at most 8 expected",
+                static_cast<unsigned>(width));
+      return kErrMalformed;
+    }
+    rc = Need(width);
+    if (rc != kOk) return rc;
+    // The `width` bytes are the tail of the value's 8-byte form.
+    uint8_t bytes[8] = {0};
+    memcpy(bytes + 8 - width, in_pos_, width);
+    in_pos_ += width;
+    bits = Channel::GetUInt64(bytes);
   }
-  rc = Need(width);
-  if (rc != kOk) return rc;
-  // The `width` bytes are the tail of the value's 8-byte form.
-  uint8_t bytes[8] = {0};
-  memcpy(bytes + 8 - width, in_pos_, width);
-  in_pos_ += width;
-  const uint64_t bits = Channel::GetUInt64(bytes);
   if (dump_) LOG_DEBUG(kComponent, "%s%llu", Indent(), ULL(bits));
   target->SetInteger(static_cast<int64_t>(bits));
   return kOk;
@@ -207,6 +195,17 @@ int PStream::ReadString(PObject* target) {
   if (rc != kOk) return rc;
   const size_t length = Channel::GetUInt16(in_pos_);
   in_pos_ += 2;
+  if (length <= PObject::kInlineStringMax && in_end_ - in_pos_ >= 16) {
+    // The usual case: a text that fits the slot, with room to read whole
+    // words.
+    if (dump_) {
+      LOG_DEBUG(kComponent, "%s\"%.*s\"", Indent(), static_cast<int>(length),
+                reinterpret_cast<const char*>(in_pos_));
+    }
+    target->AssignShortText(in_pos_, length);
+    in_pos_ += length;
+    return kOk;
+  }
   rc = Charge(LongStringCost(length));
   if (rc != kOk) return rc;
   if (static_cast<size_t>(in_end_ - in_pos_) >= length) {
@@ -220,12 +219,7 @@ int PStream::ReadString(PObject* target) {
   rc = ReadStringBody(length, &scratch_);
   if (rc != kOk) return rc;
   if (dump_) LOG_DEBUG(kComponent, "%s\"%s\"", Indent(), scratch_.c_str());
-  if (scratch_.size() > PObject::kInlineStringMax) {
-    *target = std::move(scratch_);  // the value takes the allocation
-    scratch_.clear();
-  } else {
-    *target = std::string_view(scratch_);
-  }
+  *target = std::string_view(scratch_);
   return kOk;
 }
 
@@ -263,69 +257,14 @@ int PStream::ReadBuffer(PObject* target) {
   return kOk;
 }
 
-// ---- containers ----
-
-int PStream::EnterContainer() {
-  if (depth_ >= kMaxDepth) {
-    LOG_ERROR(kComponent, "PStream: values nested deeper than %d levels", kMaxDepth);
-    return kErrMalformed;
-  }
-  ++depth_;
-  return kOk;
-}
-
-int PStream::ReadArray(PObject* target) {
-  if (dump_) LOG_DEBUG(kComponent, "%s[", Indent());
-  int rc = EnterContainer();
-  if (rc == kOk) rc = Charge(kContainerCost);
-  if (rc != kOk) return rc;
-  PObject::array_type& elements = target->MutableArray();
-  for (;;) {
-    rc = Need(1);
-    if (rc != kOk) return rc;
-    const uint8_t tag = *in_pos_++;
-    if (tag == kTagEnd) break;
-    if (elements.size() == elements.capacity()) {
-      // The slots the next growth will add (it doubles, from one).
-      rc = Charge(std::max<size_t>(elements.size(), 1) * sizeof(PObject));
-      if (rc != kOk) return rc;
-    }
-    elements.emplace_back();
-    rc = ReadValue(tag, &elements.back());
-    if (rc != kOk) return rc;
-  }
-  --depth_;
-  if (dump_) LOG_DEBUG(kComponent, "%s]", Indent());
-  return kOk;
-}
-
-int PStream::ReadKey(std::string* key) {
-  int rc = Need(1);
-  if (rc != kOk) return rc;
-  const uint8_t tag = *in_pos_++;
-  if (tag != kTagString) {
-    LOG_ERROR(kComponent, "PStream: expect string, but get tag %u", static_cast<unsigned>(tag));
-    return kErrMalformed;
-  }
-  rc = Need(2);
-  if (rc != kOk) return rc;
-  const size_t length = Channel::GetUInt16(in_pos_);
-  in_pos_ += 2;
-  rc = ReadStringBody(length, key);
-  if (rc == kOk && dump_) LOG_DEBUG(kComponent, "%s\"%s\"", Indent(), key->c_str());
-  return rc;
-}
-
-// Reads the members of a map or a binary_ex up to its end marker, each
-// value through `read_member(key)`.  The opening "{" is dumped here; the
-// caller dumps the closing "}".  A failing member's key is recorded for the
-// error stack.
+// Reads the members of a binary_ex up to its end marker, each value through
+// `read_member(key)`.  The opening "{" is dumped here; the caller dumps the
+// closing "}".  A failing member's key is recorded for the error stack.
 template <typename ReadMember>
 int PStream::ReadMembers(ReadMember read_member) {
-  if (dump_) LOG_DEBUG(kComponent, "%s{", Indent());
-  int rc = EnterContainer();
+  int rc = EnterContainer('{', 0);
   if (rc != kOk) return rc;
-  std::string key;
+  PObjectKey key;
   for (;;) {
     rc = Need(1);
     if (rc != kOk) return rc;
@@ -337,32 +276,11 @@ int PStream::ReadMembers(ReadMember read_member) {
     if (rc != kOk) return rc;
     rc = read_member(key);
     if (rc != kOk) {
-      error_keys_.push_back(key);
+      error_keys_.emplace_back(key.view());
       return rc;
     }
   }
   --depth_;
-  return kOk;
-}
-
-int PStream::ReadMap(PObject* target) {
-  int rc = Charge(kContainerCost);
-  if (rc != kOk) return rc;
-  PObject::map_type& members = target->MutableMap();
-  rc = ReadMembers([&](const std::string& key) -> int {
-    // Keys arrive in order from our own encoder: the end is the place to
-    // look first.  A repeated key decodes into the member the first one
-    // made.
-    const size_t before = members.size();
-    PObject& member = members.emplace_hint(members.end(), key, PObject())->second;
-    if (members.size() != before) {
-      int charged = Charge(kMapNodeCost + HeapTextCost(key.size()));
-      if (charged != kOk) return charged;
-    }
-    return ReadTaggedValue(&member);
-  });
-  if (rc != kOk) return rc;
-  if (dump_) LOG_DEBUG(kComponent, "%s}", Indent());
   return kOk;
 }
 
@@ -376,7 +294,7 @@ int PStream::ReadBinaryEx(PObject* target) {
   stream_util::HashAlgoScope scope(&binary_hash_algo_, algo);
   last_hash_.clear();
   BinaryExParts parts;
-  rc = ReadMembers([&](const std::string& key) { return ReadBinaryExMember(key, &parts); });
+  rc = ReadMembers([&](const PObjectKey& key) { return ReadBinaryExMember(key, &parts); });
   if (rc != kOk) {
     // A file without the rest of its value is of no use.
     RemoveOwnFile(parts.file);
@@ -402,7 +320,7 @@ int PStream::ReadBinaryEx(PObject* target) {
 // Each member decodes into a fresh value, so a file it receives is always
 // this transfer's own, under a fresh name: that file, and no other, goes
 // when the member fails or is of no use.
-int PStream::ReadBinaryExMember(const std::string& key, BinaryExParts* parts) {
+int PStream::ReadBinaryExMember(const PObjectKey& key, BinaryExParts* parts) {
   PObject member;
   int rc = ReadTaggedValue(&member);
   if (rc != kOk) {
