@@ -35,6 +35,7 @@ ERROR = ("error_handler_test", "error_system", DAEMON)
 MONITOR = ("worker_test message_test", "monitor_system workers_system", DAEMON + " vesta-monitorctl")
 SHARES = ("share_test", "share_hook_system", DAEMON)
 AREAS = {"stream/stream.cc": STREAM, "stream/stream_read.cc": STREAM, "stream/stream_binary.cc": STREAM,
+         "stream/stream_read_containers.cc": STREAM, "stream/PObjectMap.cc": STREAM,
          "db/system-db.cc": DB, "db/system-db-reads.cc": DB, "error/error-handler.cc": ERROR,
          "error/nx-error-handler.cc": ERROR, "error/nx-upgrade.cc": ERROR,
          "monitor/status-monitor.cc": MONITOR, "monitor/list-share.cc": MONITOR,
