@@ -132,24 +132,6 @@ TEST_F(LoggerTest, RotatesExactlyWhenTheCounterPassesTheLimit) {
   EXPECT_EQ(static_cast<off_t>(kStampSize + 5), SizeOf(log));
 }
 
-TEST_F(LoggerTest, SmallRotateCountsKeepOneNumberedFile) {
-  for (int count : {1, 2}) {
-    TempDir dir;
-    std::string log = dir.File("s.log");
-    dir.Write("s.log", std::string(Logger::kRotateSize, 'x'));
-    ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", count, 1));
-    Logger::Log(LOG_LEVEL_ERROR, "c", "first");
-    dir.Write("s.log", std::string(Logger::kRotateSize, 'x'));
-    Logger::Shutdown();
-    ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", count, 1));
-    Logger::Log(LOG_LEVEL_ERROR, "c", "second");
-    EXPECT_TRUE(Exists(log + "_0")) << count;
-    EXPECT_FALSE(Exists(log + "_1")) << count;
-    EXPECT_NE(std::string::npos, ReadFile(log + "_0").find("second")) << count;
-    Logger::Shutdown();
-  }
-}
-
 // Two processes forked after Init write one file through several
 // rotations; every line must survive exactly once and whole.
 TEST_F(LoggerTest, ProcessesSharingOneFileLoseAndTearNothing) {

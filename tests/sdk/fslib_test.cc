@@ -28,36 +28,32 @@ class FakeProbe : public FsProbe {
  public:
   FakeProbe() { Add("/", 1, kExt4Magic); }
 
-  void Add(const std::string& path, dev_t dev, long magic) { nodes_[path] = Node{dev, magic}; }
+  void Add(const std::string& path, dev_t dev, long magic) { nodes_[path] = {dev, magic}; }
 
   int Stat(const std::string& path, struct stat* st) const override {
-    auto it = nodes_.find(path);
-    if (it == nodes_.end()) {
-      errno = ENOENT;
-      return -1;
-    }
+    const Node* node = Find(path);
+    if (node == nullptr) return -1;
     *st = {};
-    st->st_dev = it->second.dev;
+    st->st_dev = node->first;
     st->st_mode = S_IFDIR | 0755;
     return 0;
   }
-
   int StatFs(const std::string& path, struct statfs* st) const override {
-    auto it = nodes_.find(path);
-    if (it == nodes_.end()) {
-      errno = ENOENT;
-      return -1;
-    }
+    const Node* node = Find(path);
+    if (node == nullptr) return -1;
     *st = {};
-    st->f_type = it->second.magic;
+    st->f_type = node->second;
     return 0;
   }
 
  private:
-  struct Node {
-    dev_t dev;
-    long magic;
-  };
+  using Node = std::pair<dev_t, long>;  // device and file-system magic
+  const Node* Find(const std::string& path) const {
+    auto it = nodes_.find(path);
+    errno = ENOENT;
+    return it == nodes_.end() ? nullptr : &it->second;
+  }
+
   std::map<std::string, Node> nodes_;
 };
 
