@@ -1,7 +1,10 @@
 // Helpers of the database tests: a log captured in a file, checked line by
-// line, and the sqlite3 shell on a database file, beside the code under test.
+// line, the sqlite3 shell on a database file and a direct SQLite connection,
+// beside the code under test.
 #ifndef VESTA_TESTS_DB_DB_TEST_UTIL_H_
 #define VESTA_TESTS_DB_DB_TEST_UTIL_H_
+
+#include <sqlite3.h>
 
 #include <functional>
 #include <sstream>
@@ -80,5 +83,51 @@ inline std::string Sql(const std::string& path, const std::string& sql) {
   EXPECT_EQ(0, status) << sql << ": " << out;
   return out;
 }
+
+// A connection of the test's own to a database file.
+class DirectDb {
+ public:
+  explicit DirectDb(const std::string& path) {
+    EXPECT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &db_));
+    sqlite3_busy_timeout(db_, 10000);
+  }
+  ~DirectDb() { sqlite3_close(db_); }
+  DirectDb(const DirectDb&) = delete;
+  DirectDb& operator=(const DirectDb&) = delete;
+
+  void Exec(const std::string& sql) {
+    char* error = nullptr;
+    int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error);
+    EXPECT_EQ(SQLITE_OK, rc) << sql << ": " << (error ? error : "");
+    sqlite3_free(error);
+  }
+
+  // Rows of `sql`, each as its columns joined by "|" (NULL as "<null>").
+  std::vector<std::string> Rows(const std::string& sql) {
+    std::vector<std::string> rows;
+    sqlite3_stmt* stmt = nullptr;
+    EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr)) << sql;
+    while (stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW) {
+      std::string row;
+      for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
+        if (i > 0) row += "|";
+        const unsigned char* t = sqlite3_column_text(stmt, i);
+        row += t ? reinterpret_cast<const char*>(t) : "<null>";
+      }
+      rows.push_back(row);
+    }
+    sqlite3_finalize(stmt);
+    return rows;
+  }
+
+  // The first column of the first row of `sql`, or "<none>".
+  std::string Value(const std::string& sql) {
+    std::vector<std::string> rows = Rows(sql);
+    return rows.empty() ? "<none>" : rows[0].substr(0, rows[0].find('|'));
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
 
 #endif  // VESTA_TESTS_DB_DB_TEST_UTIL_H_
