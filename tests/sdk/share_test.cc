@@ -14,11 +14,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/holders.h"
 #include "platform/users.h"
 #include "sdk/sdk-cpp.h"
 #include "sdk/share-service.h"
@@ -377,6 +379,54 @@ TEST_F(ShareAttributesTest, PathsUuidAndKey) {
   if (ret == 0) {
     EXPECT_EQ(direct.mount_point_path, map.Lookup("mount_point_path").AsString());
   }
+}
+
+// The platform calls' refusals, each with its own error code.
+TEST_F(ShareAttributesTest, PlatformCallsFailWithTheirCode) {
+  files_.Write("p", "/volume1/photo", "default_key_file=" + files_.dir.Write("short", "abc") + "\n");
+  files_.Write("deep", "/volume1/a/b", "default_key_file=" + files_.dir.File("gone") + "\n");
+  files_.Write("relative", "volume1/a", "");
+  files_.dir.Write("etc/vesta/shares/broken.conf", "path=/volume1/x\nnot a pair\n");
+  ZephShare* raw = nullptr;
+  ASSERT_EQ(0, ZEPHShareGet("p", &raw));
+  ShareRecord p(raw);
+  ASSERT_EQ(0, ZEPHShareGet("deep", &raw));
+  ShareRecord deep(raw);
+  char buf[64];
+  const struct {
+    std::function<int()> call;
+    int code;
+  } kCalls[] = {
+      {[&] { return ZEPHShareGet("p", nullptr); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareGet("../p", &raw); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareGet("absent", &raw); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareGet("broken", &raw); }, KLIB_ERR_FILE},
+      {[&] { return ZEPHShareGet("relative", &raw); }, KLIB_ERR_BAD_VALUE},
+      {[&] { return KLIBIsGlusterShare(nullptr); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return KLIBShareEncryptPathGet(nullptr, buf, 64); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return KLIBShareEncryptPathGet(p.get(), nullptr, 64); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return KLIBShareEncryptPathGet(p.get(), buf, 15); }, KLIB_ERR_BUFFER_TOO_SMALL},
+      {[&] { return KLIBShareEncryptPathGet(deep.get(), buf, 64); }, KLIB_ERR_NO_SUCH_KEY},
+      {[&] { return ZEPHShareAttrReadOnlyIsRegBy("p", nullptr); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareAttrReadOnlyIsRegBy("absent", "x"); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareBinPathGet("absent", buf, 64); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareBinPathGet("p", buf, 23); }, KLIB_ERR_BUFFER_TOO_SMALL},
+      {[&] { return ZEPHShareUuidGet("absent", buf, 64); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareUuidGet("p", buf, 64); }, KLIB_ERR_NO_SUCH_KEY},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("p", nullptr, 64); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("absent", buf, 64); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("relative", buf, 64); }, KLIB_ERR_BAD_VALUE},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("p", buf, 64); }, KLIB_ERR_FILE},  // too short
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("deep", buf, 64); }, KLIB_ERR_FILE},  // missing
+      {[&] { return ZEPHShareUserPrivCalc("root", "absent"); }, KLIB_ERR_NO_SUCH_SHARE},
+  };
+  for (size_t i = 0; i < sizeof(kCalls) / sizeof(kCalls[0]); ++i) {
+    KLIB_SET_ERR(KLIB_ERR_NONE);
+    EXPECT_EQ(-1, kCalls[i].call()) << "call " << i;
+    EXPECT_EQ(kCalls[i].code, KLIBErrCodeGet()) << "call " << i;
+  }
+  EXPECT_EQ(0, KLIBShareEncryptPathGet(p.get(), buf, 16));
+  EXPECT_STREQ("/volume1/@photo", buf);
 }
 
 TEST_F(ShareAttributesTest, OperationsWaitForThePlatformLock) {
