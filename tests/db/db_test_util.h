@@ -35,20 +35,22 @@ class LogCapture {
     return Text().find(needle) != std::string::npos;
   }
   // Whether a line written after byte `since` has `level` ("ERROR") and,
-  // after its source position, exactly `text`.
-  bool HasLine(const std::string& level, const std::string& text, size_t since = 0) const {
+  // after its source position, exactly `text`; with `last`, it must be the
+  // last line written.
+  bool HasLine(const std::string& level, const std::string& text, size_t since = 0,
+               bool last = false) const {
     std::istringstream lines(Text().substr(since));
     const std::string tail = "): " + text;
+    bool found = false;
     for (std::string line; std::getline(lines, line);) {
-      if (line.find(" [" + level + "] ") != std::string::npos && line.size() >= tail.size() &&
-          line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
-        return true;
-      }
+      found = line.find(" [" + level + "] ") != std::string::npos && line.size() >= tail.size() &&
+              line.compare(line.size() - tail.size(), tail.size(), tail) == 0;
+      if (found && !last) return true;
     }
-    return false;
+    return found;
   }
 
-  // One call with its result and the one line it must log.
+  // One call with its result and the line it must log last.
   struct Outcome {
     std::function<int()> call;
     int result;
@@ -59,7 +61,7 @@ class LogCapture {
     for (const Outcome& o : outcomes) {
       const size_t since = Text().size();
       EXPECT_EQ(o.result, o.call()) << o.line;
-      EXPECT_TRUE(HasLine(o.level, o.line, since)) << o.level << " " << o.line;
+      EXPECT_TRUE(HasLine(o.level, o.line, since, true)) << o.level << " " << o.line;
     }
   }
 

@@ -192,6 +192,8 @@ TEST_F(SystemDBTest, OneRowWritesAndTheirFailures) {
       "END; CREATE TRIGGER c BEFORE UPDATE ON connection_table BEGIN SELECT "
       "RAISE(ABORT, 'frozen'); END;");
   const std::string flags = "sqlite3_exec failed: ret = 19 [frozen]";
+  ConnectionEntry entry;
+  entry.nx_id = "NX1";
   log_.ExpectEach({
       {[&] { return SystemDB::setSessionStatus(sess, 0); }, -1, "ERROR",
        "setSessionStatus fail ret = 19 frozen"},
@@ -208,6 +210,10 @@ TEST_F(SystemDBTest, OneRowWritesAndTheirFailures) {
       {[&] { return SystemDB::setSessionReadOnly(sess); }, -1, "ERROR", flags},
       {[&] { return SystemDB::clearSessionReadOnly(sess); }, -1, "ERROR", flags},
       {[&] { return SystemDB::setSessionEncryptionState(sess, false, true); }, -1, "ERROR", flags},
+      {[&] { return SystemDB::updateConnectionEntry(&entry, entry.proxy, entry.tunnel); }, -1,
+       "ERROR", "updateConnectionEntry fail ret = 19 frozen"},
+      {[&] { return SystemDB::updateSessionInfo(&s); }, -1, "ERROR",
+       "updateSessionInfo fail ret = 19 frozen"},
   });
 }
 
@@ -226,8 +232,8 @@ TEST_F(SystemDBTest, ReadsWhoseTableIsGone) {
   const std::string session = ": sqlite3_prepare_v2: no such table: session_table (1)";
   const std::string connection = ": sqlite3_prepare_v2: no such table: connection_table (1)";
   log_.ExpectEach({
-      {[&] { return SystemDB::getSessionErr(1, &a); }, -1, "ERROR",
-       "sqlite3_step: [1] no such table: session_table"},
+      {[&] { return SystemDB::getConnectionEntryByConnID(1, &e); }, -1, "ERROR",
+       "sqlite3_step: [1] no such table: connection_table"},
       {[&] { return SystemDB::getSessionStatusAndErr(1, &a, &b, &c, &d); }, -1, "ERROR",
        "getSessionStatusAndErr" + session},
       {[&] { return SystemDB::getSessionErr(1, &a); }, -1, "ERROR", "getSessionErr" + session},
