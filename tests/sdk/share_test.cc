@@ -384,7 +384,8 @@ TEST_F(ShareAttributesTest, PathsUuidAndKey) {
 // The platform calls' refusals, each with its own error code.
 TEST_F(ShareAttributesTest, PlatformCallsFailWithTheirCode) {
   files_.Write("p", "/volume1/photo", "default_key_file=" + files_.dir.Write("short", "abc") + "\n");
-  files_.Write("deep", "/volume1/a/b", "default_key_file=" + files_.dir.File("gone") + "\n");
+  files_.Write("deep", "/volume1/a/b", "");
+  files_.Write("gone", "/volume1/g", "default_key_file=" + files_.dir.File("gone") + "\n");
   files_.Write("relative", "volume1/a", "");
   files_.dir.Write("etc/vesta/shares/broken.conf", "path=/volume1/x\nnot a pair\n");
   ZephShare* raw = nullptr;
@@ -417,7 +418,8 @@ TEST_F(ShareAttributesTest, PlatformCallsFailWithTheirCode) {
       {[&] { return ZEPHShareEncDefaultKeyFileRead("absent", buf, 64); }, KLIB_ERR_NO_SUCH_SHARE},
       {[&] { return ZEPHShareEncDefaultKeyFileRead("relative", buf, 64); }, KLIB_ERR_BAD_VALUE},
       {[&] { return ZEPHShareEncDefaultKeyFileRead("p", buf, 64); }, KLIB_ERR_FILE},  // too short
-      {[&] { return ZEPHShareEncDefaultKeyFileRead("deep", buf, 64); }, KLIB_ERR_FILE},  // missing
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("deep", buf, 64); }, KLIB_ERR_NO_SUCH_KEY},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("gone", buf, 64); }, KLIB_ERR_FILE},  // missing
       {[&] { return ZEPHShareUserPrivCalc("root", "absent"); }, KLIB_ERR_NO_SUCH_SHARE},
   };
   for (size_t i = 0; i < sizeof(kCalls) / sizeof(kCalls[0]); ++i) {
