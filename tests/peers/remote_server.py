@@ -67,26 +67,18 @@ def from_json(value):
     return value
 
 
-def read_exact(conn, n):
-    data = b""
-    while len(data) < n:
-        chunk = conn.recv(n - len(data))
-        if not chunk:
-            return None
-        data += chunk
-    return data
-
-
 def serve_one(conn, args, is_unix):
-    """Header, request, reply; again after a TLS switch, until the client
-    closes."""
+    """Header, request, reply; again (after a TLS switch) until the client closes."""
     tls = False
     try:
         conn.settimeout(30)
         while True:
-            raw = read_exact(conn, HEADER.size)
-            if raw is None:
-                return
+            raw = b""
+            while len(raw) < HEADER.size:
+                chunk = conn.recv(HEADER.size - len(raw))
+                if not chunk:
+                    return
+                raw += chunk
             magic, version, command, _length = HEADER.unpack(raw)
             if magic != MAGIC or version != VERSION:
                 record(args.record, {"bad_header": raw.hex()})
@@ -110,8 +102,7 @@ def serve_one(conn, args, is_unix):
             for _ in range(int(script.get("keep_alive", {}).get(action, 0))):
                 pstream.send_value(conn, {"type": "keep_alive"})
             replies = script.get("replies", {})
-            reply = replies.get(action, replies.get("*", {}))
-            pstream.send_value(conn, from_json(reply))
+            pstream.send_value(conn, from_json(replies.get(action, replies.get("*", {}))))
             if action == "encrypt_channel":
                 if args.tls is None or is_unix:
                     return
@@ -129,10 +120,7 @@ def serve_one(conn, args, is_unix):
 
 def accept_loop(server, args, is_unix):
     while True:
-        try:
-            conn, _ = server.accept()
-        except OSError:
-            return
+        conn, _ = server.accept()
         threading.Thread(target=serve_one, args=(conn, args, is_unix), daemon=True).start()
 
 
@@ -151,7 +139,6 @@ def main():
     if args.cert:
         args.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         args.tls.load_cert_chain(args.cert, args.key)
-
     tcp = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     tcp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     tcp.bind((args.host, args.port))
