@@ -72,16 +72,11 @@ class ProtoUITest : public ::testing::Test {
     ui->SetSsl(tls, false, "", "");
   }
 
-  static TempDir* dir_;
-  static PeerProcess* server_;
-  static bool certs_ok_;
-  static int port_;
+  inline static TempDir* dir_ = nullptr;
+  inline static PeerProcess* server_ = nullptr;
+  inline static bool certs_ok_ = false;
+  inline static int port_ = 0;
 };
-
-TempDir* ProtoUITest::dir_ = nullptr;
-PeerProcess* ProtoUITest::server_ = nullptr;
-bool ProtoUITest::certs_ok_ = false;
-int ProtoUITest::port_ = 0;
 
 TEST_F(ProtoUITest, AuthenticationAsTheServerReceivesIt) {
   struct Case {
