@@ -55,14 +55,10 @@ class TlsTest : public ::testing::Test {
     return ch->ConvertToSSLChannel(false);
   }
 
-  static TempDir* dir_;
-  static bool certs_ok_;
-  static std::map<std::string, std::unique_ptr<TlsServer>> servers_;
+  inline static TempDir* dir_ = nullptr;
+  inline static bool certs_ok_ = false;
+  inline static std::map<std::string, std::unique_ptr<TlsServer>> servers_;
 };
-
-TempDir* TlsTest::dir_ = nullptr;
-bool TlsTest::certs_ok_ = false;
-std::map<std::string, std::unique_ptr<TlsServer>> TlsTest::servers_;
 
 // The chain checked against the CA bundle and the host names (the common
 // name when there is no subjectAltName), or trust by the signature text.

@@ -7,13 +7,11 @@ script.  Standard library only; the wire codec is tests/peers/pstream.py.
 
 Script (a JSON file, read again for every request):
 
-    {"replies": {"get_status": {"connection_list": [...]},
-                 "pause": {"error": "busy"},
-                 "*": {"ack": "ok"}},
+    {"replies": {"pause": {"error": "busy"}, "*": {"ack": "ok"}},
      "close": ["resume"]}
 
-"replies" maps an action to its reply ("*" for any other; else an empty
-map); actions in "close" get no reply, the connection is closed.
+"replies": an action's reply ("*" for any other; else {}); actions in
+"close" get no reply, the connection is closed.
 
 Record (--record): one JSON line per request, {"request": value}.
 
