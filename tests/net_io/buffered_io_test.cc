@@ -15,6 +15,7 @@
 #include <deque>
 #include <sstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -332,10 +333,9 @@ TEST(BufferedIOTest, HandOverMovesTheDescriptorAndSettings) {
   f.stream.SetTimeout(7);
   cat::BufferedIO target;
   EXPECT_EQ(0, f.stream.HandOver(&target));
-  EXPECT_EQ(7, target.GetTimeout());
-  EXPECT_EQ(&f.controller, target.GetController());
   EXPECT_EQ(nullptr, f.stream.GetIO());
-  EXPECT_EQ(1000, target.GetIO()->fd());
+  EXPECT_EQ(std::make_tuple(7, &f.controller, 1000),
+            std::make_tuple(target.GetTimeout(), target.GetController(), target.GetIO()->fd()));
 
   // A TLS stream refuses a descriptor that is not a socket.
   cat::BufferedIO on_file;

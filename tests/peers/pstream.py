@@ -64,13 +64,9 @@ class Binary(_Bytes):
 
 
 class BinaryEx:
-    """A file's byte range with a digest.
-
-    Encoding: without `send_hash`, the digest of `data` by `hash_algo`
-    (lower-case hex) travels, or an empty text when neither is set.
-    Decoding fills `data`, `send_hash`, and `recv_hash` by the decoder's
-    `hash_algo` when one is given.
-    """
+    """A file's byte range with a digest: `send_hash`, else the hex digest of
+    `data` by `hash_algo`, else "" travels.  Decoding fills `data`,
+    `send_hash`, and `recv_hash` when the decoder has a `hash_algo`."""
 
     def __init__(self, data=b"", hash_algo="", send_hash=None, recv_hash=""):
         self.data = bytes(data)
@@ -172,9 +168,8 @@ class _SocketReader:
 
 
 def _merge(target, value):
-    """A repeated key decodes into the member the first one made: arrays
-    append, maps merge, a second file range is written on after the first
-    (same file, from where the first ended), anything else replaces."""
+    """A repeated key: arrays append, maps merge, a second file range goes
+    on after the first (same file), anything else replaces."""
     if isinstance(target, Binary) and isinstance(value, Binary):
         return Binary(target.data + value.data)
     if isinstance(target, BinaryEx) and isinstance(value, BinaryEx):
