@@ -259,17 +259,12 @@ class _Decoder:
         raise PStreamError(ERR_MALFORMED, "unknown tag %u" % tag)
 
 
-def decode_prefix(data, text=True, hash_algo=""):
-    """Decodes the value at the start of `data`: (value, bytes used)."""
-    reader = _BytesReader(data)
-    return _Decoder(reader, text, hash_algo).value(), reader.pos
-
-
 def decode(data, text=True, hash_algo=""):
     """Decodes exactly one value; trailing bytes are an error (-5)."""
-    value, used = decode_prefix(data, text, hash_algo)
-    if used != len(data):
-        raise PStreamError(ERR_MALFORMED, "%d bytes after the value" % (len(data) - used))
+    reader = _BytesReader(data)
+    value = _Decoder(reader, text, hash_algo).value()
+    if reader.pos != len(data):
+        raise PStreamError(ERR_MALFORMED, "%d bytes after the value" % (len(data) - reader.pos))
     return value
 
 
