@@ -57,10 +57,7 @@ class PStreamFileTest : public ::testing::Test {
 TEST_F(PStreamFileTest, BinariesTravelAsTheirBytesAndLandUnderFreshNames) {
   std::string content(300, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i);
-  PObject::binary_ex_type ex;
-  ex.path = dir_.Write("hello", "hello world\n");
-  ex.length = 12;
-  ex.hash_algo = "sha256";
+  PObject::binary_ex_type ex{dir_.Write("hello", "hello world\n"), 0, 12, "sha256", "", ""};
   PObject value;
   value.MutableArray().emplace_back(PObject::binary_type{100, 50, dir_.Write("source", content)});
   value.MutableArray().emplace_back(ex);
@@ -132,8 +129,7 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
   RunCommand("head -c " + std::to_string(cut) + " '" + source + "' > '" + partial + "'");
   PObject value;
   value["a"] = PObject::binary_type{cut, size - cut, source};
-  value["b"].MutableBinaryEx().path = source;
-  value["b"].MutableBinaryEx().length = size;
+  value["b"] = PObject::binary_ex_type{source, 0, size, "", "", ""};
   PObject got;
   got["a"] = PObject::binary_type{cut, 0, partial};
   PStream in;
@@ -211,9 +207,7 @@ TEST_F(PStreamFileTest, SenderProgressCountsFileBytesUpToTheLastPiece) {
 TEST_F(PStreamFileTest, DigestOfABinaryExIsClearedAfterIt) {
   // The stream's own binary digest is not put back after a binary_ex: the
   // plain binary that follows is not digested.
-  PObject::binary_ex_type ex;
-  ex.path = dir_.Write("first", "hello world\n");
-  ex.length = 12;
+  PObject::binary_ex_type ex{dir_.Write("first", "hello world\n"), 0, 12, "", "", ""};
   PObject value;
   value.MutableArray().emplace_back(ex);
   value.MutableArray().emplace_back(
@@ -233,10 +227,7 @@ TEST_F(PStreamFileTest, DigestOfABinaryExIsClearedAfterIt) {
 TEST_F(PStreamFileTest, SendFailuresAndMissingArguments) {
   LogCapture log(dir_, "");
   const std::string source = dir_.Write("s", "abc");
-  PObject::binary_ex_type ex;
-  ex.path = source;
-  ex.length = 3;
-  ex.hash_algo = "no-such-digest";
+  PObject::binary_ex_type ex{source, 0, 3, "no-such-digest", "", ""};
   PObject missing;
   missing["f"].MutableBinaryEx().path = dir_.File("missing");
   const struct {
@@ -279,9 +270,7 @@ TEST_F(PStreamFileTest, SendFailuresAndMissingArguments) {
 // file goes -- but never a file it did not make.
 TEST_F(PStreamFileTest, FailedReceivesLeaveWhatArrivedAndNothingElse) {
   const std::string kept = dir_.Write("kept", "received before");
-  PObject::binary_ex_type named;
-  named.path = kept;
-  named.offset = named.length = 15;
+  PObject::binary_ex_type named{kept, 15, 15, "", "", ""};
   const std::string ex_head = Hex("43") + WireString("binary");
   const struct {
     PObject target;
