@@ -99,9 +99,7 @@ std::string ReadAll(const std::string& path) {
 void DecodeBinaries(const uint8_t* data, size_t size) {
   const std::string kept = Scratch() + "/kept";
   const std::string before = "kept bytes";
-  PObject::binary_ex_type ex;
-  ex.path = kept;
-  ex.offset = ex.length = before.size();
+  const PObject::binary_ex_type ex{kept, before.size(), before.size(), "", "", ""};
   const PObject targets[] = {
       PObject(),
       PObject(PObject::binary_type{before.size(), before.size(), kept}),

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <string>
 
+#include "net/cat/socket_ops.h"
 #include "tests/common/shell.h"
 
 namespace net_io_test {
@@ -20,19 +21,13 @@ namespace net_io_test {
 // Tests write to peers that may have gone; the daemon ignores SIGPIPE too.
 inline const bool kSigpipeIgnored = signal(SIGPIPE, SIG_IGN) != SIG_ERR;
 
-inline struct sockaddr_in Loopback(int port) {
-  struct sockaddr_in addr = {};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  return addr;
-}
-
 // A listening TCP socket on 127.0.0.1 and a free port.
 class Listener {
  public:
   explicit Listener(int backlog = 8) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    struct sockaddr_in addr = Loopback(0);
+    struct sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     bind(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
     listen(fd_, backlog);
     socklen_t len = sizeof(addr);
@@ -57,11 +52,8 @@ inline int FreePort() { return Listener().port(); }
 // True once something accepts connections on 127.0.0.1:port.
 inline bool WaitForPort(int port) {
   return WaitFor([port] {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in addr = Loopback(port);
-    int rc = connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
-    close(fd);
-    return rc == 0;
+    const int fd = cat::ConnectTcp("127.0.0.1", port, 1, nullptr);
+    return fd >= 0 && close(fd) == 0;
   });
 }
 
