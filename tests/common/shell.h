@@ -1,12 +1,17 @@
-// The real tools the tests compare against (openssl, sqlite3, sha256sum),
-// run from a test, and a wait with a deadline.
+// The real tools the tests compare against (openssl, sqlite3, sha256sum) and
+// the peers they talk to, run from a test, and a wait with a deadline.
 #ifndef VESTA_TESTS_COMMON_SHELL_H_
 #define VESTA_TESTS_COMMON_SHELL_H_
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
 
@@ -16,8 +21,7 @@ inline std::string RunCommand(const std::string& command, int* status = nullptr)
   FILE* p = popen(command.c_str(), "r");
   if (p == nullptr) return out;
   char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
+  for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;) out.append(buf, n);
   int rc = pclose(p);
   if (status != nullptr) *status = rc;
   return out;
@@ -42,5 +46,41 @@ bool WaitFor(Pred pred, int limit_ms = 10000) {
   for (int waited = 0; waited < limit_ms && !pred(); waited += 10) usleep(10000);
   return pred();
 }
+
+// A file of the source tree, by its path from the root.
+inline std::string SourcePath(const std::string& relative) {
+  const char* root = getenv("VESTA_SOURCE_DIR");
+  return std::string(root != nullptr ? root : ".") + "/" + relative;
+}
+
+// A child process running `argv`, output to /dev/null, stopped by SIGTERM
+// and reaped when the object goes.
+class ChildProcess {
+ public:
+  explicit ChildProcess(const std::vector<std::string>& argv) {
+    if ((pid_ = fork()) != 0) return;
+    dup2(open("/dev/null", O_RDWR), 0);
+    dup2(0, 1);
+    dup2(0, 2);
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  ~ChildProcess() { Stop(); }
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  void Stop() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
 
 #endif  // VESTA_TESTS_COMMON_SHELL_H_

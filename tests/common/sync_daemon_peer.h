@@ -1,12 +1,9 @@
-// The simulated sync daemon (tests/peers/sync_daemon.py, with its own wire
-// codec) for C++ tests: listens on the daemon's socket below a test's
-// VESTA_ROOT, answers from a script the test may change at any time and
-// records every request as the daemon decoded it.
+// The simulated peers of tests/peers (own wire codec) for C++ tests: each
+// answers from a script the test may change at any time and records every
+// request as it decoded it, both files in a test's directory.
 #ifndef VESTA_TESTS_COMMON_SYNC_DAEMON_PEER_H_
 #define VESTA_TESTS_COMMON_SYNC_DAEMON_PEER_H_
 
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -37,8 +34,7 @@ inline std::string MakeVestaRoot(const TempDir& dir) {
   setenv("VESTA_ROOT", dir.path().c_str(), 1);
   const std::string volume = dir.File("volume1");
   EXPECT_EQ(0, system(("mkdir -p '" + volume + "/@FernboxTandem/session' '" +
-                       dir.File("var/packages/Fernbox/etc/tandem") + "' '" + dir.File("tmp") +
-                       "'")
+                       dir.File("var/packages/Fernbox/etc/tandem") + "' '" + dir.File("tmp") + "'")
                           .c_str()));
   dir.Write("var/packages/Fernbox/etc/tandem/service.conf", "volume=" + volume + "\n");
   return volume;
@@ -57,47 +53,35 @@ inline std::vector<Json::Value> TakeJsonLines(const std::string& path, int* seen
   return out;
 }
 
-class SyncDaemonPeer {
+// tests/peers/NAME.py with `args`, its script.json, record.jsonl and ready
+// file in `dir`; started() tells whether it came up within 10 s, ready()
+// is what it wrote to its ready file.
+class PeerProcess {
  public:
-  // Starts the peer on `root`/tmp/tarn.sock, its files beside it in `root`;
-  // started() tells whether it came up within 10 s.
-  explicit SyncDaemonPeer(const TempDir& root) : root_(root) {
-    const std::string ready = root_.File("ready");
+  PeerProcess(const TempDir& dir, const std::string& name, std::vector<std::string> args)
+      : dir_(dir) {
     SetScript("{}");
-    const char* source = getenv("VESTA_SOURCE_DIR");
-    const std::string script =
-        std::string(source != nullptr ? source : ".") + "/tests/peers/sync_daemon.py";
-    pid_ = fork();
-    if (pid_ == 0) {
-      execlp("python3", "python3", script.c_str(), "--socket", root_.File("tmp/tarn.sock").c_str(),
-             "--record", root_.File("record.jsonl").c_str(), "--script",
-             root_.File("script.json").c_str(), "--ready", ready.c_str(), (char*)nullptr);
-      _exit(127);
-    }
-    started_ = WaitFor([&ready] { return access(ready.c_str(), F_OK) == 0; });
+    args.insert(args.begin(), {"python3", SourcePath("tests/peers/" + name + ".py"), "--script",
+                               dir.File("script.json"), "--record", dir.File("record.jsonl"),
+                               "--ready", dir.File("ready")});
+    process_ = std::make_unique<ChildProcess>(args);
+    started_ = WaitFor([&] { return access(dir.File("ready").c_str(), F_OK) == 0; });
   }
-  ~SyncDaemonPeer() { Stop(); }
-  SyncDaemonPeer(const SyncDaemonPeer&) = delete;
-  SyncDaemonPeer& operator=(const SyncDaemonPeer&) = delete;
 
   bool started() const { return started_; }
+  std::string ready() const { return ReadFile(dir_.File("ready")); }
+  void Stop() { process_->Stop(); }
 
-  void Stop() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
+  // The script, read again for every request.
+  void SetScript(const std::string& json) { dir_.Write("script.json", json); }
 
-  // The script of sync_daemon.py, read again for every request.
-  void SetScript(const std::string& json) { root_.Write("script.json", json); }
+  // The record entries written since the last call.
+  std::vector<Json::Value> Take() { return TakeJsonLines(dir_.File("record.jsonl"), &taken_); }
 
   // The requests received since the last call.
   std::vector<Json::Value> TakeRequests() {
     std::vector<Json::Value> out;
-    for (const Json::Value& entry : TakeJsonLines(root_.File("record.jsonl"), &taken_)) {
-      out.push_back(entry["request"]);
-    }
+    for (const Json::Value& entry : Take()) out.push_back(entry["request"]);
     return out;
   }
 
@@ -109,10 +93,17 @@ class SyncDaemonPeer {
   }
 
  private:
-  const TempDir& root_;
-  pid_t pid_ = -1;
+  const TempDir& dir_;
+  std::unique_ptr<ChildProcess> process_;
   bool started_ = false;
   int taken_ = 0;  // record lines already returned
+};
+
+// The simulated sync daemon on `root`/tmp/tarn.sock.
+class SyncDaemonPeer : public PeerProcess {
+ public:
+  explicit SyncDaemonPeer(const TempDir& root)
+      : PeerProcess(root, "sync_daemon", {"--socket", root.File("tmp/tarn.sock")}) {}
 };
 
 #endif  // VESTA_TESTS_COMMON_SYNC_DAEMON_PEER_H_

@@ -2,7 +2,7 @@
 // sync daemon creates, and remove_signature on a signature tree.
 #include "db/connection-updater.h"
 
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -16,29 +16,23 @@ class ConnectionUpdaterTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(0, system(("mkdir -p '" + dir_.path() + "/db/sign'").c_str()));
-    path_ = dir_.File("db/event-db.sqlite");
-    DirectDb db(path_);
+    std::string sql = "CREATE TABLE config_table (key TEXT PRIMARY KEY, value TEXT);"
+                      "INSERT INTO config_table VALUES ('sync_id', '1234'), ('version', '5');";
     for (const char* t : {"event_table", "local_filter_table", "server_filter_table",
                           "scan_path_table", "other_table"}) {
-      db.Exec(std::string("CREATE TABLE ") + t + " (x INTEGER); INSERT INTO " + t +
-              " VALUES (1), (2);");
+      sql += std::string("CREATE TABLE ") + t + " (x INTEGER); INSERT INTO " + t + " VALUES (1), (2);";
     }
-    db.Exec("CREATE TABLE config_table (key TEXT PRIMARY KEY, value TEXT);"
-            "INSERT INTO config_table VALUES ('sync_id', '1234'), ('version', '5');");
+    Sql(path_, sql);
   }
 
-  bool Exists(const std::string& relative) {
-    struct stat st;
-    return lstat(dir_.File("db/sign/" + relative).c_str(), &st) == 0;
-  }
-  void Touch(const std::string& relative) { dir_.Write("db/sign/" + relative, "sig"); }
-  void MakeDir(const std::string& relative) {
-    ASSERT_EQ(0, system(("mkdir -p '" + dir_.File("db/sign/" + relative) + "'").c_str()));
+  // The signature tree, one path a line.
+  std::string Tree() {
+    return RunCommand("cd '" + dir_.File("db/sign") + "' && find . -mindepth 1 | cut -c3- | LC_ALL=C sort");
   }
 
   TempDir dir_;
   LogCapture log_{dir_};
-  std::string path_;
+  std::string path_ = dir_.File("db/event-db.sqlite");
 };
 
 TEST_F(ConnectionUpdaterTest, OpenClearAndSyncId) {
@@ -49,8 +43,7 @@ TEST_F(ConnectionUpdaterTest, OpenClearAndSyncId) {
   EXPECT_EQ(-1, closed.Open(dir_.File("db/missing.sqlite")));
   EXPECT_TRUE(log_.Contains("sess db path '" + dir_.File("db/missing.sqlite") +
                             "' does not exist"));
-  struct stat st;
-  EXPECT_NE(0, stat(dir_.File("db/missing.sqlite").c_str(), &st));
+  EXPECT_NE(0, access(dir_.File("db/missing.sqlite").c_str(), F_OK));
   EXPECT_EQ(nullptr, closed.db());
 
   ConnectionUpdater u;
@@ -61,28 +54,23 @@ TEST_F(ConnectionUpdaterTest, OpenClearAndSyncId) {
   EXPECT_TRUE(log_.Contains("database is already opened"));
   EXPECT_EQ(first, u.db());
 
-  DirectDb db(path_);
+  const std::string kCounts =
+      "SELECT (SELECT count(*) FROM event_table), (SELECT count(*) FROM local_filter_table), "
+      "(SELECT count(*) FROM server_filter_table), (SELECT count(*) FROM other_table);";
   // One transaction: a failing delete leaves every table as it was.
-  db.Exec("DROP TABLE scan_path_table;");
+  Sql(path_, "DROP TABLE scan_path_table;");
   EXPECT_EQ(-1, u.ClearEvents());
   EXPECT_TRUE(log_.Contains("sqlite3_exec: [1] no such table: scan_path_table"));
-  EXPECT_EQ("2", db.Value("SELECT count(*) FROM event_table;"));
-  EXPECT_EQ("2", db.Value("SELECT count(*) FROM server_filter_table;"));
-  db.Exec("CREATE TABLE scan_path_table (x INTEGER); INSERT INTO scan_path_table VALUES (1);");
+  EXPECT_EQ("2|2|2|2\n", Sql(path_, kCounts));
+  Sql(path_, "CREATE TABLE scan_path_table (x INTEGER); INSERT INTO scan_path_table VALUES (1);");
 
   ASSERT_EQ(0, u.ClearEvents());
-  for (const char* t :
-       {"event_table", "local_filter_table", "server_filter_table", "scan_path_table"}) {
-    EXPECT_EQ("0", db.Value(std::string("SELECT count(*) FROM ") + t)) << t;
-  }
-  EXPECT_EQ("2", db.Value("SELECT count(*) FROM other_table;"));
+  EXPECT_EQ("0|0|0|2\n0\n", Sql(path_, kCounts + "SELECT count(*) FROM scan_path_table;"));
 
   ASSERT_EQ(0, u.SetSyncId(0));
-  EXPECT_EQ((std::vector<std::string>{"sync_id|0", "version|5"}),
-            db.Rows("SELECT key, value FROM config_table ORDER BY key;"));
+  EXPECT_EQ("sync_id|0\nversion|5\n", Sql(path_, "SELECT key, value FROM config_table ORDER BY key;"));
   ASSERT_EQ(0, u.SetSyncId(18446744073709551615ull));
-  EXPECT_EQ("18446744073709551615",
-            db.Value("SELECT value FROM config_table WHERE key = 'sync_id';"));
+  EXPECT_EQ("18446744073709551615\n", Sql(path_, "SELECT value FROM config_table WHERE key = 'sync_id';"));
 }
 
 TEST_F(ConnectionUpdaterTest, RemoveSignature) {
@@ -101,20 +89,11 @@ TEST_F(ConnectionUpdaterTest, RemoveSignature) {
   };
   for (const auto& p : kPaths) EXPECT_EQ(p.path, SignatureRelativePath(p.node)) << p.node;
 
-  Touch(".34");
-  Touch(".35");
-  MakeDir("12");
-  Touch("12/.34");
-  Touch("12/.35");
-  MakeDir("12/ab/.56/deep/er");
-  Touch("12/ab/.56/file");
-  Touch("12/ab/.56/deep/er/file");
-  Touch("12/ab/.57");
-  MakeDir("12/ab/.56/..x");
-
+  ASSERT_EQ(0, system(("cd '" + dir_.File("db/sign") + "' && mkdir -p 12/ab/.56/deep/er "
+                       "12/ab/.56/..x 01 && touch .34 .35 12/.34 12/.35 12/ab/.56/file "
+                       "12/ab/.56/deep/er/file 12/ab/.57 .0a 01/.00").c_str()));
   ConnectionUpdater u;
   ASSERT_EQ(0, u.Open(path_));
-  DirectDb check(path_);
   sqlite3_stmt* stmt = nullptr;
   ASSERT_EQ(SQLITE_OK,
             sqlite3_prepare_v2(u.db(),
@@ -128,27 +107,12 @@ TEST_F(ConnectionUpdaterTest, RemoveSignature) {
     EXPECT_EQ(0, sqlite3_column_int(stmt, i)) << i;
   }
   sqlite3_finalize(stmt);
-
-  EXPECT_FALSE(Exists(".34"));
-  EXPECT_FALSE(Exists("12/.34"));
-  EXPECT_FALSE(Exists("12/ab/.56"));
-  EXPECT_TRUE(Exists(".35"));
-  EXPECT_TRUE(Exists("12/.35"));
-  EXPECT_TRUE(Exists("12/ab/.57"));
-  EXPECT_TRUE(Exists("12/ab"));
-  EXPECT_TRUE(Exists(""));
+  EXPECT_EQ(".0a\n.35\n01\n01/.00\n12\n12/.35\n12/ab\n12/ab/.57\n", Tree());
 
   // Used from a statement over rows, the way the daemon's tables call it.
-  Touch(".0a");
-  MakeDir("01");
-  Touch("01/.00");
-  ASSERT_TRUE(Exists("01/.00"));
-  check.Exec("CREATE TABLE nodes (node INTEGER); INSERT INTO nodes VALUES (10), (256);");
+  Sql(path_, "CREATE TABLE nodes (node INTEGER); INSERT INTO nodes VALUES (10), (256);");
   ASSERT_EQ(SQLITE_OK, sqlite3_exec(u.db(), "SELECT remove_signature(node) FROM nodes;",
                                     nullptr, nullptr, nullptr));
-  EXPECT_FALSE(Exists(".0a"));
-  EXPECT_FALSE(Exists("01/.00"));
-  EXPECT_TRUE(Exists("01"));
+  EXPECT_EQ(".35\n01\n12\n12/.35\n12/ab\n12/ab/.57\n", Tree());
 }
-
 }  // namespace

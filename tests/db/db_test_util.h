@@ -1,11 +1,13 @@
-// Helpers of the database tests: a log captured in a file, the sqlite3
-// shell and a direct SQLite connection that bypasses the code under test.
+// Helpers of the database tests: a log captured in a file, checked line by
+// line, the sqlite3 shell on a database file and a direct SQLite connection,
+// beside the code under test.
 #ifndef VESTA_TESTS_DB_DB_TEST_UTIL_H_
 #define VESTA_TESTS_DB_DB_TEST_UTIL_H_
 
 #include <sqlite3.h>
 
-#include <cstdio>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,22 +34,56 @@ class LogCapture {
   bool Contains(const std::string& needle) const {
     return Text().find(needle) != std::string::npos;
   }
+  // Whether a line written after byte `since` has `level` ("ERROR") and,
+  // after its source position, exactly `text`; with `last`, it must be the
+  // last line written.
+  bool HasLine(const std::string& level, const std::string& text, size_t since = 0,
+               bool last = false) const {
+    std::istringstream lines(Text().substr(since));
+    const std::string tail = "): " + text;
+    bool found = false;
+    for (std::string line; std::getline(lines, line);) {
+      found = line.find(" [" + level + "] ") != std::string::npos && line.size() >= tail.size() &&
+              line.compare(line.size() - tail.size(), tail.size(), tail) == 0;
+      if (found && !last) return true;
+    }
+    return found;
+  }
+
+  // One call with its result and the line it must log last.
+  struct Outcome {
+    std::function<int()> call;
+    int result;
+    const char* level;
+    std::string line;
+  };
+  void ExpectEach(const std::vector<Outcome>& outcomes) const {
+    for (const Outcome& o : outcomes) {
+      const size_t since = Text().size();
+      EXPECT_EQ(o.result, o.call()) << o.line;
+      EXPECT_TRUE(HasLine(o.level, o.line, since, true)) << o.level << " " << o.line;
+    }
+  }
 
  private:
   std::string path_;
 };
 
-
 inline std::string ShellQuote(const std::string& s) {
   std::string q = "'";
-  for (char c : s) {
-    if (c == '\'') {
-      q += "'\\''";
-    } else {
-      q += c;
-    }
-  }
+  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return q + "'";
+}
+
+// Runs `sql` with the sqlite3 shell on the database file at `path` and
+// returns what it printed: one line per row, columns joined by "|".
+inline std::string Sql(const std::string& path, const std::string& sql) {
+  int status = 0;
+  std::string out = RunCommand("sqlite3 -cmd '.timeout 10000' " + ShellQuote(path) + " " +
+                                   ShellQuote(sql) + " 2>&1",
+                               &status);
+  EXPECT_EQ(0, status) << sql << ": " << out;
+  return out;
 }
 
 // A connection of the test's own to a database file.
@@ -60,8 +96,6 @@ class DirectDb {
   ~DirectDb() { sqlite3_close(db_); }
   DirectDb(const DirectDb&) = delete;
   DirectDb& operator=(const DirectDb&) = delete;
-
-  sqlite3* Get() const { return db_; }
 
   void Exec(const std::string& sql) {
     char* error = nullptr;

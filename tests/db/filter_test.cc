@@ -1,10 +1,8 @@
 // Filter files (written text pinned literally, write-then-load of every
 // byte value, the load rules), the filter database clean-up and the
 // encryption-driven maximum name length.
-#include <stdlib.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -65,6 +63,10 @@ void ExpectSameConfig(const FilterConfig& a, const FilterConfig& b) {
 
 class FilterFileTest : public ::testing::Test {
  protected:
+  void TearDown() override {
+    SystemDB::deinitialize();
+    unsetenv("VESTA_ROOT");
+  }
   TempDir dir_;
 };
 
@@ -209,129 +211,86 @@ TEST_F(FilterFileTest, LoadRulesAliasesAndMaxima) {
 
 TEST_F(FilterFileTest, CleanUpFilterDatabase) {
   LogCapture log(dir_);
-  const std::string missing = dir_.File("filter.sqlite");
-  EXPECT_EQ(0, CleanUpFilterDBBySession(missing, 3));
-  EXPECT_TRUE(log.Contains("filter db is not exist"));
-  struct stat st;
-  EXPECT_NE(0, stat(missing.c_str(), &st));
+  const std::string db = dir_.File("filter.sqlite");
+  EXPECT_EQ(0, CleanUpFilterDBBySession(db, 3));
+  EXPECT_TRUE(log.HasLine("INFO", "filter db is not exist"));
+  EXPECT_NE(0, access(db.c_str(), F_OK));
 
-  const char kTable[] =
+  const std::string table =
       " (sess_id INTEGER NOT NULL, sync_id INTEGER NOT NULL, filter_type INTEGER NOT NULL, "
       "filter_desc TEXT NOT NULL, PRIMARY KEY (sess_id, filter_type, filter_desc) ON CONFLICT "
-      "IGNORE);";
+      "IGNORE); INSERT INTO ";
   const std::string rows = " VALUES (3, 1, 1, 'a'), (3, 1, 2, 'b'), (4, 1, 1, 'a');";
-  {
-    DirectDb db(missing);
-    for (const char* t : {"white_list_table", "filter_table", "filter_range_table"}) {
-      db.Exec(std::string("CREATE TABLE ") + t + kTable);
-      db.Exec(std::string("INSERT INTO ") + t + rows);
-    }
-    EXPECT_TRUE(IsTableExist(db.Get(), "filter_table"));
-    EXPECT_FALSE(IsTableExist(db.Get(), "no_such_table"));
-    EXPECT_FALSE(IsTableExist(db.Get(), "filter_table' OR '1'='1"));
+  for (const char* t : {"white_list_table", "filter_table", "filter_range_table"}) {
+    Sql(db, std::string("CREATE TABLE ") + t + table + t + rows);
   }
-  ASSERT_EQ(0, CleanUpFilterDBBySession(missing, 3));
-  EXPECT_TRUE(log.Contains("CleanUpFilterDBBySession Done '" + missing + "' 3"));
   {
-    DirectDb db(missing);
-    EXPECT_EQ("4", db.Value("SELECT group_concat(sess_id) FROM filter_table;"));
-    EXPECT_EQ("4", db.Value("SELECT group_concat(sess_id) FROM filter_range_table;"));
-    EXPECT_EQ("3", db.Value("SELECT count(*) FROM white_list_table;"));
+    SqliteHandle handle;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(db.c_str(), handle.out()));
+    EXPECT_TRUE(IsTableExist(handle.get(), "filter_table"));
+    EXPECT_FALSE(IsTableExist(handle.get(), "no_such_table"));
+    EXPECT_FALSE(IsTableExist(handle.get(), "filter_table' OR '1'='1"));
   }
+  ASSERT_EQ(0, CleanUpFilterDBBySession(db, 3));
+  EXPECT_TRUE(log.HasLine("DEBUG", "CleanUpFilterDBBySession Done '" + db + "' 3"));
+  EXPECT_EQ("4\n4\n3\n", Sql(db, "SELECT group_concat(sess_id) FROM filter_table; SELECT "
+                              "group_concat(sess_id) FROM filter_range_table; SELECT count(*) "
+                              "FROM white_list_table;"));
 
   // Without filter_range_table nothing is deleted.
-  const std::string partial = dir_.File("partial.sqlite");
-  {
-    DirectDb db(partial);
-    db.Exec(std::string("CREATE TABLE filter_table") + kTable);
-    db.Exec("INSERT INTO filter_table" + rows);
-  }
-  EXPECT_EQ(0, CleanUpFilterDBBySession(partial, 3));
+  Sql(db, "DROP TABLE filter_range_table; INSERT INTO filter_table" + rows);
+  EXPECT_EQ(0, CleanUpFilterDBBySession(db, 3));
   EXPECT_TRUE(log.Contains("Filter event table does not exist, bail out"));
-  DirectDb db(partial);
-  EXPECT_EQ("3", db.Value("SELECT count(*) FROM filter_table;"));
+  EXPECT_EQ("3\n", Sql(db, "SELECT count(*) FROM filter_table;"));
 
-  // A file that is not a database.
+  // A file that is not a database: no tables can be seen, nothing to do.
   const std::string junk = dir_.Write("junk.sqlite", std::string(4096, 'j'));
-  EXPECT_EQ(0, CleanUpFilterDBBySession(junk, 3));  // no tables can be seen: nothing to do
-  EXPECT_TRUE(log.Contains("IsTableExist: sqlite3_prepare_v2: file is not a database (26)"));
+  EXPECT_EQ(0, CleanUpFilterDBBySession(junk, 3));
+  EXPECT_TRUE(log.HasLine("ERROR", "IsTableExist: sqlite3_prepare_v2: file is not a database (26)"));
 }
 
-class FilterMaxLengthTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
-    DirectDb db(dir_.File("system.sqlite"));
-    db.Exec("INSERT INTO session_table (id, is_encryption) VALUES (1, 1), (2, 0);");
-  }
-  void TearDown() override {
-    SystemDB::deinitialize();
-    unsetenv("VESTA_ROOT");
-  }
-
-  std::string Filter(const std::string& name, int max_length) {
-    return dir_.Write(name, "[Version]\nmajor = 1\nminor = 1\n[Common]\nmax_length = " +
-                                std::to_string(max_length) + "\n[EA]\nblack_ea_name = \"k\"\n");
-  }
-  uint64_t MaxLength(const std::string& path) {
+// The maximum name length follows the encryption state of the session's
+// shared folder; a file already right keeps its own text.
+TEST_F(FilterFileTest, MaxLengthFollowsTheEncryptionState) {
+  LogCapture log(dir_);
+  ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
+  Sql(dir_.File("system.sqlite"), "INSERT INTO session_table (id, is_encryption) VALUES (1, 1), (2, 0);");
+  const struct {
+    uint64_t session;
+    uint64_t before, after;
+  } kCases[] = {{1, 0, 143}, {1, 255, 255}, {2, 0, 0}, {2, 143, 0}};
+  for (const auto& c : kCases) {
+    const std::string path = dir_.Write("f", "[Version]\nmajor = 1\nminor = 1\n[Common]\nmax_length = " +
+                                                 std::to_string(c.before) + "\n[EA]\nblack_ea_name = \"k\"\n");
+    const std::string text = ReadFile(path);
+    ASSERT_EQ(0, SetSessionFilterMaxLength(c.session, path)) << c.session << " " << c.before;
     FilterFile f;
-    EXPECT_EQ(0, f.Load(path));
-    return f.config().common.max_length;
+    ASSERT_EQ(0, f.Load(path));
+    EXPECT_EQ(c.after, f.config().common.max_length) << c.session << " " << c.before;
+    EXPECT_EQ((std::vector<std::string>{"k"}), Items(f.config().ea.black_ea_name));
+    EXPECT_EQ(c.before == c.after, text == ReadFile(path)) << c.session << " " << c.before;
   }
-
-  TempDir dir_;
-  LogCapture log_{dir_};
-};
-
-TEST_F(FilterMaxLengthTest, FollowsTheEncryptionState) {
-  std::string enc0 = Filter("enc0", 0);
-  ASSERT_EQ(0, SetSessionFilterMaxLength(1, enc0));
-  EXPECT_EQ(143u, MaxLength(enc0));
-  // Other content survives the rewrite.
-  FilterFile f;
-  ASSERT_EQ(0, f.Load(enc0));
-  EXPECT_EQ((std::vector<std::string>{"k"}), Items(f.config().ea.black_ea_name));
-
-  // Unchanged files are not rewritten (the text keeps its own layout).
-  std::string enc255 = Filter("enc255", 255);
-  std::string before = ReadFile(enc255);
-  ASSERT_EQ(0, SetSessionFilterMaxLength(1, enc255));
-  EXPECT_EQ(before, ReadFile(enc255));
-  std::string plain0 = Filter("plain0", 0);
-  before = ReadFile(plain0);
-  ASSERT_EQ(0, SetSessionFilterMaxLength(2, plain0));
-  EXPECT_EQ(before, ReadFile(plain0));
-
-  std::string plain143 = Filter("plain143", 143);
-  ASSERT_EQ(0, SetSessionFilterMaxLength(2, plain143));
-  EXPECT_EQ(0u, MaxLength(plain143));
-
-  std::string broken = dir_.Write("broken", "[Common]\nmax_length = x\n");
+  const std::string broken = dir_.Write("broken", "[Common]\nmax_length = x\n");
   EXPECT_EQ(-1, SetSessionFilterMaxLength(1, broken));
-  EXPECT_TRUE(log_.Contains("Failed to Load Filter."));
+  EXPECT_TRUE(log.HasLine("ERROR", "Failed to Load Filter."));
   EXPECT_EQ("[Common]\nmax_length = x\n", ReadFile(broken));
-}
 
-TEST_F(FilterMaxLengthTest, AppliesToTheSessionsOwnFile) {
+  // The session's own file, found through the service configuration.
   setenv("VESTA_ROOT", dir_.path().c_str(), 1);
-  const std::string volume = dir_.path() + "/volume1";
-  ASSERT_EQ(0, system(("mkdir -p '" + dir_.path() + "/var/packages/Fernbox/etc/tandem' '" +
-                       volume + "/@FernboxTandem/session/1/conf'")
-                          .c_str()));
-  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "volume=" + volume + "\n");
-
+  const std::string volume = dir_.File("volume1"), etc = "var/packages/Fernbox/etc/tandem";
+  const std::string conf = volume + "/@FernboxTandem/session/1/conf";
+  ASSERT_EQ(0, system(("mkdir -p '" + dir_.File(etc) + "' '" + conf + "'").c_str()));
+  dir_.Write(etc + "/service.conf", "volume=" + volume + "\n");
   EXPECT_EQ(-1, ApplySessionFilterMaxLength(1));
-  const std::string path = volume + "/@FernboxTandem/session/1/conf/blacklist.filter";
-  EXPECT_TRUE(log_.Contains("blacklist path '" + path + "' is not exists"));
-
-  dir_.Write("volume1/@FernboxTandem/session/1/conf/blacklist.filter",
-             "[Version]\nmajor = 1\nminor = 0\n");
+  EXPECT_TRUE(log.HasLine("ERROR", "blacklist path '" + conf + "/blacklist.filter' is not exists"));
+  dir_.Write("volume1/@FernboxTandem/session/1/conf/blacklist.filter", "[Version]\nmajor = 1\n");
   ASSERT_EQ(0, ApplySessionFilterMaxLength(1));
-  EXPECT_EQ(143u, MaxLength(path));
-
-  unlink((dir_.path() + "/var/packages/Fernbox/etc/tandem/service.conf").c_str());
+  FilterFile f;
+  ASSERT_EQ(0, f.Load(conf + "/blacklist.filter"));
+  EXPECT_EQ(143u, f.config().common.max_length);
+  unlink(dir_.File(etc + "/service.conf").c_str());
   EXPECT_EQ(-1, ApplySessionFilterMaxLength(1));
-  EXPECT_TRUE(log_.Contains("get session conf folder path fail[id=1]"));
+  EXPECT_TRUE(log.HasLine("ERROR", "get session conf folder path fail[id=1]"));
 }
 
 }  // namespace

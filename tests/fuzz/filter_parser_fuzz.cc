@@ -1,9 +1,6 @@
-// libFuzzer target of the sectioned parser of filter files, with the
-// filter schema.  Whatever the input, the result is one of the three, every
-// string stored (also before an error) holds at most 4096 bytes, and
-// clearing the config frees all of it (LeakSanitizer watches).
-//
-// Built and run by tools/fuzz.sh.
+// libFuzzer target of the filter-file parser (tools/fuzz.sh): any input gives
+// one of the three results, every string stored (also before an error) at
+// most 4096 bytes, and clearing frees all of it (LeakSanitizer watches).
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

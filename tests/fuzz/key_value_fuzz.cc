@@ -1,9 +1,6 @@
-// libFuzzer target of the daemon's configuration-file reader (the strict
-// key=value rules).  A file that reads must give keys of key characters and
-// printable values, and the pairs, written back one per line, must read
-// back to the same pairs.
-//
-// Built and run by tools/fuzz.sh.
+// libFuzzer target of the strict key=value reader (tools/fuzz.sh): a file
+// that reads gives keys of key characters and printable values, and the
+// pairs, written back one per line, read back the same.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -1,12 +1,9 @@
-// libFuzzer target of the platform stand-in's key=value files.  Each input
-// becomes a shared folder's file, which is also the proxy file, below a
-// private VESTA_ROOT, and is read through every call that parses one of
-// its values.  A share that loads has a normalised absolute path; yes/no
-// queries answer -1, 0 or 1; a relaxed read never keeps an empty value.
-//
-// Built and run by tools/fuzz.sh.
+// libFuzzer target of the platform stand-in's key=value files (tools/fuzz.sh):
+// each input is a share's file and the proxy file below a private
+// VESTA_ROOT, read by every call that parses one.  A share that loads has a
+// normalised path; yes/no queries answer -1, 0 or 1; a relaxed read keeps
+// no empty value.
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -66,9 +63,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   atexit([] { std::system(("rm -rf '" + g_root + "'").c_str()); });
   setenv("VESTA_ROOT", root, 1);
   const std::string etc = std::string(root) + "/etc/vesta";
-  mkdir((std::string(root) + "/etc").c_str(), 0755);
-  mkdir(etc.c_str(), 0755);
-  mkdir((etc + "/shares").c_str(), 0755);
+  if (std::system(("mkdir -p '" + etc + "/shares'").c_str()) != 0) abort();
   g_file = etc + "/shares/f.conf";
   if (symlink(g_file.c_str(), (etc + "/proxy.conf").c_str()) != 0) abort();
   return 0;

@@ -1,13 +1,8 @@
-// libFuzzer target of the wire decoder.  Every input is decoded from a
-// standard stream, and from a Channel on a socket pair: with received files
-// thrown away, with a size cap, and with files stored in a scratch
-// directory into targets of each kind -- fresh, a binary resuming an
-// existing file, a binary_ex naming one.  A value that decodes must encode
-// and decode again to the same value and the same bytes; the bytes of an
-// existing file before the resumed offset, and a file a binary_ex target
-// names, survive whatever arrives.
-//
-// Built and run by tools/fuzz.sh.
+// libFuzzer target of the wire decoder (tools/fuzz.sh): each input decoded
+// from a standard stream, and from a Channel with files discarded under a
+// size cap, or stored into fresh, resumed and binary_ex targets.  A decoded
+// value must trip again to the same value and bytes; the bytes before a
+// resumed offset, and a binary_ex target's file, survive.
 #include <dirent.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -61,12 +56,7 @@ void DecodeFromChannel(const uint8_t* data, size_t size, PStream* stream, PObjec
   int sv[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
   // Inputs are small (libFuzzer's -max_len): they fit in the socket buffer.
-  size_t done = 0;
-  while (done < size) {
-    ssize_t n = write(sv[1], data + done, size - done);
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
-  }
+  if (write(sv[1], data, size) != static_cast<ssize_t>(size)) abort();
   close(sv[1]);
   Channel channel;
   if (channel.Open(sv[0], false) != 0) return;
@@ -109,9 +99,7 @@ std::string ReadAll(const std::string& path) {
 void DecodeBinaries(const uint8_t* data, size_t size) {
   const std::string kept = Scratch() + "/kept";
   const std::string before = "kept bytes";
-  PObject::binary_ex_type ex;
-  ex.path = kept;
-  ex.offset = ex.length = before.size();
+  const PObject::binary_ex_type ex{kept, before.size(), before.size(), "", "", ""};
   const PObject targets[] = {
       PObject(),
       PObject(PObject::binary_type{before.size(), before.size(), kept}),

@@ -30,17 +30,17 @@ bool Exists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-// The server side of one exchange: read a request on an accepted
-// descriptor, answer with {"echo": request}.
-int ServeOne(int fd) {
+// The server side of one exchange: wait for a connection, read its
+// request, answer with {"echo": request}.
+void ServeOne(IPCServer* server) {
+  ASSERT_EQ(1, server->WaitForConnection());
   Channel channel;
-  if (channel.Open(fd, false) != 0) return -1;
+  ASSERT_EQ(0, channel.Open(server->Accept(), false));
   PObject request, reply;
-  PStream in;
-  if (in.Recv(&channel, &request) != 0) return -1;
+  PStream in, out;
+  ASSERT_EQ(0, in.Recv(&channel, &request));
   reply["echo"] = request;
-  PStream out;
-  return out.Send(&channel, reply);
+  EXPECT_EQ(0, out.Send(&channel, reply));
 }
 
 class IPCTest : public ::testing::Test {
@@ -106,17 +106,14 @@ TEST_F(IPCTest, LongPathIsBoundUnderItsFirst107Bytes) {
     PObject request("x"), reply;
     EXPECT_EQ(0, sender.SendRequest(request, true, &reply));
   });
-  ASSERT_EQ(1, server.WaitForConnection());
-  int fd = server.Accept();
-  ASSERT_GE(fd, 0);
-  EXPECT_EQ(0, ServeOne(fd));
+  ServeOne(&server);
   client.join();
 
   server.Close();
   EXPECT_FALSE(Exists(bound));
 }
 
-TEST_F(IPCTest, FailuresLeaveNothingBehind) {
+TEST_F(IPCTest, FailuresLeaveNothingBehindAndWaitsEnd) {
   IPCServer server;
   EXPECT_EQ(-1, server.Listen("", 4));
   EXPECT_EQ(-1, server.Listen(dir_.File("no/such/dir/sock"), 4));
@@ -128,10 +125,8 @@ TEST_F(IPCTest, FailuresLeaveNothingBehind) {
   EXPECT_EQ(-1, sender.Connect(dir_.File("nobody-listens")));
   PObject reply;
   EXPECT_EQ(-1, sender.SendRequest(PObject(1), true, &reply));
-}
 
-TEST_F(IPCTest, WaitTimesOutAfterThreeSeconds) {
-  IPCServer server;
+  // With nobody connecting, a wait ends after three seconds.
   ASSERT_EQ(0, server.Listen(path_, 4));
   auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(0, server.WaitForConnection());
@@ -173,12 +168,7 @@ TEST_F(IPCTest, ExchangeAndSendWithoutWaiting) {
     }
     int receives = 0;
   };
-  std::thread serve([&] {
-    ASSERT_EQ(1, server.WaitForConnection());
-    int fd = server.Accept();
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(0, ServeOne(fd));
-  });
+  std::thread serve([&] { ServeOne(&server); });
   CountingSender sender;
   ASSERT_EQ(0, sender.Connect(path_));
   PObject reply;

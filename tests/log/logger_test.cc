@@ -78,20 +78,16 @@ TEST_F(LoggerTest, LevelsPerComponentFromTheLevelFile) {
   }
   EXPECT_EQ(7, Logger::GetLevel("stream"));
   EXPECT_EQ(4, Logger::GetLevel("never_configured"));
-  EXPECT_EQ(4, Logger::GetLevel("default_component"));
-}
 
-TEST_F(LoggerTest, ArgumentsAreEvaluatedOnlyWhenTheMessagePasses) {
-  ASSERT_EQ(0, Logger::Init(Logger::kFile, dir_.File("a.log"), "", 50, 1));
+  // Arguments are evaluated only when the message passes.
   int evaluated = 0;
-  auto count = [&evaluated] { return ++evaluated; };
-  LOG_DEBUG("monitor_daemon", "%d", count());
+  LOG_DEBUG("monitor_daemon", "%d", ++evaluated);
   EXPECT_EQ(0, evaluated);
-  LOG_ERROR("monitor_daemon", "%d", count());
+  LOG_ERROR("monitor_daemon", "%d", ++evaluated);
   EXPECT_EQ(1, evaluated);
 }
 
-TEST_F(LoggerTest, StampedLineLayout) {
+TEST_F(LoggerTest, StampedLineLayoutAndFailedInit) {
   std::string log = dir_.File("a.log");
   ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
   LOG_ERROR("stream", "Error stack: %s", "a.b");
@@ -102,6 +98,14 @@ TEST_F(LoggerTest, StampedLineLayout) {
   char pid[16];
   snprintf(pid, sizeof(pid), "(%5d:", static_cast<int>(getpid()));
   EXPECT_NE(std::string::npos, text.find(pid)) << text;
+
+  // A failed Init keeps the previous output; after Shutdown nothing is on.
+  EXPECT_EQ(-1, Logger::Init(Logger::kFile, "", "", 50, 1));
+  EXPECT_EQ(-1, Logger::Init(Logger::kFile, dir_.File("missing/dir/x.log"), "", 50, 1));
+  LOG_ERROR("c", "still here");
+  EXPECT_NE(std::string::npos, ReadFile(log).find("still here"));
+  Logger::Shutdown();
+  EXPECT_FALSE(Logger::IsLogEnabled(LOG_LEVEL_CRIT, "c"));
 }
 
 TEST_F(LoggerTest, RotatesExactlyWhenTheCounterPassesTheLimit) {
@@ -126,24 +130,6 @@ TEST_F(LoggerTest, RotatesExactlyWhenTheCounterPassesTheLimit) {
   // The counter restarted at 0: the next message goes to the new file.
   Logger::Log(LOG_LEVEL_ERROR, "c", "after");
   EXPECT_EQ(static_cast<off_t>(kStampSize + 5), SizeOf(log));
-}
-
-TEST_F(LoggerTest, SmallRotateCountsKeepOneNumberedFile) {
-  for (int count : {1, 2}) {
-    TempDir dir;
-    std::string log = dir.File("s.log");
-    dir.Write("s.log", std::string(Logger::kRotateSize, 'x'));
-    ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", count, 1));
-    Logger::Log(LOG_LEVEL_ERROR, "c", "first");
-    dir.Write("s.log", std::string(Logger::kRotateSize, 'x'));
-    Logger::Shutdown();
-    ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", count, 1));
-    Logger::Log(LOG_LEVEL_ERROR, "c", "second");
-    EXPECT_TRUE(Exists(log + "_0")) << count;
-    EXPECT_FALSE(Exists(log + "_1")) << count;
-    EXPECT_NE(std::string::npos, ReadFile(log + "_0").find("second")) << count;
-    Logger::Shutdown();
-  }
 }
 
 // Two processes forked after Init write one file through several
@@ -290,18 +276,6 @@ TEST_F(LoggerTest, SignalDuringTheLockWaitKeepsWaiting) {
   EXPECT_NE(std::string::npos, ReadFile(log).find("written"));
   sigaction(SIGUSR2, &saved, nullptr);
   close(other);
-}
-
-TEST_F(LoggerTest, InitFailuresKeepThePreviousOutput) {
-  std::string log = dir_.File("keep.log");
-  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
-  EXPECT_EQ(-1, Logger::Init(Logger::kFile, "", "", 50, 1));
-  EXPECT_EQ(-1, Logger::Init(Logger::kFile, dir_.File("missing/dir/x.log"), "", 50, 1));
-  LOG_ERROR("c", "still here");
-  EXPECT_NE(std::string::npos, ReadFile(log).find("still here"));
-
-  Logger::Shutdown();
-  EXPECT_FALSE(Logger::IsLogEnabled(LOG_LEVEL_CRIT, "c"));
 }
 
 }  // namespace

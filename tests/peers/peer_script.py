@@ -1,7 +1,6 @@
 """What the simulated peers share: the JSON script they answer from (read
-again for every request), the record they keep (one JSON line per request,
-integers as JSON numbers and strings as JSON strings), their UNIX socket,
-their ready file and their way out on SIGTERM and SIGINT."""
+again for every request), their record (one JSON line per request), their
+UNIX socket, ready file and way out on SIGTERM and SIGINT."""
 
 import json
 import os
@@ -17,18 +16,17 @@ _record_lock = threading.Lock()
 
 def load_script(path, who):
     """The script at `path` ({} when there is none or it is unreadable)."""
-    if not path:
-        return {}
     try:
         with open(path, encoding="utf-8") as f:
             return json.load(f)
     except (OSError, ValueError) as e:
-        print("%s: bad script %s: %s" % (who, path, e), file=sys.stderr)
+        if path:
+            print("%s: bad script %s: %s" % (who, path, e), file=sys.stderr)
         return {}
 
 
 def to_json(value):
-    """A decoded wire value made JSON-friendly: bytes that are no UTF-8 as
+    """A decoded value made JSON-friendly: bytes that are no UTF-8 as
     {"buffer": HEX}, buffers and files as {"file": HEX}."""
     if isinstance(value, dict):
         return {k: to_json(v) for k, v in value.items()}
@@ -42,12 +40,10 @@ def to_json(value):
 
 
 def record(path, entry):
-    """Appends `entry` as one line to the record file `path` ("" = none);
-    safe from several threads."""
-    if not path:
-        return
-    with _record_lock, open(path, "a", encoding="utf-8") as f:
-        f.write(json.dumps(entry) + "\n")
+    """Appends `entry` as one line to the record file `path` ("" = none)."""
+    if path:
+        with _record_lock, open(path, "a", encoding="utf-8") as f:
+            f.write(json.dumps(entry) + "\n")
 
 
 def listen_unix(path):
@@ -62,13 +58,11 @@ def listen_unix(path):
 
 
 def exit_on_signals(socket_path):
-    """SIGTERM and SIGINT remove `socket_path` ("" = none) and end the
-    process."""
+    """SIGTERM and SIGINT remove `socket_path` ("" = none) and end the process."""
     def stop(_signo, _frame):
         try:
-            if socket_path:
-                os.unlink(socket_path)
-        except OSError:
+            os.unlink(socket_path)
+        except OSError:  # none, or gone
             pass
         os._exit(0)
 
@@ -77,8 +71,7 @@ def exit_on_signals(socket_path):
 
 
 def write_ready(path, text):
-    """Writes `text` to the ready file `path` ("" = none) in one step, so a
-    reader never sees it half written."""
+    """Writes the ready file `path` ("" = none) in one step, never half written."""
     if path:
         with open(path + ".tmp", "w") as f:
             f.write(text)

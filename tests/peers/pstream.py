@@ -22,7 +22,6 @@ string cut to its length modulo 65536.
 """
 
 import hashlib
-import struct
 
 TAG_NULL = 0x00       # one byte 0x00
 TAG_INTEGER = 0x01    # one byte N, then N bytes (two's complement when N = 8)
@@ -35,23 +34,17 @@ TAG_MAP = 0x42        # per member: key (a string value), value; then TAG_END
 TAG_BINARY_EX = 0x43  # members "binary" (a binary), "send_hash" (a string), TAG_END
 
 MAX_DEPTH = 128
-
-# Error codes as the daemon's decoder reports them.
-ERR_CHANNEL = -2
-ERR_MALFORMED = -5
+ERR_CHANNEL = -2    # the daemon decoder's code for input that ended
+ERR_MALFORMED = -5  # and for input that is no value
 
 
 class PStreamError(Exception):
-    """A value could not be decoded; `code` is -2 (input ended) or -5."""
-
     def __init__(self, code, message):
         super().__init__("%s (%d)" % (message, code))
         self.code = code
 
 
 class _Bytes:
-    __slots__ = ("data",)
-
     def __init__(self, data=b""):
         self.data = bytes(data)
 
@@ -65,26 +58,15 @@ class _Bytes:
 class Buffer(_Bytes):
     """An in-memory byte block."""
 
-    __slots__ = ()
-
 
 class Binary(_Bytes):
     """A file's byte range; on the wire only its content travels."""
 
-    __slots__ = ()
-
 
 class BinaryEx:
-    """A file's byte range with a digest.
-
-    Encoding: when `send_hash` is None and `hash_algo` is set, the digest
-    text (lower-case hex) of `data` is computed with hashlib; with neither,
-    an empty hash travels.  Decoding fills `data` and `send_hash`, and
-    `recv_hash` with the digest of the data when `hash_algo` is given to
-    the decoder.
-    """
-
-    __slots__ = ("data", "hash_algo", "send_hash", "recv_hash")
+    """A file's byte range with a digest: `send_hash`, else the hex digest of
+    `data` by `hash_algo`, else "" travels.  Decoding fills `data`,
+    `send_hash`, and `recv_hash` when the decoder has a `hash_algo`."""
 
     def __init__(self, data=b"", hash_algo="", send_hash=None, recv_hash=""):
         self.data = bytes(data)
@@ -95,9 +77,7 @@ class BinaryEx:
     def wire_hash(self):
         if self.send_hash is not None:
             return self.send_hash
-        if self.hash_algo:
-            return hashlib.new(self.hash_algo, self.data).hexdigest()
-        return ""
+        return hashlib.new(self.hash_algo, self.data).hexdigest() if self.hash_algo else ""
 
     def __eq__(self, other):
         return (isinstance(other, BinaryEx) and self.data == other.data and
@@ -113,47 +93,28 @@ def _as_bytes(text):
     return text.encode("utf-8") if isinstance(text, str) else bytes(text)
 
 
-def _encode_string(text, out):
-    raw = _as_bytes(text)
-    n = len(raw) & 0xFFFF
-    out += struct.pack(">BH", TAG_STRING, n)
-    out += raw[:n]
-
-
-def _encode_integer(value, out):
-    bits = value & 0xFFFFFFFFFFFFFFFF
-    if bits < 1 << 8:
-        out += struct.pack(">BBB", TAG_INTEGER, 1, bits)
-    elif bits < 1 << 16:
-        out += struct.pack(">BBH", TAG_INTEGER, 2, bits)
-    elif bits >> 32 == 0:
-        out += struct.pack(">BBI", TAG_INTEGER, 4, bits)
-    else:
-        out += struct.pack(">BBQ", TAG_INTEGER, 8, bits)
+def _sized(tag, width, raw):
+    return bytes([tag]) + len(raw).to_bytes(width, "big") + raw
 
 
 def _encode(value, out):
     if value is None:
         out += bytes([TAG_NULL, 0])
-    elif isinstance(value, bool):
-        _encode_integer(int(value), out)
-    elif isinstance(value, int):
-        _encode_integer(value, out)
+    elif isinstance(value, int):  # bool too
+        bits = value & 0xFFFFFFFFFFFFFFFF
+        width = 1 if bits < 1 << 8 else 2 if bits < 1 << 16 else 4 if bits >> 32 == 0 else 8
+        out += bytes([TAG_INTEGER, width]) + bits.to_bytes(width, "big")
     elif isinstance(value, (str, bytes, bytearray)):
-        _encode_string(value, out)
+        raw = _as_bytes(value)
+        out += _sized(TAG_STRING, 2, raw[:len(raw) & 0xFFFF])
     elif isinstance(value, Buffer):
-        out += struct.pack(">BI", TAG_BUFFER, len(value.data))
-        out += value.data
+        out += _sized(TAG_BUFFER, 4, value.data)
     elif isinstance(value, Binary):
-        out += struct.pack(">BQ", TAG_BINARY, len(value.data))
-        out += value.data
+        out += _sized(TAG_BINARY, 8, value.data)
     elif isinstance(value, BinaryEx):
         out.append(TAG_BINARY_EX)
-        _encode_string("binary", out)
-        out += struct.pack(">BQ", TAG_BINARY, len(value.data))
-        out += value.data
-        _encode_string("send_hash", out)
-        _encode_string(value.wire_hash(), out)
+        for member in ("binary", Binary(value.data), "send_hash", value.wire_hash()):
+            _encode(member, out)
         out.append(TAG_END)
     elif isinstance(value, (list, tuple)):
         out.append(TAG_ARRAY)
@@ -164,7 +125,7 @@ def _encode(value, out):
         out.append(TAG_MAP)
         for key in sorted(value, key=_as_bytes):
             raw = _as_bytes(key)
-            _encode_string(raw[1:] if raw[:1] == b"_" else raw, out)
+            _encode(raw[1:] if raw[:1] == b"_" else raw, out)
             _encode(value[key], out)
         out.append(TAG_END)
     else:
@@ -188,9 +149,8 @@ class _BytesReader:
     def read(self, n):
         if self.pos + n > len(self.data):
             raise PStreamError(ERR_CHANNEL, "input ended after %d bytes" % len(self.data))
-        chunk = bytes(self.data[self.pos:self.pos + n])
         self.pos += n
-        return chunk
+        return bytes(self.data[self.pos - n:self.pos])
 
 
 class _SocketReader:
@@ -200,18 +160,16 @@ class _SocketReader:
     def read(self, n):
         parts = []
         while n > 0:
-            chunk = self.sock.recv(min(n, 1 << 20))
-            if not chunk:
+            parts.append(self.sock.recv(min(n, 1 << 20)))
+            if not parts[-1]:
                 raise PStreamError(ERR_CHANNEL, "peer closed")
-            parts.append(chunk)
-            n -= len(chunk)
+            n -= len(parts[-1])
         return b"".join(parts)
 
 
 def _merge(target, value):
-    """A repeated key decodes into the member the first one made: arrays
-    append, maps merge, a second file range is written on after the first
-    (same file, from where the first ended), anything else replaces."""
+    """A repeated key: arrays append, maps merge, a second file range goes
+    on after the first (same file), anything else replaces."""
     if isinstance(target, Binary) and isinstance(value, Binary):
         return Binary(target.data + value.data)
     if isinstance(target, BinaryEx) and isinstance(value, BinaryEx):
@@ -239,22 +197,24 @@ class _Decoder:
 
     def string(self):
         raw = self.reader.read(self.read_int(2))
-        if self.text:
-            try:
-                return raw.decode("utf-8")
-            except UnicodeDecodeError:
-                pass
-        return raw
+        try:
+            return raw.decode("utf-8") if self.text else raw
+        except UnicodeDecodeError:
+            return raw
 
     def key(self, tag):
         if tag != TAG_STRING:
             raise PStreamError(ERR_MALFORMED, "expect string, but get tag %u" % tag)
         return self.string()
 
-    def enter(self):
+    def until_end(self):
+        """The tags of a container's members, up to its TAG_END."""
         if self.depth >= MAX_DEPTH:
             raise PStreamError(ERR_MALFORMED, "nested deeper than %d" % MAX_DEPTH)
         self.depth += 1
+        while (tag := self.read_int(1)) != TAG_END:
+            yield tag
+        self.depth -= 1
 
     def value(self):
         return self.tagged(self.read_int(1))
@@ -278,59 +238,33 @@ class _Decoder:
         if tag == TAG_BINARY:
             return Binary(self.reader.read(self.read_int(8)))
         if tag == TAG_ARRAY:
-            self.enter()
-            items = []
-            while True:
-                t = self.read_int(1)
-                if t == TAG_END:
-                    break
-                items.append(self.tagged(t))
-            self.depth -= 1
-            return items
+            return [self.tagged(t) for t in self.until_end()]
         if tag == TAG_MAP:
-            self.enter()
             members = {}
-            while True:
-                t = self.read_int(1)
-                if t == TAG_END:
-                    break
-                k = self.key(t)
-                v = self.value()
+            for t in self.until_end():
+                k, v = self.key(t), self.value()
                 members[k] = _merge(members[k], v) if k in members else v
-            self.depth -= 1
             return members
         if tag == TAG_BINARY_EX:
-            self.enter()
             ex = BinaryEx(hash_algo=self.hash_algo)
-            while True:
-                t = self.read_int(1)
-                if t == TAG_END:
-                    break
-                k = _as_bytes(self.key(t))
-                v = self.value()
+            for t in self.until_end():
+                k, v = _as_bytes(self.key(t)), self.value()
                 if k == b"binary" and isinstance(v, Binary):
                     ex.data = v.data
                     if self.hash_algo:
                         ex.recv_hash = hashlib.new(self.hash_algo, v.data).hexdigest()
                 elif k == b"send_hash" and isinstance(v, (str, bytes)):
                     ex.send_hash = v if isinstance(v, str) else v.decode("latin-1")
-            self.depth -= 1
             return ex
         raise PStreamError(ERR_MALFORMED, "unknown tag %u" % tag)
 
 
-def decode_prefix(data, text=True, hash_algo=""):
-    """Decodes the value at the start of `data`: (value, bytes used)."""
-    reader = _BytesReader(data)
-    value = _Decoder(reader, text, hash_algo).value()
-    return value, reader.pos
-
-
 def decode(data, text=True, hash_algo=""):
     """Decodes exactly one value; trailing bytes are an error (-5)."""
-    value, used = decode_prefix(data, text, hash_algo)
-    if used != len(data):
-        raise PStreamError(ERR_MALFORMED, "%d bytes after the value" % (len(data) - used))
+    reader = _BytesReader(data)
+    value = _Decoder(reader, text, hash_algo).value()
+    if reader.pos != len(data):
+        raise PStreamError(ERR_MALFORMED, "%d bytes after the value" % (len(data) - reader.pos))
     return value
 
 

@@ -1,40 +1,31 @@
 #!/usr/bin/env python3
 """A simulated remote storage server for tests and the sandbox.
 
-Server side of the request protocol: per request an 8-byte header (magic
-0x25521814, protocol version 70, command, payload length; big-endian), then
-one request map, recorded and answered by a script.  After answering
-`encrypt_channel` (22) it switches the connection to TLS (--cert/--key;
-without them, or on --unix, it closes) and reads the next header.  Commands:
-25 query_server_info, 17 query_user_info, any other N is action "cmd<N>".
-A header with another magic or version is recorded as {"bad_header": HEX}
-and the connection closed.  Standard library only; the wire codec is
-tests/peers/pstream.py.
+Per request: an 8-byte header (magic 0x25521814, version 70, command,
+payload length; big-endian), then one request map, recorded and answered by
+a script.  Commands 25 query_server_info, 17 query_user_info, 22
+encrypt_channel (answered, then TLS with --cert/--key; without them or on
+--unix the connection closes), any other N is "cmd<N>".  A header with
+another magic or version is recorded as {"bad_header": HEX}, then closed.
 
-Script (a JSON file, read again for every request):
+Script (JSON, read again for every request):
 
-    {"replies": {"query_server_info": {"package_version": {"build": 12700}},
-                 "query_user_info": {"uid": 1026, "view_list": [...]},
-                 "*": {}},
+    {"replies": {"query_user_info": {"uid": 1026}, "*": {}},
      "keep_alive": {"query_user_info": 2},
      "close_after_header": ["query_server_info"]}
 
-"replies" maps an action to its reply ("*" for any other; else an empty
-map), any JSON value sent as it stands; {"$binary": TEXT} anywhere in it is
-sent as a binary holding TEXT in UTF-8; an error reply is a map such as
-{"error": {"code": 28680, "reason": "denied"}}.  "keep_alive" sends that
-many {"type": "keep_alive"} replies first.  Actions in "close_after_header"
-get nothing: the server ends its side right after their header and drains
-the rest, so the client sees an orderly end.
+"replies": an action's reply ("*" for any other; else {}); {"$binary": TEXT}
+in it is sent as a binary holding TEXT.  "keep_alive": that many
+{"type": "keep_alive"} replies first.  "close_after_header": no reply, the
+server ends its side after the header and drains the rest.
 
-Record (--record): one JSON line per request,
-    {"command": 25, "tls": true, "unix": false, "request": {...}}
-(keys as they travel: "_action" arrives as "action"); {"bad_request": TEXT}
-for a request that cannot be decoded, {"tls_error": TEXT} for a failed switch.
+Record (--record): one JSON line per request, {"command": 25, "tls": true,
+"unix": false, "request": {...}}; {"bad_request": TEXT} for a request that
+cannot be decoded, {"tls_error": TEXT} for a failed switch.
 
-Listens on TCP --host (127.0.0.1) and --port (0: a free one), and on the
-UNIX socket --unix PATH when given; writes the TCP port to --ready FILE once
-listening.
+Listens on TCP --host and --port (0: a free one, written to --ready FILE),
+and on the UNIX socket --unix PATH when given.  Standard library only; the
+wire codec is tests/peers/pstream.py.
 """
 
 import argparse
@@ -67,26 +58,18 @@ def from_json(value):
     return value
 
 
-def read_exact(conn, n):
-    data = b""
-    while len(data) < n:
-        chunk = conn.recv(n - len(data))
-        if not chunk:
-            return None
-        data += chunk
-    return data
-
-
 def serve_one(conn, args, is_unix):
-    """Header, request, reply; again after a TLS switch, until the client
-    closes."""
+    """Header, request, reply; again (after a TLS switch) until the client closes."""
     tls = False
     try:
         conn.settimeout(30)
         while True:
-            raw = read_exact(conn, HEADER.size)
-            if raw is None:
-                return
+            raw = b""
+            while len(raw) < HEADER.size:
+                chunk = conn.recv(HEADER.size - len(raw))
+                if not chunk:
+                    return
+                raw += chunk
             magic, version, command, _length = HEADER.unpack(raw)
             if magic != MAGIC or version != VERSION:
                 record(args.record, {"bad_header": raw.hex()})
@@ -110,8 +93,7 @@ def serve_one(conn, args, is_unix):
             for _ in range(int(script.get("keep_alive", {}).get(action, 0))):
                 pstream.send_value(conn, {"type": "keep_alive"})
             replies = script.get("replies", {})
-            reply = replies.get(action, replies.get("*", {}))
-            pstream.send_value(conn, from_json(reply))
+            pstream.send_value(conn, from_json(replies.get(action, replies.get("*", {}))))
             if action == "encrypt_channel":
                 if args.tls is None or is_unix:
                     return
@@ -129,10 +111,7 @@ def serve_one(conn, args, is_unix):
 
 def accept_loop(server, args, is_unix):
     while True:
-        try:
-            conn, _ = server.accept()
-        except OSError:
-            return
+        conn, _ = server.accept()
         threading.Thread(target=serve_one, args=(conn, args, is_unix), daemon=True).start()
 
 
@@ -151,7 +130,6 @@ def main():
     if args.cert:
         args.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         args.tls.load_cert_chain(args.cert, args.key)
-
     tcp = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     tcp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     tcp.bind((args.host, args.port))

@@ -7,13 +7,11 @@ script.  Standard library only; the wire codec is tests/peers/pstream.py.
 
 Script (a JSON file, read again for every request):
 
-    {"replies": {"get_status": {"connection_list": [...]},
-                 "pause": {"error": "busy"},
-                 "*": {"ack": "ok"}},
+    {"replies": {"pause": {"error": "busy"}, "*": {"ack": "ok"}},
      "close": ["resume"]}
 
-"replies" maps an action to its reply ("*" for any other; else an empty
-map); actions in "close" get no reply, the connection is closed.
+"replies": an action's reply ("*" for any other; else {}); actions in
+"close" get no reply, the connection is closed.
 
 Record (--record): one JSON line per request, {"request": value}.
 
@@ -31,18 +29,6 @@ from peer_script import (exit_on_signals, listen_unix, load_script, record,  # n
                          to_json, write_ready)
 
 
-def default_socket_path():
-    root = os.environ.get("VESTA_ROOT", "")
-    return (root + "/tmp/tarn.sock") if root else "/tmp/tarn.sock"
-
-
-def reply_for(script, action):
-    replies = script.get("replies", {})
-    if action in replies:
-        return replies[action]
-    return replies.get("*", {})
-
-
 def serve_one(conn, args):
     with conn:
         conn.settimeout(10)
@@ -54,25 +40,23 @@ def serve_one(conn, args):
         record(args.record, {"request": to_json(request)})
         script = load_script(args.script, "sync_daemon")
         action = request.get("action", "") if isinstance(request, dict) else ""
-        if action in script.get("close", []):
-            return
-        pstream.send_value(conn, reply_for(script, action))
+        if action not in script.get("close", []):
+            replies = script.get("replies", {})
+            pstream.send_value(conn, replies.get(action, replies.get("*", {})))
 
 
 def main():
     p = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    p.add_argument("--socket", default=default_socket_path())
+    p.add_argument("--socket", default=os.environ.get("VESTA_ROOT", "") + "/tmp/tarn.sock")
     p.add_argument("--record", default="")
     p.add_argument("--script", default="")
     p.add_argument("--ready", default="", help="file created once listening")
     args = p.parse_args()
-
     server = listen_unix(args.socket)
     exit_on_signals(args.socket)
     write_ready(args.ready, str(os.getpid()))
     while True:
-        conn, _ = server.accept()
-        serve_one(conn, args)
+        serve_one(server.accept()[0], args)
 
 
 if __name__ == "__main__":

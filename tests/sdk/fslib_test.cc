@@ -28,62 +28,42 @@ class FakeProbe : public FsProbe {
  public:
   FakeProbe() { Add("/", 1, kExt4Magic); }
 
-  void Add(const std::string& path, dev_t dev, long magic) { nodes_[path] = Node{dev, magic}; }
+  void Add(const std::string& path, dev_t dev, long magic) { nodes_[path] = {dev, magic}; }
 
   int Stat(const std::string& path, struct stat* st) const override {
-    auto it = nodes_.find(path);
-    if (it == nodes_.end()) {
-      errno = ENOENT;
-      return -1;
-    }
+    const Node* node = Find(path);
+    if (node == nullptr) return -1;
     *st = {};
-    st->st_dev = it->second.dev;
+    st->st_dev = node->first;
     st->st_mode = S_IFDIR | 0755;
     return 0;
   }
-
   int StatFs(const std::string& path, struct statfs* st) const override {
-    auto it = nodes_.find(path);
-    if (it == nodes_.end()) {
-      errno = ENOENT;
-      return -1;
-    }
+    const Node* node = Find(path);
+    if (node == nullptr) return -1;
     *st = {};
-    st->f_type = it->second.magic;
+    st->f_type = node->second;
     return 0;
   }
 
  private:
-  struct Node {
-    dev_t dev;
-    long magic;
-  };
+  using Node = std::pair<dev_t, long>;  // device and file-system magic
+  const Node* Find(const std::string& path) const {
+    auto it = nodes_.find(path);
+    errno = ENOENT;
+    return it == nodes_.end() ? nullptr : &it->second;
+  }
+
   std::map<std::string, Node> nodes_;
 };
 
-FileSystemProperty Expect(int fs_type, bool quota, bool snapshot, bool usb, bool on_btrfs,
-                          std::string tmp, std::string zephtify, std::string bin, std::string mount,
-                          std::string device) {
-  FileSystemProperty p;
-  p.fs_type = fs_type;
-  p.support_quota = quota;
-  p.support_snapshot = snapshot;
-  p.is_usb = usb;
-  p.is_mounted_on_btrfs = on_btrfs;
-  p.tmp_path = tmp;
-  p.zephtify_path = zephtify;
-  p.share_bin_path = bin;
-  p.mount_point_path = mount;
-  p.device_path = device;
-  return p;
-}
-
+// A property on one line: type, flags, then the five paths, the device quoted.
 std::string Describe(const FileSystemProperty& p) {
   std::ostringstream out;
-  out << "{type " << p.fs_type << " quota " << p.support_quota << " snap " << p.support_snapshot
-      << " usb " << p.is_usb << " btrfs " << p.is_mounted_on_btrfs << " tmp " << p.tmp_path
-      << " zeph " << p.zephtify_path << " bin " << p.share_bin_path << " mount "
-      << p.mount_point_path << " dev '" << p.device_path << "'}";
+  out << p.fs_type << (p.support_quota ? " quota" : "") << (p.support_snapshot ? " snapshot" : "")
+      << (p.is_usb ? " usb" : "") << (p.is_mounted_on_btrfs ? " on-btrfs" : "") << " | "
+      << p.tmp_path << " " << p.zephtify_path << " " << p.share_bin_path << " "
+      << p.mount_point_path << " '" << p.device_path << "'";
   return out.str();
 }
 
@@ -138,51 +118,34 @@ class FslibTest : public ::testing::Test {
 };
 
 TEST_F(FslibTest, EachKindOfVolume) {
-  struct Row {
-    const char* path;
-    FileSystemProperty want;
-  };
-  const Row rows[] = {
-      {"/volume1/photo/2024",
-       Expect(1, true, false, false, false, "/volume1/@tmp", "/volume1", "/volume1", "/volume1",
-              "/dev/md2")},
-      {"/volume3/docs/",
-       Expect(4, true, false, false, false, "/volume3/@tmp", "/volume3", "/volume3", "/volume3",
-              "/dev/md4")},
-      {"/volume2/music",
-       Expect(2, false, true, false, false, "/volume2/@tmp", "/volume2", "/volume2", "/volume2",
-              "/dev/md3")},
+  const char* kRows[][2] = {
+      {"/volume1/photo/2024", "1 quota | /volume1/@tmp /volume1 /volume1 /volume1 '/dev/md2'"},
+      {"/volume3/docs/", "4 quota | /volume3/@tmp /volume3 /volume3 /volume3 '/dev/md4'"},
+      {"/volume2/music", "2 snapshot | /volume2/@tmp /volume2 /volume2 /volume2 '/dev/md3'"},
       {"/volume1/secret/a",
-       Expect(3, true, false, false, false, "/volume1/secret/@eaDir/@tmp", "/volume1/secret",
-              "/volume1", "/volume1/secret", "/dev/md2")},
-      {"/volume2/vault",
-       Expect(3, true, false, false, true, "/volume2/vault/@eaDir/@tmp", "/volume2/vault",
-              "/volume2", "/volume2/vault", "/volume2/@vault")},
-      {"/volume1/cloud",
-       Expect(5, false, false, false, false, "/volume1/cloud/@eaDir", "/volume1/cloud", "/volume1",
-              "/volume1/cloud", "")},
-      {"/volumeUSB1/usbshare/f",
-       Expect(0, false, false, true, false, "/volumeUSB1/usbshare/@tmp", "/volumeUSB1/usbshare",
-              "/volumeUSB1/usbshare/@sharebin", "/volumeUSB1/usbshare", "")},
-      {"/volumeUSB2/usb disk",
-       Expect(1, false, false, true, false, "/volumeUSB2/usb disk/@tmp", "/volumeUSB2/usb disk",
-              "/volumeUSB2/usb disk/@sharebin", "/volumeUSB2/usb disk", "")},
-      {"/volume2/sub/x",
-       Expect(2, true, true, false, false, "/volume2/@tmp", "/volume2", "/volume2", "/volume2/sub",
-              "")},
+       "3 quota | /volume1/secret/@eaDir/@tmp /volume1/secret /volume1 /volume1/secret '/dev/md2'"},
+      {"/volume2/vault", "3 quota on-btrfs | /volume2/vault/@eaDir/@tmp /volume2/vault /volume2 "
+                         "/volume2/vault '/volume2/@vault'"},
+      {"/volume1/cloud", "5 | /volume1/cloud/@eaDir /volume1/cloud /volume1 /volume1/cloud ''"},
+      {"/volumeUSB1/usbshare/f", "0 usb | /volumeUSB1/usbshare/@tmp /volumeUSB1/usbshare "
+                                 "/volumeUSB1/usbshare/@sharebin /volumeUSB1/usbshare ''"},
+      {"/volumeUSB2/usb disk", "1 usb | /volumeUSB2/usb disk/@tmp /volumeUSB2/usb disk "
+                               "/volumeUSB2/usb disk/@sharebin /volumeUSB2/usb disk ''"},
+      {"/volume2/sub/x", "2 quota snapshot | /volume2/@tmp /volume2 /volume2 /volume2/sub ''"},
       {"/volume2/./music/../sub//x",
-       Expect(2, true, true, false, false, "/volume2/@tmp", "/volume2", "/volume2", "/volume2/sub",
-              "")},
+       "2 quota snapshot | /volume2/@tmp /volume2 /volume2 /volume2/sub ''"},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : kRows) {
     FileSystemProperty got;
-    EXPECT_EQ(0, Get(row.path, &got)) << row.path;
-    EXPECT_EQ(Describe(row.want), Describe(got)) << row.path;
+    EXPECT_EQ(0, Get(row[0], &got)) << row[0];
+    EXPECT_EQ(row[1], Describe(got)) << row[0];
   }
 }
 
 TEST_F(FslibTest, UnsyncableVolumesFail) {
-  FileSystemProperty untouched = Expect(9, true, true, true, true, "t", "z", "b", "m", "d");
+  FileSystemProperty untouched;
+  untouched.fs_type = 9;
+  untouched.tmp_path = "t";
   const char* paths[] = {
       "/volume4",        // vfat, not on a USB disk
       "/volume5",        // its own device, absent from the table, not btrfs
@@ -240,8 +203,8 @@ TEST_F(FslibTest, ThisMachinesRoot) {
 }
 
 TEST_F(FslibTest, MapFormKeysAndRoundTrip) {
-  FileSystemProperty p = Expect(3, true, false, false, true, "/v/s/@eaDir/@tmp", "/v/s", "/v",
-                                "/v/s", "/v/@s");
+  FileSystemProperty p;
+  ASSERT_EQ(0, Get("/volume2/vault", &p));
   PObject map;
   ASSERT_EQ(0, p.Serialize(&map));
   ASSERT_TRUE(map.IsMap());
@@ -251,29 +214,21 @@ TEST_F(FslibTest, MapFormKeysAndRoundTrip) {
   EXPECT_EQ(0, map.Lookup("support_snapshot").AsInteger());
   EXPECT_EQ(0, map.Lookup("is_usb").AsInteger());
   EXPECT_EQ(1, map.Lookup("is_mounted_on_btrfs").AsInteger());
-  EXPECT_EQ("/v/s/@eaDir/@tmp", map.Lookup("tmp_path").AsString());
-  EXPECT_EQ("/v/s", map.Lookup("zephtify_path").AsString());
-  EXPECT_EQ("/v", map.Lookup("share_bin_path").AsString());
-  EXPECT_EQ("/v/s", map.Lookup("mount_point_path").AsString());
-  EXPECT_EQ("/v/@s", map.Lookup("device_path").AsString());
+  EXPECT_EQ("/volume2/vault/@eaDir/@tmp", map.Lookup("tmp_path").AsString());
+  EXPECT_EQ("/volume2/vault", map.Lookup("zephtify_path").AsString());
+  EXPECT_EQ("/volume2", map.Lookup("share_bin_path").AsString());
+  EXPECT_EQ("/volume2/vault", map.Lookup("mount_point_path").AsString());
+  EXPECT_EQ("/volume2/@vault", map.Lookup("device_path").AsString());
 
   FileSystemProperty back;
   ASSERT_EQ(0, back.Deserialize(map));
   EXPECT_EQ(p, back);
   EXPECT_EQ(-1, back.Deserialize(PObject("not a map")));
   EXPECT_EQ(p, back);
-
   PObject partial;
   partial["tmp_path"] = "/x";
   ASSERT_EQ(0, back.Deserialize(partial));
-  EXPECT_EQ(Expect(0, false, false, false, false, "/x", "", "", "", ""), back);
-
-  EXPECT_EQ(1, FsTypeOfName("ext4"));
-  EXPECT_EQ(2, FsTypeOfName("btrfs"));
-  EXPECT_EQ(3, FsTypeOfName("ecryptfs"));
-  EXPECT_EQ(4, FsTypeOfName("ext3"));
-  EXPECT_EQ(0, FsTypeOfName("q9fs"));
-  EXPECT_EQ(0, FsTypeOfName("EXT4"));
+  EXPECT_EQ("0 | /x    ''", Describe(back));
 }
 
 TEST_F(FslibTest, ExistenceAndRecursiveRemoval) {
@@ -282,17 +237,10 @@ TEST_F(FslibTest, ExistenceAndRecursiveRemoval) {
   EXPECT_FALSE(PathExists(dir_.File("absent")));
 
   // A tree with a link to a directory outside it, which must survive.
-  const std::string keep = dir_.File("keep");
-  ASSERT_EQ(0, mkdir(keep.c_str(), 0755));
-  dir_.Write("keep/precious", "x");
-  const std::string tree = dir_.File("tree");
-  ASSERT_EQ(0, mkdir(tree.c_str(), 0755));
-  ASSERT_EQ(0, mkdir((tree + "/a").c_str(), 0755));
-  ASSERT_EQ(0, mkdir((tree + "/a/b").c_str(), 0755));
-  dir_.Write("tree/a/b/.hidden", "1");
-  dir_.Write("tree/a/file", "2");
-  ASSERT_EQ(0, symlink(keep.c_str(), (tree + "/a/link").c_str()));
-  ASSERT_EQ(0, symlink("/nowhere", (tree + "/dangling").c_str()));
+  const std::string keep = dir_.File("keep"), tree = dir_.File("tree");
+  ASSERT_EQ(0, system(("cd '" + dir_.path() + "' && mkdir -p keep tree/a/b && touch keep/precious "
+                       "tree/a/b/.hidden tree/a/file && ln -s '" + keep + "' tree/a/link && ln -s "
+                       "/nowhere tree/dangling").c_str()));
   EXPECT_FALSE(PathExists(tree + "/dangling"));
 
   EXPECT_EQ(0, RemovePath(tree));

@@ -1,3 +1,5 @@
+// Shared folders read from their files below a fresh VESTA_ROOT: what real
+// users and groups may do in them, their lookups, attributes and placement.
 #include "sdk/share.h"
 
 #include <fcntl.h>
@@ -12,9 +14,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "platform/holders.h"
 #include "platform/users.h"
 #include "sdk/sdk-cpp.h"
 #include "sdk/share-service.h"
@@ -25,8 +31,8 @@ namespace {
 // Privilege codes, typed here independently.
 constexpr int kRO = 1, kRW = 2, kNone = 4, kFull = 8;
 
-// Runs a shell command, retrying while another process holds the account
-// database's lock.
+// Runs a shell command, retrying for up to 5 s while another process holds
+// the account database's lock.
 bool Run(const std::string& command) {
   for (int attempt = 0; attempt < 50; ++attempt) {
     if (std::system((command + " >/dev/null 2>&1").c_str()) == 0) return true;
@@ -36,52 +42,47 @@ bool Run(const std::string& command) {
   return false;
 }
 
-bool GroupExists(const std::string& name) { return getgrnam(name.c_str()) != nullptr; }
-
-// Real accounts for one test process: a group "staff", its owner and a
-// member, an outsider, and a member of "administrators".  Test processes of
-// this file run one at a time (an flock), because "administrators" is
-// shared by all of them.
+// Real accounts for one test: a group "staff", its owner and a member, an
+// outsider, and a member of "administrators".  What was made is removed, in
+// reverse order, when the object goes, however the test ended.  Test
+// processes of this file take them one at a time (an flock), because
+// "administrators" is shared by all of them.
 class Accounts {
  public:
   Accounts() {
     lock_fd_ = open("/tmp/vesta-sdk-accounts.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lock_fd_ >= 0) flock(lock_fd_, LOCK_EX);
-    const std::string p = "vt" + std::to_string(getpid());
-    staff = p + "staff";
-    owner = p + "own";
-    alice = p + "ali";
-    bob = p + "bob";
-    boss = p + "boss";
-    created_admin_group_ = !GroupExists("administrators");
-    if (created_admin_group_) Run("groupadd administrators");
-    Run("groupadd " + staff);
-    Run("useradd -M -N -s /usr/sbin/nologin -g " + staff + " " + owner);
-    Run("useradd -M -N -s /usr/sbin/nologin -G " + staff + " " + alice);
-    Run("useradd -M -N -s /usr/sbin/nologin " + bob);
-    Run("useradd -M -N -s /usr/sbin/nologin -G administrators " + boss);
-    struct passwd* pw = getpwnam(owner.c_str());
-    struct group* gr = getgrnam(staff.c_str());
-    owner_uid = pw != nullptr ? pw->pw_uid : 0;
-    staff_gid = gr != nullptr ? gr->gr_gid : 0;
+    const std::string p = "vt" + std::to_string(getpid()), add = "useradd -M -N -s /usr/sbin/nologin ";
+    staff = p + "staff", owner = p + "own", alice = p + "ali", bob = p + "bob", boss = p + "boss";
+    made = (getgrnam("administrators") != nullptr ||
+            Make("groupadd administrators", "groupdel administrators")) &&
+           Make("groupadd " + staff, "groupdel " + staff) &&
+           Make(add + "-g " + staff + " " + owner, "userdel " + owner) &&
+           Make(add + "-G " + staff + " " + alice, "userdel " + alice) &&
+           Make(add + bob, "userdel " + bob) &&
+           Make(add + "-G administrators " + boss, "userdel " + boss);
+    if (made) owner_uid = getpwnam(owner.c_str())->pw_uid, staff_gid = getgrnam(staff.c_str())->gr_gid;
   }
-
   ~Accounts() {
-    for (const std::string* user : {&owner, &alice, &bob, &boss}) Run("userdel " + *user);
-    Run("groupdel " + staff);
-    if (created_admin_group_) Run("groupdel administrators");
+    for (auto undo = undo_.rbegin(); undo != undo_.rend(); ++undo) Run(*undo);
     if (lock_fd_ >= 0) close(lock_fd_);  // releases the flock
   }
-
   Accounts(const Accounts&) = delete;
   Accounts& operator=(const Accounts&) = delete;
 
+  bool made = false;  // every account is there
   std::string staff, owner, alice, bob, boss;
   uid_t owner_uid = 0;
   gid_t staff_gid = 0;
 
  private:
-  bool created_admin_group_ = false;
+  bool Make(const std::string& command, const std::string& undo) {
+    if (!Run(command)) return false;
+    undo_.push_back(undo);
+    return true;
+  }
+
+  std::vector<std::string> undo_;  // commands that remove what was made
   int lock_fd_ = -1;
 };
 
@@ -90,10 +91,7 @@ class ShareFiles {
  public:
   ShareFiles() {
     setenv("VESTA_ROOT", dir.path().c_str(), 1);
-    mkdir(dir.File("etc").c_str(), 0755);
-    mkdir(dir.File("etc/vesta").c_str(), 0755);
-    mkdir(dir.File("etc/vesta/shares").c_str(), 0755);
-    mkdir(dir.File("data").c_str(), 0755);
+    EXPECT_EQ(0, system(("mkdir -p '" + dir.File("etc/vesta/shares") + "' '" + dir.File("data") + "'").c_str()));
   }
   ~ShareFiles() { unsetenv("VESTA_ROOT"); }
 
@@ -116,120 +114,104 @@ class ShareFiles {
 
 class PrivilegeTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { accounts_ = new Accounts; }
-  static void TearDownTestSuite() {
-    delete accounts_;
-    accounts_ = nullptr;
-  }
-
   void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root: the test makes real users and groups";
+    accounts_ = std::make_unique<Accounts>();
+    ASSERT_TRUE(accounts_->made) << "the test accounts could not be made";
     const Accounts& a = *accounts_;
-    d770_ = files_.Dir("d770", 0770, a.owner_uid, a.staff_gid);
-    d750_ = files_.Dir("d750", 0750, a.owner_uid, a.staff_gid);
-    d720_ = files_.Dir("d720", 0720, a.owner_uid, a.staff_gid);
-    d755_ = files_.Dir("d755", 0755, a.owner_uid, a.staff_gid);
-    d700_ = files_.Dir("d700", 0700, a.owner_uid, a.staff_gid);
+    for (mode_t mode : {0770, 0750, 0720, 0755, 0700}) {
+      char name[8];
+      snprintf(name, sizeof(name), "d%o", mode);
+      files_.Dir(name, mode, a.owner_uid, a.staff_gid);
+    }
   }
 
-  // The privilege of `user` on a share of `dir` described by `keys`.
-  int Priv(const std::string& dir, const std::string& keys, const std::string& user) {
-    files_.Write("s", dir, keys);
-    std::shared_ptr<SDK::Share> share = SDK::GetShare("s");
-    if (!share) return -100;
-    return share->GetPrivilege(user);
-  }
+  std::string Dir(const char* name) { return files_.dir.File(std::string("data/") + name); }
 
-  static Accounts* accounts_;
+  std::unique_ptr<Accounts> accounts_;  // removed with the fixture, whatever happened
   ShareFiles files_;
-  std::string d770_, d750_, d720_, d755_, d700_;
 };
 
-Accounts* PrivilegeTest::accounts_ = nullptr;
-
-TEST_F(PrivilegeTest, AclOnlyShares) {
+TEST_F(PrivilegeTest, EveryRuleOfThePrivilege) {
   const Accounts& a = *accounts_;
-  const std::string acl = "acl_only=yes\n";
-  // The user lists do not count on an ACL-only share.
-  EXPECT_EQ(kRO, Priv(d750_, acl + "deny_users=" + a.alice + "\n", a.alice));
-  EXPECT_EQ(kRW, Priv(d770_, acl, a.alice));
-  EXPECT_EQ(kFull, Priv(d770_, acl, a.owner));
-  EXPECT_EQ(kNone, Priv(d770_, acl + "rw_users=" + a.bob + "\n", a.bob));
-  EXPECT_EQ(kRW, Priv(d720_, acl, a.alice));  // write alone
-  // An administrator whose mask is exactly 0x1 gets nothing ...
-  EXPECT_EQ(kNone, Priv(d700_, acl + "acl_mask=\"" + a.boss + ":0x1\"\n", a.boss));
-  // ... while any real permission gives full control, or read on a
-  // read-only share.
-  EXPECT_EQ(kFull, Priv(d755_, acl, a.boss));
-  EXPECT_EQ(kRO, Priv(d755_, acl + "readonly=yes\n", a.boss));
-  EXPECT_EQ(kNone, Priv(d720_, acl + "readonly=yes\n", a.alice));
-}
-
-TEST_F(PrivilegeTest, AdministratorsOnOrdinaryShares) {
-  const Accounts& a = *accounts_;
-  const std::string mask1 = "acl_mask=\"" + a.alice + ":0x75," + a.boss + ":0x1\"\n";
-  // Mask 0x1 becomes full, then the lists filter it.
-  EXPECT_EQ(kFull, Priv(d700_, mask1 + "rw_users=" + a.boss + "\n", a.boss));
-  EXPECT_EQ(kRO, Priv(d700_, mask1 + "ro_users=" + a.boss + "\n", a.boss));
-  EXPECT_EQ(kNone, Priv(d700_, mask1, a.boss));
-  // No permission at all: full unless the share uses Windows-style ACLs.
-  EXPECT_EQ(kFull, Priv(d700_, "rw_users=" + a.boss + "\nwindows_acl=no\n", a.boss));
-  EXPECT_EQ(kNone, Priv(d700_, "rw_users=" + a.boss + "\nwindows_acl=yes\n", a.boss));
-  // Some permission: full, filtered by a group element.
-  EXPECT_EQ(kFull, Priv(d755_, "rw_users=@ADMINISTRATORS\n", a.boss));
-  EXPECT_EQ(kNone, Priv(d755_, "rw_users=@administrators\ndeny_users=" + a.boss + "\n", a.boss));
-  // A read-only share: read for those in a list, nothing for the rest.
-  EXPECT_EQ(kRO, Priv(d700_, "readonly=yes\nrw_users=" + a.boss + "\n", a.boss));
-  EXPECT_EQ(kNone, Priv(d700_, "readonly=yes\n", a.boss));
-}
-
-TEST_F(PrivilegeTest, UserListsOnOrdinaryShares) {
-  const Accounts& a = *accounts_;
+  const std::string acl = "acl_only=yes\n", ro = "readonly=yes\n";
+  auto rw = [](const std::string& u) { return "rw_users=" + u + "\n"; };
   std::string upper_staff = a.staff;
   for (char& c : upper_staff) c = static_cast<char>(toupper(c));
-  EXPECT_EQ(kNone, Priv(d700_, "rw_users=" + a.bob + "\n", a.bob));  // no permission
-  EXPECT_EQ(kNone, Priv(d770_, "deny_users=" + a.alice + "\nrw_users=" + a.alice + "\n", a.alice));
-  EXPECT_EQ(kRW, Priv(d770_, "rw_users=@" + upper_staff + "\n", a.alice));
-  EXPECT_EQ(kRO, Priv(d770_, "ro_users=" + a.alice + "\n", a.alice));
-  EXPECT_EQ(kNone, Priv(d770_, "rw_users=" + a.bob + "\n", a.alice));  // in no list
-  EXPECT_EQ(kFull, Priv(d770_, "rw_users=" + a.owner + "\n", a.owner));
-  // The read-write list is asked before the read-only list.
-  EXPECT_EQ(kFull, Priv(d770_, "ro_users=" + a.owner + "\nrw_users=" + a.owner + "\n", a.owner));
-  EXPECT_EQ(kRW, Priv(d720_, "rw_users=" + a.alice + "\n", a.alice));   // write alone
-  EXPECT_EQ(kRO, Priv(d750_, "rw_users=" + a.alice + "\n", a.alice));   // read alone
-  EXPECT_EQ(kRO, Priv(d755_, "ro_users=" + a.bob + "\n", a.bob));       // others' bits
-  // Read-only share: read needs every read bit.
-  EXPECT_EQ(kRO, Priv(d770_, "readonly=yes\nrw_users=" + a.owner + "\n", a.owner));
-  EXPECT_EQ(kNone, Priv(d720_, "readonly=yes\nrw_users=" + a.alice + "\n", a.alice));
-  // An explicit mask replaces the mode bits.
-  EXPECT_EQ(kRW, Priv(d700_, "acl_mask=\"" + a.alice + ":0x1ff\"\nrw_users=" + a.alice + "\n",
-                      a.alice));
-}
-
-TEST_F(PrivilegeTest, ForbiddenEncryptedAndFailingShares) {
-  const Accounts& a = *accounts_;
-  EXPECT_EQ(kNone, Priv(d770_, "forbidden=yes\nrw_users=" + a.owner + "\n", a.owner));
-  EXPECT_EQ(kNone, Priv(d770_, "acl_only=maybe\n", a.owner));
-  EXPECT_EQ(kNone, Priv(d770_, "rw_users=" + a.owner + "\n", "vt-no-such-user"));
-  EXPECT_EQ(kNone, Priv(files_.dir.File("data/missing"), "rw_users=" + a.owner + "\n", a.owner));
-  // A locked encrypted share is judged on its lower directory.
-  const std::string enc = "encrypted=yes\nrw_users=" + a.alice + "\nencryption_path=" + d770_ + "\n";
-  EXPECT_EQ(kRW, Priv(d700_, enc + "locked=yes\n", a.alice));
-  EXPECT_EQ(kNone, Priv(d700_, enc + "locked=no\n", a.alice));
-  EXPECT_EQ(kNone, Priv(d700_, "encrypted=yes\nlocked=yes\nencryption_path=" +
-                                   files_.dir.File("data/gone") + "\nrw_users=" + a.alice + "\n",
-                        a.alice));
+  const std::string mask1 = "acl_mask=\"" + a.alice + ":0x75," + a.boss + ":0x1\"\n";
+  const std::string enc = "encrypted=yes\n" + rw(a.alice) + "encryption_path=" + Dir("d770") + "\n";
+  const struct {
+    const char* dir;
+    std::string keys, user;
+    int want;
+  } kCases[] = {
+      // ACL-only shares: the user lists do not count.
+      {"d750", acl + "deny_users=" + a.alice + "\n", a.alice, kRO},
+      {"d770", acl, a.alice, kRW},
+      {"d770", acl, a.owner, kFull},
+      {"d770", acl + rw(a.bob), a.bob, kNone},
+      {"d720", acl, a.alice, kRW},  // write alone
+      // An administrator whose mask is exactly 0x1 gets nothing, while any
+      // real permission gives full control, or read on a read-only share.
+      {"d700", acl + "acl_mask=\"" + a.boss + ":0x1\"\n", a.boss, kNone},
+      {"d755", acl, a.boss, kFull},
+      {"d755", acl + ro, a.boss, kRO},
+      {"d720", acl + ro, a.alice, kNone},
+      // Administrators on ordinary shares: mask 0x1 becomes full, then the
+      // lists filter it.
+      {"d700", mask1 + rw(a.boss), a.boss, kFull},
+      {"d700", mask1 + "ro_users=" + a.boss + "\n", a.boss, kRO},
+      {"d700", mask1, a.boss, kNone},
+      // No permission at all: full unless the share uses Windows-style ACLs.
+      {"d700", rw(a.boss) + "windows_acl=no\n", a.boss, kFull},
+      {"d700", rw(a.boss) + "windows_acl=yes\n", a.boss, kNone},
+      // Some permission: full, filtered by a group element.
+      {"d755", "rw_users=@ADMINISTRATORS\n", a.boss, kFull},
+      {"d755", "rw_users=@administrators\ndeny_users=" + a.boss + "\n", a.boss, kNone},
+      {"d700", ro + rw(a.boss), a.boss, kRO},  // read-only: read for those in a list
+      {"d700", ro, a.boss, kNone},
+      // Ordinary users on ordinary shares.
+      {"d700", rw(a.bob), a.bob, kNone},  // no permission
+      {"d770", "deny_users=" + a.alice + "\n" + rw(a.alice), a.alice, kNone},
+      {"d770", "rw_users=@" + upper_staff + "\n", a.alice, kRW},
+      {"d770", "ro_users=" + a.alice + "\n", a.alice, kRO},
+      {"d770", rw(a.bob), a.alice, kNone},  // in no list
+      {"d770", rw(a.owner), a.owner, kFull},
+      {"d770", "ro_users=" + a.owner + "\n" + rw(a.owner), a.owner, kFull},  // read-write first
+      {"d720", rw(a.alice), a.alice, kRW},  // write alone
+      {"d750", rw(a.alice), a.alice, kRO},  // read alone
+      {"d755", "ro_users=" + a.bob + "\n", a.bob, kRO},  // others' bits
+      {"d770", ro + rw(a.owner), a.owner, kRO},  // read-only: read needs every read bit
+      {"d720", ro + rw(a.alice), a.alice, kNone},
+      {"d700", "acl_mask=\"" + a.alice + ":0x1ff\"\n" + rw(a.alice), a.alice, kRW},  // mask over mode
+      // Forbidden, malformed, unknown users, missing folders.
+      {"d770", "forbidden=yes\n" + rw(a.owner), a.owner, kNone},
+      {"d770", "acl_only=maybe\n", a.owner, kNone},
+      {"d770", rw(a.owner), "vt-no-such-user", kNone},
+      {"missing", rw(a.owner), a.owner, kNone},
+      // A locked encrypted share is judged on its lower directory.
+      {"d700", enc + "locked=yes\n", a.alice, kRW},
+      {"d700", enc + "locked=no\n", a.alice, kNone},
+      {"d700", "encrypted=yes\nlocked=yes\nencryption_path=" + Dir("gone") + "\n" + rw(a.alice), a.alice, kNone},
+  };
+  for (const auto& c : kCases) {
+    files_.Write("s", Dir(c.dir), c.keys);
+    std::shared_ptr<SDK::Share> share = SDK::GetShare("s");
+    ASSERT_TRUE(share) << c.keys;
+    EXPECT_EQ(c.want, share->GetPrivilege(c.user)) << c.dir << " " << c.user << ": " << c.keys;
+  }
 }
 
 TEST_F(PrivilegeTest, LoosePrivilegeAndGroups) {
   const Accounts& a = *accounts_;
-  files_.Write("s", d770_, "");
-  files_.Write("t", d750_, "");
-  files_.Write("f", d770_, "forbidden=yes\n");
+  files_.Write("s", Dir("d770"), "");
+  files_.Write("t", Dir("d750"), "");
+  files_.Write("f", Dir("d770"), "forbidden=yes\n");
   std::string upper_alice = a.alice;
   for (char& c : upper_alice) c = static_cast<char>(toupper(c));
   // Every read bit (0x74) is read, for both calculations; the mask's user
   // name matches without regard to case.
-  files_.Write("m", d700_, "acl_mask=\"" + upper_alice + ":0x74\"\nrw_users=" + a.alice + "\n");
+  files_.Write("m", Dir("d700"), "acl_mask=\"" + upper_alice + ":0x74\"\nrw_users=" + a.alice + "\n");
   std::shared_ptr<SDK::Share> s = SDK::GetShare("s");
   std::shared_ptr<SDK::Share> t = SDK::GetShare("t");
   std::shared_ptr<SDK::Share> f = SDK::GetShare("f");
@@ -267,89 +249,82 @@ class ShareAttributesTest : public ::testing::Test {
 };
 
 TEST_F(ShareAttributesTest, LookupFailures) {
-  EXPECT_EQ(nullptr, SDK::GetShare("absent"));
-  EXPECT_EQ(nullptr, SDK::GetShare("../../etc/passwd"));
-  EXPECT_EQ(nullptr, SDK::GetShare(""));
-  files_.dir.Write("etc/vesta/shares/nopath.conf", "uuid=1\n");
-  EXPECT_EQ(nullptr, SDK::GetShare("nopath"));
-  EXPECT_EQ(nullptr, Make("/volume1/a", "indexed=perhaps\n"));
-  EXPECT_EQ(nullptr, Make("relative/a", ""));
-  files_.dir.Write("etc/vesta/shares/bad.conf", "path=/volume1/a\nnot a pair\n");
-  EXPECT_EQ(nullptr, SDK::GetShare("bad"));
-
+  for (const char* name : {"absent", "../../etc/passwd", ""}) EXPECT_EQ(nullptr, SDK::GetShare(name));
+  for (const char* text : {"uuid=1\n", "path=/volume1/a\nindexed=perhaps\n", "path=relative/a\n",
+                           "path=/volume1/a\nnot a pair\n"}) {
+    files_.dir.Write("etc/vesta/shares/x.conf", text);
+    EXPECT_EQ(nullptr, SDK::GetShare("x")) << text;
+  }
+  // A share without a record answers no, -1 or "" to everything.
   SDK::Share empty(nullptr);
-  EXPECT_FALSE(empty.IsValid());
-  EXPECT_FALSE(empty.IsAccessible());
-  EXPECT_FALSE(empty.IsMounted());
-  EXPECT_FALSE(empty.IsSyncable());
-  EXPECT_EQ(-1, empty.GetStatusFlags());
-  EXPECT_EQ(-1, empty.GetVersion());
-  EXPECT_EQ(-1, empty.GetPrivilege("root"));
-  EXPECT_EQ("", empty.GetName());
-  EXPECT_EQ("", empty.GetPath());
   std::string text;
-  EXPECT_EQ(-1, empty.GetUuid(&text));
-  EXPECT_EQ(-1, empty.GetBinPath(&text));
-  EXPECT_EQ(0, empty.GetUniqueKey(&text));
+  EXPECT_EQ((std::vector<int>{0, 0, 0, 0, -1, -1, -1, -1, -1, 0}),
+            (std::vector<int>{empty.IsValid(), empty.IsAccessible(), empty.IsMounted(),
+                              empty.IsSyncable(), empty.GetStatusFlags(), empty.GetVersion(),
+                              empty.GetPrivilege("root"), empty.GetUuid(&text),
+                              empty.GetBinPath(&text), empty.GetUniqueKey(&text)}));
+  EXPECT_EQ("", empty.GetName() + empty.GetPath());
 }
 
-TEST_F(ShareAttributesTest, StatusWordAndFlags) {
-  auto s = Make("/volume1/all",
-                "forbidden=yes\nindexed=true\nreadonly=1\ncold_storage=yes\nwindows_acl=yes\n"
-                "skip_privilege_check=yes\nrecycle_bin=yes\nrecycle_bin_admin_only=yes\n");
-  ASSERT_TRUE(s);
-  EXPECT_EQ(0x8 | 0x20 | 0x4000 | 0x20000, s->GetStatusFlags());
-  EXPECT_TRUE(s->IsForbidden() && s->IsIndexed() && s->IsReadOnly() && s->IsColdStorage());
-  EXPECT_TRUE(s->IsSharePrivilegeDisabled() && s->IsShareRecycleBinEnabled() &&
-              s->IsShareRecyceAdminOnly());
-  EXPECT_FALSE(s->IsReserved());
-  EXPECT_EQ(5, s->GetVersion());
-  EXPECT_EQ("a", s->GetName());
-  EXPECT_EQ("/volume1/all", s->GetPath());
-
-  auto plain = Make("/volume1/plain", "recycle_bin=sometimes\n");
-  ASSERT_TRUE(plain);
-  EXPECT_EQ(0, plain->GetStatusFlags());
-  EXPECT_FALSE(plain->IsForbidden() || plain->IsIndexed() || plain->IsReadOnly() ||
-               plain->IsColdStorage() || plain->IsSharePrivilegeDisabled());
-  EXPECT_FALSE(plain->IsShareRecycleBinEnabled());  // malformed: logged, false
-  EXPECT_EQ(4, plain->GetVersion());
+// Every yes/no answer of a share, one letter each, "-" for no.
+std::string Answers(const SDK::Share& s) {
+  const bool answers[] = {s.IsEncryption(), s.IsMounted(), s.IsAccessible(), s.IsOnUsb(),
+                          s.IsOnSata(), s.IsSyncable(), s.IsInternalUnencrypted(), s.IsGluster(),
+                          s.IsForbidden(), s.IsIndexed(), s.IsReadOnly(), s.IsColdStorage(),
+                          s.IsSharePrivilegeDisabled(), s.IsShareRecycleBinEnabled(),
+                          s.IsShareRecyceAdminOnly(), s.IsReadOnlyByReplica(), s.IsReserved()};
+  std::string out;
+  for (size_t i = 0; i < sizeof(answers); ++i) out += answers[i] ? "EMAUSYIGFNRCPBODX"[i] : '-';
+  return out;
 }
 
-TEST_F(ShareAttributesTest, EncryptionAndPlacement) {
-  auto locked = Make("/volume1/secret", "encrypted=yes\nlocked=yes\n");
-  auto open = Make("/volume1/secret", "encrypted=yes\nlocked=no\n");
-  auto plain = Make("/volume1/plain", "locked=yes\n");  // locked means nothing unencrypted
-  auto usb = Make("/volumeUSB1/usbshare", "");
-  auto sata = Make("/volumeSATA1/disk", "");
-  auto gluster = Make("/volume1/g", "gluster=yes\n");
-  ASSERT_TRUE(locked && open && plain && usb && sata && gluster);
-
-  EXPECT_TRUE(locked->IsEncryption());
-  EXPECT_FALSE(locked->IsMounted());
-  EXPECT_FALSE(locked->IsAccessible());
-  EXPECT_TRUE(open->IsMounted() && open->IsAccessible());
-  EXPECT_FALSE(plain->IsEncryption());
-  EXPECT_TRUE(plain->IsMounted() && plain->IsAccessible());
-
-  EXPECT_TRUE(usb->IsOnUsb() && !usb->IsOnSata());
-  EXPECT_TRUE(sata->IsOnSata() && !sata->IsOnUsb());
-  EXPECT_FALSE(usb->IsSyncable());
-  EXPECT_TRUE(sata->IsSyncable());
-  EXPECT_TRUE(plain->IsInternalUnencrypted());
-  EXPECT_FALSE(open->IsInternalUnencrypted());
-  EXPECT_FALSE(usb->IsInternalUnencrypted());
-  EXPECT_FALSE(sata->IsInternalUnencrypted());
-  EXPECT_FALSE(gluster->IsInternalUnencrypted());
-  EXPECT_TRUE(gluster->IsGluster());
-}
-
-TEST_F(ShareAttributesTest, SyncableShares) {
+TEST_F(ShareAttributesTest, EveryAnswerOfEachKindOfShare) {
   const std::string table = files_.dir.Write(
       "mounts",
       "/dev/md2 /volume1 ext4 rw 0 0\n"
       "/dev/md2 /volume1/photo/#snapshot/GMT+00-2024 ext4 ro 0 0\n"
       "/dev/md2 /volume1/photo2#snapshot ext4 ro 0 0\n");
+  const struct {
+    const char* path;
+    const char* keys;
+    const char* answers;  // E M A U S Y I G F N R C P B O D X, as in Answers
+  } kShares[] = {
+      {"/volume1/all",
+       "forbidden=yes\nindexed=true\nreadonly=1\ncold_storage=yes\nwindows_acl=yes\n"
+       "skip_privilege_check=yes\nrecycle_bin=yes\nrecycle_bin_admin_only=yes\n",
+       "-MA---I-FNRCPBO--"},
+      // Locked means nothing unencrypted; a malformed value is no.
+      {"/volume1/plain", "recycle_bin=sometimes\nlocked=yes\n", "-MA--YI----------"},
+      {"/volume1/secret", "encrypted=yes\nlocked=yes\n", "E----Y-----------"},
+      {"/volume1/secret", "encrypted=yes\nlocked=no\n", "EMA--Y-----------"},
+      {"/volumeUSB1/usbshare", "", "-MAU-------------"},
+      {"/volumeSATA1/disk", "", "-MA-SY-----------"},
+      {"/volume1/g", "gluster=yes\n", "-MA--Y-G---------"},
+      // A snapshot mounted below the folder stops it, unless encrypted.
+      {"/volume1/photo", "", "-MA---I----------"},
+      {"/volume1/photo", "encrypted=yes\n", "EMA--Y-----------"},
+      {"/volume1/photo2", "", "-MA--YI----------"},  // the snapshot is not below it
+      {"/volume1/music", "forbidden=yes\n", "-MA---I-F--------"},
+      // Read-only set by replication stops it too.
+      {"/volume1/music", "readonly=yes\nreadonly_registered_by=backup,share_replica_demote\n",
+       "-MA---I---R----D-"},
+      {"/volume1/music", "readonly=yes\nreadonly_registered_by=dkos\n", "-MA---I---R----D-"},
+      {"/volume1/music", "readonly=yes\nreadonly_registered_by=backup\n", "-MA--YI---R------"},
+      {"/volume1/music", "readonly_registered_by=dkos\n", "-MA--YI----------"},
+  };
+  for (const auto& c : kShares) {
+    auto s = Make(c.path, c.keys, table);
+    ASSERT_TRUE(s) << c.keys;
+    EXPECT_EQ(c.answers, Answers(*s)) << c.path << ": " << c.keys;
+  }
+  auto all = Make("/volume1/all", "forbidden=yes\nindexed=1\nreadonly=1\ncold_storage=1\nwindows_acl=1\n");
+  EXPECT_EQ(0x8 | 0x20 | 0x4000 | 0x20000, all->GetStatusFlags());
+  EXPECT_EQ(5, all->GetVersion());
+  EXPECT_EQ("a", all->GetName());
+  auto plain = Make("/volume1/plain", "");
+  EXPECT_EQ(0, plain->GetStatusFlags());
+  EXPECT_EQ(4, plain->GetVersion());
+
   // One folder, however its path is written: same path, same encryption
   // path, same snapshot search.
   for (const char* path : {"/volume1/photo", "/volume1/photo/", "/volume1//photo/."}) {
@@ -363,20 +338,9 @@ TEST_F(ShareAttributesTest, SyncableShares) {
     ZEPHShareFree(raw);
     EXPECT_STREQ("/volume1/@photo", enc) << path;
   }
-  EXPECT_TRUE(Make("/volume1/photo", "encrypted=yes\n", table)->IsSyncable());
-  EXPECT_TRUE(Make("/volume1/photo2", "", table)->IsSyncable());  // not below the path
-  EXPECT_FALSE(Make("/volume1/music", "forbidden=yes\n", table)->IsSyncable());
-
-  auto replica = Make("/volume1/music", "readonly=yes\nreadonly_registered_by=backup,share_replica_demote\n");
-  EXPECT_TRUE(replica->IsReadOnlyByReplica());
-  EXPECT_FALSE(replica->IsSyncable());
+  auto replica = Make("/volume1/music", "readonly_registered_by=backup,share_replica_demote\n");
   EXPECT_TRUE(replica->IsShareReadOnlyRegisteredBy("backup"));
   EXPECT_FALSE(replica->IsShareReadOnlyRegisteredBy("share_replica"));
-  EXPECT_TRUE(Make("/volume1/music", "readonly=yes\nreadonly_registered_by=dkos\n")->IsReadOnlyByReplica());
-  auto other = Make("/volume1/music", "readonly=yes\nreadonly_registered_by=backup\n");
-  EXPECT_FALSE(other->IsReadOnlyByReplica());
-  EXPECT_TRUE(other->IsSyncable());
-  EXPECT_FALSE(Make("/volume1/music", "readonly_registered_by=dkos\n")->IsReadOnlyByReplica());
 }
 
 TEST_F(ShareAttributesTest, PathsUuidAndKey) {
@@ -415,6 +379,56 @@ TEST_F(ShareAttributesTest, PathsUuidAndKey) {
   if (ret == 0) {
     EXPECT_EQ(direct.mount_point_path, map.Lookup("mount_point_path").AsString());
   }
+}
+
+// The platform calls' refusals, each with its own error code.
+TEST_F(ShareAttributesTest, PlatformCallsFailWithTheirCode) {
+  files_.Write("p", "/volume1/photo", "default_key_file=" + files_.dir.Write("short", "abc") + "\n");
+  files_.Write("deep", "/volume1/a/b", "");
+  files_.Write("gone", "/volume1/g", "default_key_file=" + files_.dir.File("gone") + "\n");
+  files_.Write("relative", "volume1/a", "");
+  files_.dir.Write("etc/vesta/shares/broken.conf", "path=/volume1/x\nnot a pair\n");
+  ZephShare* raw = nullptr;
+  ASSERT_EQ(0, ZEPHShareGet("p", &raw));
+  ShareRecord p(raw);
+  ASSERT_EQ(0, ZEPHShareGet("deep", &raw));
+  ShareRecord deep(raw);
+  char buf[64];
+  const struct {
+    std::function<int()> call;
+    int code;
+  } kCalls[] = {
+      {[&] { return ZEPHShareGet("p", nullptr); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareGet("../p", &raw); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareGet("absent", &raw); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareGet("broken", &raw); }, KLIB_ERR_FILE},
+      {[&] { return ZEPHShareGet("relative", &raw); }, KLIB_ERR_BAD_VALUE},
+      {[&] { return KLIBIsGlusterShare(nullptr); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return KLIBShareEncryptPathGet(nullptr, buf, 64); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return KLIBShareEncryptPathGet(p.get(), nullptr, 64); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return KLIBShareEncryptPathGet(p.get(), buf, 15); }, KLIB_ERR_BUFFER_TOO_SMALL},
+      {[&] { return KLIBShareEncryptPathGet(deep.get(), buf, 64); }, KLIB_ERR_NO_SUCH_KEY},
+      {[&] { return ZEPHShareAttrReadOnlyIsRegBy("p", nullptr); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareAttrReadOnlyIsRegBy("absent", "x"); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareBinPathGet("absent", buf, 64); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareBinPathGet("p", buf, 23); }, KLIB_ERR_BUFFER_TOO_SMALL},
+      {[&] { return ZEPHShareUuidGet("absent", buf, 64); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareUuidGet("p", buf, 64); }, KLIB_ERR_NO_SUCH_KEY},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("p", nullptr, 64); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("absent", buf, 64); }, KLIB_ERR_NO_SUCH_SHARE},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("relative", buf, 64); }, KLIB_ERR_BAD_VALUE},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("p", buf, 64); }, KLIB_ERR_FILE},  // too short
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("deep", buf, 64); }, KLIB_ERR_NO_SUCH_KEY},
+      {[&] { return ZEPHShareEncDefaultKeyFileRead("gone", buf, 64); }, KLIB_ERR_FILE},  // missing
+      {[&] { return ZEPHShareUserPrivCalc("root", "absent"); }, KLIB_ERR_NO_SUCH_SHARE},
+  };
+  for (size_t i = 0; i < sizeof(kCalls) / sizeof(kCalls[0]); ++i) {
+    KLIB_SET_ERR(KLIB_ERR_NONE);
+    EXPECT_EQ(-1, kCalls[i].call()) << "call " << i;
+    EXPECT_EQ(kCalls[i].code, KLIBErrCodeGet()) << "call " << i;
+  }
+  EXPECT_EQ(0, KLIBShareEncryptPathGet(p.get(), buf, 16));
+  EXPECT_STREQ("/volume1/@photo", buf);
 }
 
 TEST_F(ShareAttributesTest, OperationsWaitForThePlatformLock) {

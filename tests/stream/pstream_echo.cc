@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "net/channel.h"
@@ -38,16 +37,11 @@ void Serve(int fd, const std::string& binary_dir) {
   PStream in;
   in.SetBinaryDir(binary_dir);
   in.SetDefaultHashAlgo("sha256");
-  int rc = in.Recv(&channel, &value);
-  PObject reply;
-  if (rc != 0) {
-    reply["error"] = rc;
-  } else {
-    RewindFiles(&value);
-    reply = std::move(value);
-  }
-  PStream out;
-  out.Send(&channel, reply);
+  const int rc = in.Recv(&channel, &value);
+  RewindFiles(&value);
+  PObject error;
+  error["error"] = rc;
+  PStream().Send(&channel, rc == 0 ? value : error);
 }
 
 }  // namespace
@@ -58,10 +52,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof(addr));
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, argv[1], sizeof(addr.sun_path) - 1);
+  struct sockaddr_un addr = {AF_UNIX, {}};
+  snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", argv[1]);
   unlink(argv[1]);
   if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
       listen(listener, 16) != 0) {

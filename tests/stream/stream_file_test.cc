@@ -21,14 +21,24 @@
 
 namespace {
 
-const bool kSigpipeIgnored = net_io_test::IgnoreSigpipe();
-
 int Entries(const std::string& dir) {
   int n = -2;  // "." and ".."
   DIR* d = opendir(dir.c_str());
   while (readdir(d) != nullptr) ++n;
   closedir(d);
   return n;
+}
+
+// The JSON text of `value` with each fresh (8-character) name below `dir`
+// as "NEW".
+std::string Fresh(const PObject& value, const std::string& dir) {
+  std::string json = ToJson(value);
+  const std::string prefix = dir + "/";
+  for (size_t at = 0; (at = json.find(prefix, at)) != std::string::npos; at += prefix.size()) {
+    if (json.compare(at + prefix.size() + 8, 1, "\"") == 0)
+      json.replace(at + prefix.size(), 8, "NEW");
+  }
+  return json;
 }
 
 class PStreamFileTest : public ::testing::Test {
@@ -47,10 +57,7 @@ class PStreamFileTest : public ::testing::Test {
 TEST_F(PStreamFileTest, BinariesTravelAsTheirBytesAndLandUnderFreshNames) {
   std::string content(300, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i);
-  PObject::binary_ex_type ex;
-  ex.path = dir_.Write("hello", "hello world\n");
-  ex.length = 12;
-  ex.hash_algo = "sha256";
+  PObject::binary_ex_type ex{dir_.Write("hello", "hello world\n"), 0, 12, "sha256", "", ""};
   PObject value;
   value.MutableArray().emplace_back(PObject::binary_type{100, 50, dir_.Write("source", content)});
   value.MutableArray().emplace_back(ex);
@@ -87,25 +94,16 @@ TEST_F(PStreamFileTest, BinariesTravelAsTheirBytesAndLandUnderFreshNames) {
   in.SetDefaultHashAlgo("sha256");
   PObject got;
   ASSERT_EQ(0, in.Recv(&receiver_, &got));
-  ASSERT_EQ(2u, got.AsArray().size());
-  const PObject::binary_type& b = got.AsArray()[0].AsBinary();
-  const std::string prefix = dir_.File("x") + "/";
-  EXPECT_EQ(prefix.size() + 8, b.path.size());
-  EXPECT_EQ(prefix, b.path.substr(0, prefix.size()));
-  EXPECT_EQ(50u, b.offset);
-  EXPECT_EQ(50u, b.length);
-  EXPECT_EQ(content.substr(100, 50), ReadFile(b.path));
-  struct stat st;
-  ASSERT_EQ(0, stat(b.path.c_str(), &st));
-  EXPECT_EQ(0644u, st.st_mode & 0777);
-  const PObject::binary_ex_type& r = got.AsArray()[1].AsBinaryEx();
-  EXPECT_EQ(digest, r.send_hash);
-  EXPECT_EQ(digest, r.recv_hash);
-  EXPECT_EQ("sha256", r.hash_algo);
-  EXPECT_EQ(12u, r.length);
-  EXPECT_EQ(prefix, r.path.substr(0, prefix.size()));
-  EXPECT_EQ("hello world\n", ReadFile(r.path));
-  for (const std::string& old : leftovers) EXPECT_EQ("old", ReadFile(old));
+  const std::string x = dir_.File("x");
+  EXPECT_EQ(R"([{"offset": 50, "length": 50, "path": ")" + x + R"(/NEW"}, {"offset": 12, )" +
+                R"("length": 12, "path": ")" + x + R"(/NEW", "send_hash": ")" + digest +
+                R"(", "recv_hash": ")" + digest + R"(", "hash_algo": "sha256"}])",
+            Fresh(got, x));
+  const std::string& b = got.AsArray()[0].AsBinary().path;
+  EXPECT_EQ(content.substr(100, 50), ReadFile(b));
+  EXPECT_EQ("hello world\n", ReadFile(got.AsArray()[1].AsBinaryEx().path));
+  EXPECT_EQ("-rw-r--r--\n", RunCommand("stat -c %A '" + b + "'"));
+  EXPECT_EQ("oldold", ReadFile(leftovers[0]) + ReadFile(leftovers[1]));
 
   // Without any digest the hash travels empty; discarded bytes go by,
   // undigested.
@@ -115,10 +113,9 @@ TEST_F(PStreamFileTest, BinariesTravelAsTheirBytesAndLandUnderFreshNames) {
   plain.SetDiscardBinaries(true);
   plain.SetDefaultHashAlgo("sha256");
   ASSERT_EQ(0, plain.Recv(&receiver_, &got));
-  EXPECT_EQ("", got.AsBinaryEx().send_hash);
-  EXPECT_EQ("", got.AsBinaryEx().recv_hash);
-  EXPECT_EQ("/dev/null", got.AsBinaryEx().path);
-  EXPECT_EQ(12u, got.AsBinaryEx().length);
+  EXPECT_EQ(R"({"offset": 12, "length": 12, "path": "/dev/null", "send_hash": "", )"
+            R"("recv_hash": "", "hash_algo": "sha256"})",
+            ToJson(got));
 }
 
 // A binary resumed into the file its target names, and a binary_ex under a
@@ -128,19 +125,19 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
   const int open_files = Entries("/proc/self/fd");
   const uint64_t size = (2 << 20) + 3, cut = 123457;
   const std::string source = dir_.File("source"), partial = dir_.File("partial");
-  net_io_test::MakeFile(source, size);
+  dir_.Write("source", net_io_test::Pattern(size));
   RunCommand("head -c " + std::to_string(cut) + " '" + source + "' > '" + partial + "'");
   PObject value;
   value["a"] = PObject::binary_type{cut, size - cut, source};
-  value["b"].MutableBinaryEx().path = source;
-  value["b"].MutableBinaryEx().length = size;
+  value["b"] = PObject::binary_ex_type{source, 0, size, "", "", ""};
   PObject got;
   got["a"] = PObject::binary_type{cut, 0, partial};
   PStream in;
   in.SetBinaryDir(dir_.path());
   in.SetDefaultHashAlgo("sha256");
   std::vector<std::pair<uint64_t, uint64_t>> progress;
-  in.SetProgressCallback([&](uint64_t done, uint64_t total) { progress.emplace_back(done, total); });
+  in.SetProgressCallback(
+      [&](uint64_t done, uint64_t total) { progress.emplace_back(done, total); });
   int send_rc = -100;
   std::thread sender([&] {
     PStream out;
@@ -151,16 +148,14 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
   sender.join();
   EXPECT_EQ(0, send_rc);
   const std::string digest = net_io_test::Sha256Of(source);
-  const PObject::binary_type& a = got.Lookup("a").AsBinary();
-  EXPECT_EQ(partial, a.path);
-  EXPECT_EQ(size, a.offset);
-  EXPECT_EQ(size, a.length);
-  EXPECT_EQ(digest, net_io_test::Sha256Of(partial));
-  const PObject::binary_ex_type& b = got.Lookup("b").AsBinaryEx();
-  EXPECT_EQ(digest, b.send_hash);
-  EXPECT_EQ(digest, b.recv_hash);
-  EXPECT_EQ(digest, net_io_test::Sha256Of(b.path));
-  EXPECT_EQ(size, b.length);
+  const std::string n = std::to_string(size);
+  EXPECT_EQ(R"({"a": {"offset": )" + n + R"(, "length": )" + n + R"(, "path": ")" + partial +
+                R"("}, "b": {"offset": )" + n + R"(, "length": )" + n + R"(, "path": ")" +
+                dir_.path() + R"(/NEW", "send_hash": ")" + digest + R"(", "recv_hash": ")" +
+                digest + R"(", "hash_algo": "sha256"}})",
+            Fresh(got, dir_.path()));
+  EXPECT_EQ(digest + digest, net_io_test::Sha256Of(partial) +
+                                 net_io_test::Sha256Of(got.Lookup("b").AsBinaryEx().path));
   EXPECT_EQ(2, std::count(progress.begin(), progress.end(), std::make_pair(size, size)));
   uint64_t done = 1, total = 1;
   in.GetProgress(&done, &total);
@@ -212,12 +207,11 @@ TEST_F(PStreamFileTest, SenderProgressCountsFileBytesUpToTheLastPiece) {
 TEST_F(PStreamFileTest, DigestOfABinaryExIsClearedAfterIt) {
   // The stream's own binary digest is not put back after a binary_ex: the
   // plain binary that follows is not digested.
-  PObject::binary_ex_type ex;
-  ex.path = dir_.Write("first", "hello world\n");
-  ex.length = 12;
+  PObject::binary_ex_type ex{dir_.Write("first", "hello world\n"), 0, 12, "", "", ""};
   PObject value;
   value.MutableArray().emplace_back(ex);
-  value.MutableArray().emplace_back(PObject::binary_type{0, 12, dir_.Write("second", "another file")});
+  value.MutableArray().emplace_back(
+      PObject::binary_type{0, 12, dir_.Write("second", "another file")});
   PStream out;
   out.SetDefaultHashAlgo("md5");
   ASSERT_EQ(0, out.Send(&sender_, value));
@@ -231,33 +225,32 @@ TEST_F(PStreamFileTest, DigestOfABinaryExIsClearedAfterIt) {
 }
 
 TEST_F(PStreamFileTest, SendFailuresAndMissingArguments) {
-  LogCapture log(dir_);
+  LogCapture log(dir_, "");
   const std::string source = dir_.Write("s", "abc");
-  PObject::binary_ex_type ex;
-  ex.path = source;
-  ex.length = 3;
-  ex.hash_algo = "no-such-digest";
+  PObject::binary_ex_type ex{source, 0, 3, "no-such-digest", "", ""};
   PObject missing;
   missing["f"].MutableBinaryEx().path = dir_.File("missing");
   const struct {
     PObject value;
     bool to_stream;
     int rc;
-    const char* message;
+    std::string log;
   } kCases[] = {
-      {missing, false, -1, "Error stack: f.binary\n"},
-      {PObject(ex), false, -1, "failed to initial channel hashing 'no-such-digest'\n"},
+      {missing, false, -1,
+       "ERROR open(" + dir_.File("missing") + ") error\nERROR Error stack: f.binary\n"},
+      {PObject(ex), false, -1,
+       "ERROR failed to initial channel hashing 'no-such-digest'\nERROR Error stack: binary\n"},
       {PObject(PObject::binary_type{0, 3, source}), true, -2,
-       "ostream not supported send binary file.\n"},
+       "ERROR ostream not supported send binary file.\nERROR Error stack: \n"},
   };
   for (const auto& c : kCases) {
     std::string bytes;
-    EXPECT_EQ(c.rc, c.to_stream ? EncodeToString(c.value, &bytes) : PStream().Send(&sender_, c.value));
-    EXPECT_NE(std::string::npos, log.Messages().find(c.message)) << c.message;
+    EXPECT_EQ(c.rc,
+              c.to_stream ? EncodeToString(c.value, &bytes) : PStream().Send(&sender_, c.value));
+    EXPECT_EQ(c.log, log.Take());
   }
-  EXPECT_NE(std::string::npos, log.Messages().find("open(" + dir_.File("missing") + ") error\n"));
   EXPECT_EQ(-1, PStream().Send(static_cast<Channel*>(nullptr), PObject()));
-  EXPECT_NE(std::string::npos, log.Messages().find("shouldn't reach here.\n"));
+  EXPECT_EQ("CRIT shouldn't reach here.\n", log.Take());
   std::istringstream none(Hex("00 00"));
   EXPECT_EQ(-1, PStream().Recv(&none, nullptr));
   EXPECT_EQ(-1, PStream().Recv(&receiver_, nullptr));
@@ -277,9 +270,7 @@ TEST_F(PStreamFileTest, SendFailuresAndMissingArguments) {
 // file goes -- but never a file it did not make.
 TEST_F(PStreamFileTest, FailedReceivesLeaveWhatArrivedAndNothingElse) {
   const std::string kept = dir_.Write("kept", "received before");
-  PObject::binary_ex_type named;
-  named.path = kept;
-  named.offset = named.length = 15;
+  PObject::binary_ex_type named{kept, 15, 15, "", "", ""};
   const std::string ex_head = Hex("43") + WireString("binary");
   const struct {
     PObject target;
@@ -290,12 +281,11 @@ TEST_F(PStreamFileTest, FailedReceivesLeaveWhatArrivedAndNothingElse) {
     uint64_t min_size, max_size;  // of the file a binary target names afterwards
     int files;                    // left in the binary directory
   } kCases[] = {
-      {PObject(), "", 8 << 20, (3 << 20) + 5, RLIM_INFINITY, -2, (3 << 20) + 5,
-       (3 << 20) + 5, 1},
-      {PObject(PObject::binary_type{0, 0, dir_.File("limited")}), "", 4 << 20, 4 << 20, 1 << 20,
-       -7, 0, 1 << 20, 0},
-      {PObject(PObject::binary_type{0, 0, "/dev/full"}), "", 1 << 20, 1 << 20, RLIM_INFINITY, -4,
-       0, 0, 0},
+      {PObject(), "", 8 << 20, (3 << 20) + 5, RLIM_INFINITY, -2, (3 << 20) + 5, (3 << 20) + 5, 1},
+      {PObject(PObject::binary_type{0, 0, dir_.File("limited")}), "", 4 << 20, 4 << 20, 1 << 20, -7,
+       0, 1 << 20, 0},
+      {PObject(PObject::binary_type{0, 0, "/dev/full"}), "", 1 << 20, 1 << 20, RLIM_INFINITY, -4, 0,
+       0, 0},
       {PObject(PObject::binary_ex_type()), ex_head, 1 << 20, 100000, RLIM_INFINITY, -2, 0, 0, 0},
       {PObject(named), ex_head, 1 << 20, 100000, RLIM_INFINITY, -2, 0, 0, 0},
   };
@@ -305,7 +295,8 @@ TEST_F(PStreamFileTest, FailedReceivesLeaveWhatArrivedAndNothingElse) {
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
     std::thread peer([&] {
       std::string bytes = c.head + Hex("30") + std::string(8, '\0') + std::string(c.sent, 'z');
-      for (int i = 0; i < 8; ++i) bytes[c.head.size() + 1 + i] = static_cast<char>(c.announced >> (56 - 8 * i));
+      for (int i = 0; i < 8; ++i)
+        bytes[c.head.size() + 1 + i] = static_cast<char>(c.announced >> (56 - 8 * i));
       for (size_t done = 0; done < bytes.size();) {
         ssize_t n = write(sv[1], bytes.data() + done, bytes.size() - done);
         if (n <= 0) break;

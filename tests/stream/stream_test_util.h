@@ -1,5 +1,5 @@
 // Helpers of the encoding tests: bytes from hex, values through standard
-// streams and through a Channel on a socket pair, and the log read back.
+// streams and through a Channel on a socket pair.
 #ifndef VESTA_TESTS_STREAM_STREAM_TEST_UTIL_H_
 #define VESTA_TESTS_STREAM_STREAM_TEST_UTIL_H_
 
@@ -9,11 +9,11 @@
 #include <sstream>
 #include <string>
 
-#include "log/logger.h"
 #include "net/channel.h"
 #include "stream/PObject.h"
 #include "stream/stream.h"
-#include "tests/common/temp_dir.h"
+#include "tests/common/log_capture.h"
+#include "tests/common/shell.h"
 
 // "42 10 00 01 61" -> the bytes.
 inline std::string Hex(const std::string& text) {
@@ -74,36 +74,5 @@ inline int DecodeThroughChannel(const std::string& bytes, PObject* value,
   PStream local;
   return (stream != nullptr ? stream : &local)->Recv(&channel, value);
 }
-
-// Sends the logger's output to a file below `dir` for the life of the object.
-class LogCapture {
- public:
-  explicit LogCapture(const TempDir& dir, int stream_level = LOG_LEVEL_WARNING)
-      : path_(dir.File("test.log")) {
-    Logger::Init(Logger::kFile, path_, "", 2, 0);
-    Logger::log_level["stream"] = stream_level;
-  }
-  ~LogCapture() {
-    Logger::Shutdown();
-    Logger::log_level.erase("stream");
-  }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  // The texts after the "(pid:tid) [LEVEL] file(line): " prefix, one a line.
-  std::string Messages() const {
-    fflush(Logger::log_fp);
-    std::istringstream in(ReadFile(path_));
-    std::string out;
-    for (std::string line; std::getline(in, line);) {
-      size_t cut = line.find("): ");
-      out += (cut == std::string::npos ? line : line.substr(cut + 3)) + "\n";
-    }
-    return out;
-  }
-
- private:
-  std::string path_;
-};
 
 #endif  // VESTA_TESTS_STREAM_STREAM_TEST_UTIL_H_
