@@ -104,19 +104,26 @@ TEST(PStreamTest, KeyRuleStringCutAndIntegerWidthsOnInput) {
   ASSERT_EQ(0, EncodeToString(PObject(longest), &bytes) + DecodeFromString(bytes, &back));
   EXPECT_EQ(longest, back.AsString());
 
-  // Widths the writer never picks are still read.
+  // Widths the writer never picks are still read, also where the window
+  // holds the value whole (in an array, a short scalar, a plain member).
+  const std::string text(16, 't');
   const struct {
-    const char* hex;
-    int64_t value;
-  } kInputs[] = {{"01 00", 0},
-                 {"01 02 00 05", 5},
-                 {"01 03 01 00 00", 65536},
-                 {"01 08 00 00 00 00 00 00 00 07", 7},
-                 {"01 08 ff ff ff ff ff ff ff fe", -2}};
+    std::string bytes;
+    std::string json;
+  } kInputs[] = {{Hex("01 00"), "0"},
+                 {Hex("01 02 00 05"), "5"},
+                 {Hex("01 03 01 00 00"), "65536"},
+                 {Hex("01 08 00 00 00 00 00 00 00 07"), "7"},
+                 {Hex("01 08 ff ff ff ff ff ff ff fe"), "-2"},
+                 {Hex("41 01 00 01 00 01 01 09 01 00 40"), "[0, 0, 9, 0]"},
+                 {Hex("41 01 00") + WireString(text) + Hex("40"), "[0, \"" + text + "\"]"},
+                 {Hex("42") + WireString("a") + Hex("01 00") + WireString("b") +
+                      WireString(text + text) + Hex("40"),
+                  "{\"a\": 0, \"b\": \"" + text + text + "\"}"}};
   for (const auto& in : kInputs) {
-    PObject value("previous");
-    ASSERT_EQ(0, DecodeFromString(Hex(in.hex), &value)) << in.hex;
-    EXPECT_EQ(PObject(in.value), value) << in.hex;
+    PObject value("previous"), from_channel;
+    ASSERT_EQ(0, DecodeFromString(in.bytes, &value) + DecodeThroughChannel(in.bytes, &from_channel));
+    EXPECT_EQ(in.json + in.json, ToJson(value) + ToJson(from_channel));
   }
 }
 
