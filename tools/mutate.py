@@ -25,6 +25,8 @@ import sys
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+# Survivors read and found to change nothing the program does, each with why.
+EQUIVALENT = os.path.join(ROOT, "tools", "mutate-equivalent.txt")
 DAEMON = "vesta-monitor"
 
 # Area: gtest binaries (each brings all its ctest entries), tests run through
@@ -259,8 +261,17 @@ class Area:
         return rc
 
 
+def equivalents():
+    """{(file, stripped line, change)} of the listed equivalent mutants."""
+    if not os.path.exists(EQUIVALENT):
+        return set()
+    with open(EQUIVALENT) as f:
+        rows = [line.split(" | ") for line in f if line.strip() and not line.startswith("#")]
+    return {tuple(r[:3]) for r in rows}
+
+
 def mutate_file(path, args):
-    """(caught, viable, survivors), or None when the clean tree fails."""
+    """(caught, viable, survivors, equivalent), or None when the clean tree fails."""
     area, full = Area(path, args), os.path.join(ROOT, path)
     backup = os.path.join(args.build, "mutate-backup", path)
     with open(full) as f:
@@ -276,7 +287,7 @@ def mutate_file(path, args):
     timeout = args.timeout or 3 * (time.monotonic() - t0) + 60
     os.makedirs(os.path.dirname(backup), exist_ok=True)
     shutil.copyfile(full, backup)
-    caught, viable, survivors = 0, 0, []
+    caught, viable, survivors, equivalent, known = 0, 0, [], 0, equivalents()
     try:
         for i, (no, line, new, what) in enumerate(chosen, 1):
             lines = original.split("\n")
@@ -288,6 +299,8 @@ def mutate_file(path, args):
                 verdict = "not viable"
             elif area.test(timeout) != 0:  # a time-out (None) too
                 verdict, viable, caught = "caught", viable + 1, caught + 1
+            elif (path, line.strip(), what) in known:  # only a survivor is excused
+                verdict, equivalent = "equivalent", equivalent + 1
             else:
                 verdict, viable = "survived", viable + 1
                 survivors.append((no, line.strip(), what))
@@ -297,7 +310,7 @@ def mutate_file(path, args):
         with open(full, "w") as f:
             f.write(original)
         os.remove(backup)
-    return caught, viable, survivors
+    return caught, viable, survivors, equivalent
 
 
 def main():
@@ -337,9 +350,9 @@ def main():
         if result is None:
             print("%s: not measured" % path)
             continue
-        caught, viable, survivors = result
-        print("%s: caught %d / %d viable (%.0f%%), %d survived" % (
-            path, caught, viable, 100.0 * caught / max(viable, 1), len(survivors)))
+        caught, viable, survivors, equivalent = result
+        print("%s: caught %d / %d viable (%.0f%%), %d survived, %d equivalent" % (
+            path, caught, viable, 100.0 * caught / max(viable, 1), len(survivors), equivalent))
         for no, line, what in survivors:
             print("  %s:%d %s -> %s" % (path, no, line, what))
 
