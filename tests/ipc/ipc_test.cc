@@ -18,37 +18,31 @@
 
 namespace {
 
-bool IsSocket(const std::string& path, mode_t* mode = nullptr) {
+// "-" when nothing is there, else "socket " or "file " and the mode bits.
+std::string What(const std::string& path) {
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return false;
-  if (mode != nullptr) *mode = st.st_mode & 07777;
-  return S_ISSOCK(st.st_mode);
-}
-
-bool Exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
+  if (lstat(path.c_str(), &st) != 0) return "-";
+  char mode[8];
+  snprintf(mode, sizeof(mode), "%o", st.st_mode & 07777);
+  return (S_ISSOCK(st.st_mode) ? "socket " : "file ") + std::string(mode);
 }
 
 // The server side of one exchange: wait for a connection, read its
-// request, answer with {"echo": request}.
-void ServeOne(IPCServer* server) {
+// request, answer with `reply`, by default {"echo": request}.
+void ServeOne(IPCServer* server, PObject reply = PObject()) {
   ASSERT_EQ(1, server->WaitForConnection());
   Channel channel;
   ASSERT_EQ(0, channel.Open(server->Accept(), false));
-  PObject request, reply;
+  PObject request;
   PStream in, out;
   ASSERT_EQ(0, in.Recv(&channel, &request));
-  reply["echo"] = request;
-  EXPECT_EQ(0, out.Send(&channel, reply));
+  if (reply.IsNull()) reply["echo"] = request;
+  out.Send(&channel, reply);
 }
 
 class IPCTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    path_ = dir_.File("monitor.sock");
-    Logger::Init(Logger::kFile, dir_.File("test.log"), "", 2, 0);
-  }
+  void SetUp() override { Logger::Init(Logger::kFile, dir_.File("test.log"), "", 2, 0); }
   void TearDown() override { Logger::Shutdown(); }
 
   std::string Log() {
@@ -57,24 +51,22 @@ class IPCTest : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::string path_;
+  const std::string path_ = dir_.File("monitor.sock");
 };
 
 TEST_F(IPCTest, ListenReplacesStaleFileAndCloseRemovesIt) {
   dir_.Write("monitor.sock", "left over by an earlier run");
   IPCServer server;
   ASSERT_EQ(0, server.Listen(path_, 8));
-  mode_t mode;
-  ASSERT_TRUE(IsSocket(path_, &mode));
-  EXPECT_EQ(0666u, mode);
+  EXPECT_EQ("socket 666", What(path_));
 
   // A second Listen fails and leaves the first socket alone.
   EXPECT_EQ(-1, server.Listen(dir_.File("other.sock"), 8));
-  EXPECT_FALSE(Exists(dir_.File("other.sock")));
-  EXPECT_TRUE(IsSocket(path_));
+  EXPECT_EQ("-", What(dir_.File("other.sock")));
+  EXPECT_EQ("socket 666", What(path_));
 
   server.Close();
-  EXPECT_FALSE(Exists(path_));
+  EXPECT_EQ("-", What(path_));
   EXPECT_EQ(-1, server.Accept());
   EXPECT_EQ(0, server.WaitForConnection());
   server.Close();  // harmless twice
@@ -84,7 +76,7 @@ TEST_F(IPCTest, ListenReplacesStaleFileAndCloseRemovesIt) {
     IPCServer again;
     ASSERT_EQ(0, again.Listen(path_, 1));
   }
-  EXPECT_FALSE(Exists(path_));
+  EXPECT_EQ("-", What(path_));
 }
 
 TEST_F(IPCTest, LongPathIsBoundUnderItsFirst107Bytes) {
@@ -96,8 +88,8 @@ TEST_F(IPCTest, LongPathIsBoundUnderItsFirst107Bytes) {
 
   IPCServer server;
   ASSERT_EQ(0, server.Listen(long_path, 4));
-  EXPECT_TRUE(IsSocket(bound));
-  EXPECT_FALSE(Exists(long_path));
+  EXPECT_EQ("socket 666", What(bound));
+  EXPECT_EQ("-", What(long_path));
 
   // A client reaches it under the cut name.
   std::thread client([&] {
@@ -110,7 +102,7 @@ TEST_F(IPCTest, LongPathIsBoundUnderItsFirst107Bytes) {
   client.join();
 
   server.Close();
-  EXPECT_FALSE(Exists(bound));
+  EXPECT_EQ("-", What(bound));
 }
 
 TEST_F(IPCTest, FailuresLeaveNothingBehindAndWaitsEnd) {
@@ -135,7 +127,7 @@ TEST_F(IPCTest, FailuresLeaveNothingBehindAndWaitsEnd) {
   EXPECT_LT(waited, 30.0);
 }
 
-TEST_F(IPCTest, ExchangeAndSendWithoutWaiting) {
+TEST_F(IPCTest, ExchangesWithAndWithoutWaiting) {
   IPCServer server;
   ASSERT_EQ(0, server.Listen(path_, 4));
 
@@ -186,27 +178,14 @@ TEST_F(IPCTest, ExchangeAndSendWithoutWaiting) {
   ASSERT_EQ(0, unlucky.Connect(path_));
   silent.join();
   EXPECT_EQ(-1, unlucky.Receive(&reply));
-}
 
-TEST_F(IPCTest, RepliesCarryingFilesAreRefused) {
-  IPCServer server;
-  ASSERT_EQ(0, server.Listen(path_, 4));
-  std::string file = dir_.Write("payload", "abc");
-  std::thread serve([&] {
-    ASSERT_EQ(1, server.WaitForConnection());
-    Channel channel;
-    ASSERT_EQ(0, channel.Open(server.Accept(), false));
-    PObject request;
-    PStream in;
-    ASSERT_EQ(0, in.Recv(&channel, &request));
-    PStream out;
-    out.Send(&channel, PObject(PObject::binary_type{0, 3, file}));
-  });
-  IPCSender sender;
-  ASSERT_EQ(0, sender.Connect(path_));
-  PObject reply;
-  EXPECT_EQ(-1, sender.SendRequest(PObject(1), true, &reply));
-  serve.join();
+  // A reply that carries a file is refused.
+  const std::string file = dir_.Write("payload", "abc");
+  std::thread binary([&] { ServeOne(&server, PObject(PObject::binary_type{0, 3, file})); });
+  IPCSender refused;
+  ASSERT_EQ(0, refused.Connect(path_));
+  EXPECT_EQ(-1, refused.SendRequest(PObject(1), true, &reply));
+  binary.join();
 }
 
 }  // namespace

@@ -212,19 +212,19 @@ TEST_F(PrivilegeTest, LoosePrivilegeAndGroups) {
   // Every read bit (0x74) is read, for both calculations; the mask's user
   // name matches without regard to case.
   files_.Write("m", Dir("d700"), "acl_mask=\"" + upper_alice + ":0x74\"\nrw_users=" + a.alice + "\n");
-  std::shared_ptr<SDK::Share> s = SDK::GetShare("s");
-  std::shared_ptr<SDK::Share> t = SDK::GetShare("t");
-  std::shared_ptr<SDK::Share> f = SDK::GetShare("f");
-  std::shared_ptr<SDK::Share> m = SDK::GetShare("m");
-  ASSERT_TRUE(s && t && f && m);
-  EXPECT_EQ(kRO, m->GetLoosePrivilege(a.alice));
-  EXPECT_EQ(kRO, m->GetPrivilege(a.alice));
-  EXPECT_EQ(kRW, s->GetLoosePrivilege(a.alice));
-  EXPECT_EQ(kRW, s->GetLoosePrivilege(a.owner));
-  EXPECT_EQ(kRO, t->GetLoosePrivilege(a.alice));
-  EXPECT_EQ(kNone, s->GetLoosePrivilege(a.bob));
-  EXPECT_EQ(kNone, f->GetLoosePrivilege(a.owner));
-  EXPECT_EQ(kNone, s->GetLoosePrivilege("vt-no-such-user"));
+  const struct {
+    const char* share;
+    std::string user;
+    int want;
+  } kCases[] = {{"m", a.alice, kRO},   {"s", a.alice, kRW}, {"s", a.owner, kRW},
+                {"t", a.alice, kRO},   {"s", a.bob, kNone}, {"f", a.owner, kNone},
+                {"s", "vt-no-such-user", kNone}};
+  for (const auto& c : kCases) {
+    std::shared_ptr<SDK::Share> share = SDK::GetShare(c.share);
+    ASSERT_TRUE(share) << c.share;
+    EXPECT_EQ(c.want, share->GetLoosePrivilege(c.user)) << c.share << " " << c.user;
+  }
+  EXPECT_EQ(kRO, SDK::GetShare("m")->GetPrivilege(a.alice));
 
   KlibSzList* groups = nullptr;
   ASSERT_EQ(0, KLIBGroupInfoListGet(a.alice.c_str(), &groups));
@@ -345,27 +345,27 @@ TEST_F(ShareAttributesTest, EveryAnswerOfEachKindOfShare) {
 
 TEST_F(ShareAttributesTest, PathsUuidAndKey) {
   const std::string key64(64, 'k');
-  const std::string key_file = files_.dir.Write("key", key64 + "trailing");
-  const std::string short_key = files_.dir.Write("short", "abc");
-  std::string text;
-
-  auto s = Make("/volume1/photo", "uuid=1f0e-77\nencrypted=yes\ndefault_key_file=" + key_file + "\n");
-  ASSERT_TRUE(s);
-  EXPECT_EQ(0, s->GetBinPath(&text));
-  EXPECT_EQ("/volume1/photo/#recycle", text);
-  EXPECT_EQ(0, s->GetUuid(&text));
-  EXPECT_EQ("1f0e-77", text);
-  EXPECT_EQ(1, s->GetUniqueKey(&text));
-  EXPECT_EQ(key64, text);
-
-  auto bare = Make("/volume1/photo", "recycle_bin_path=/volume1/@bins/photo\ndefault_key_file=" + key_file + "\n");
-  EXPECT_EQ(0, bare->GetBinPath(&text));
-  EXPECT_EQ("/volume1/@bins/photo", text);
-  text = "unchanged";
-  EXPECT_EQ(-1, bare->GetUuid(&text));
-  EXPECT_EQ(0, bare->GetUniqueKey(&text));  // not encrypted
-  EXPECT_EQ("unchanged", text);
-  EXPECT_EQ(0, Make("/volume1/photo", "encrypted=yes\ndefault_key_file=" + short_key + "\n")->GetUniqueKey(&text));
+  const std::string key = "default_key_file=" + files_.dir.Write("key", key64 + "trailing") + "\n";
+  const std::string short_key = "default_key_file=" + files_.dir.Write("short", "abc") + "\n";
+  // GetBinPath, GetUuid, GetUniqueKey, each as "result:text"; a call that
+  // finds nothing leaves the text ("-") alone.
+  const struct {
+    std::string keys, want;
+  } kCases[] = {
+      {"uuid=1f0e-77\nencrypted=yes\n" + key, "0:/volume1/photo/#recycle 0:1f0e-77 1:" + key64},
+      {"recycle_bin_path=/volume1/@bins/photo\n" + key, "0:/volume1/@bins/photo -1:- 0:-"},
+      {"encrypted=yes\n" + short_key, "0:/volume1/photo/#recycle -1:- 0:-"},
+  };
+  for (const auto& c : kCases) {
+    auto s = Make("/volume1/photo", c.keys);
+    ASSERT_TRUE(s) << c.keys;
+    std::string got;
+    for (auto get : {&SDK::Share::GetBinPath, &SDK::Share::GetUuid, &SDK::Share::GetUniqueKey}) {
+      std::string text = "-";
+      got += std::to_string(((*s).*get)(&text)) + ":" + text + " ";
+    }
+    EXPECT_EQ(c.want + " ", got) << c.keys;
+  }
 
   // The map form of the folder's file system is its property's.
   const std::string real = files_.dir.File("data");
