@@ -35,10 +35,8 @@ int32_t LastListed(MonitorDaemon* d, uint64_t conn_id) {
 class WorkerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    // SIGTERM wakes a worker; the process handler must be in place.
-    Daemon::SetSignalHandler(SIGTERM, Daemon::stop);
-    // The status thread asks the sync daemon below it: nobody answers.
-    setenv("VESTA_ROOT", dir_.path().c_str(), 1);
+    Daemon::SetSignalHandler(SIGTERM, Daemon::stop);  // SIGTERM wakes a worker
+    setenv("VESTA_ROOT", dir_.path().c_str(), 1);  // no sync daemon answers there
     Logger::Init(Logger::kFile, dir_.File("test.log"), dir_.Write("levels", "monitor_daemon=7\n"),
                  50, 1);
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
@@ -50,7 +48,6 @@ class WorkerTest : public ::testing::Test {
     unsetenv("VESTA_ROOT");
   }
 
-  // Rows written and read behind the daemon's back, with the sqlite3 shell.
   std::string Sql(const std::string& sql) { return SqliteShell(dir_.File("system.sqlite"), sql); }
 
   TempDir dir_;

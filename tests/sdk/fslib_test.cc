@@ -156,18 +156,13 @@ TEST_F(FslibTest, UnsyncableVolumesFail) {
   EXPECT_TRUE(IsOnBtrfs("/volume2/sub", probe_));
 }
 
-TEST_F(FslibTest, MountTableDecodesEscapesAndStacks) {
-  std::string table = dir_.Write("stacked",
-                                 "/dev/a /volume1 ext4 rw 0 0\n"
-                                 "/dev/b /my\\040share ext4 rw 0 0\n"
-                                 "/dev/c /volume1 btrfs rw 0 0\n");
-  std::vector<MountEntry> entries;
-  ASSERT_EQ(0, ReadMountTable(table, &entries));
-  ASSERT_EQ(3u, entries.size());
-  EXPECT_EQ((MountEntry{"/dev/b", "/my share", "ext4"}), entries[1]);
+// Escapes are decoded in EachKindOfVolume ("usb\040disk").
+TEST_F(FslibTest, TheLastMountOfAPathHidesTheFirst) {
+  const std::string table = dir_.Write("stacked", "/dev/a /volume1 ext4 rw 0 0\n"
+                                                  "/dev/c /volume1 btrfs rw 0 0\n");
   MountEntry top;
   EXPECT_EQ(1, FindMountEntry("/volume1", &top, table));
-  EXPECT_EQ((MountEntry{"/dev/c", "/volume1", "btrfs"}), top);  // the last mount hides the first
+  EXPECT_EQ((MountEntry{"/dev/c", "/volume1", "btrfs"}), top);
   EXPECT_EQ(0, FindMountEntry("/volume9", &top, table));
   EXPECT_EQ(-1, FindMountEntry("/volume1", &top, dir_.File("absent")));
 }

@@ -100,15 +100,6 @@ class ShareFiles {
     dir.Write("etc/vesta/shares/" + name + ".conf", "path=" + path + "\n" + keys);
   }
 
-  // A directory below the root, with `mode`, owned by `uid`:`gid`.
-  std::string Dir(const std::string& name, mode_t mode, uid_t uid, gid_t gid) {
-    const std::string path = dir.File("data/" + name);
-    mkdir(path.c_str(), 0700);
-    EXPECT_EQ(0, chown(path.c_str(), uid, gid));
-    EXPECT_EQ(0, chmod(path.c_str(), mode));
-    return path;
-  }
-
   TempDir dir;
 };
 
@@ -122,7 +113,9 @@ class PrivilegeTest : public ::testing::Test {
     for (mode_t mode : {0770, 0750, 0720, 0755, 0700}) {
       char name[8];
       snprintf(name, sizeof(name), "d%o", mode);
-      files_.Dir(name, mode, a.owner_uid, a.staff_gid);
+      ASSERT_EQ(0, mkdir(Dir(name).c_str(), 0700));
+      ASSERT_EQ(0, chown(Dir(name).c_str(), a.owner_uid, a.staff_gid));
+      ASSERT_EQ(0, chmod(Dir(name).c_str(), mode));
     }
   }
 
