@@ -78,11 +78,6 @@ class ParserTest : public ::testing::Test {
   std::string out_, err_;
 };
 
-struct ErrorCase {
-  const char* text;
-  const char* message;  // what standard error must say
-};
-
 TEST_F(ParserTest, EveryErrorWithItsLine) {
   const std::string k33(33, 'k');
   const std::string s33 = std::string(kLongSection) + "x";

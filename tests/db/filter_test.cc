@@ -14,6 +14,7 @@
 #include "db/filter-db-util.h"
 #include "db/system-db.h"
 #include "gtest/gtest.h"
+#include "tests/common/sync_daemon_peer.h"
 #include "tests/common/temp_dir.h"
 #include "tests/db/db_test_util.h"
 
@@ -253,19 +254,16 @@ TEST_F(FilterFileTest, MaxLengthFollowsTheEncryptionState) {
   EXPECT_EQ("[Common]\nmax_length = x\n", ReadFile(broken));
 
   // The session's own file, found through the service configuration.
-  setenv("VESTA_ROOT", dir_.path().c_str(), 1);
-  const std::string volume = dir_.File("volume1"), etc = "var/packages/Fernbox/etc/tandem";
-  const std::string conf = volume + "/@FernboxTandem/session/1/conf";
-  ASSERT_EQ(0, system(("mkdir -p '" + dir_.File(etc) + "' '" + conf + "'").c_str()));
-  dir_.Write(etc + "/service.conf", "volume=" + volume + "\n");
+  const std::string conf = MakeVestaRoot(dir_) + "/@FernboxTandem/session/1/conf";
   EXPECT_EQ(-1, ApplySessionFilterMaxLength(1));
   EXPECT_TRUE(log.Logged("ERROR blacklist path '" + conf + "/blacklist.filter' is not exists"));
+  ASSERT_EQ(0, system(("mkdir -p " + conf).c_str()));
   dir_.Write("volume1/@FernboxTandem/session/1/conf/blacklist.filter", "[Version]\nmajor = 1\n");
   ASSERT_EQ(0, ApplySessionFilterMaxLength(1));
   FilterFile f;
   ASSERT_EQ(0, f.Load(conf + "/blacklist.filter"));
   EXPECT_EQ(143u, f.config().common.max_length);
-  unlink(dir_.File(etc + "/service.conf").c_str());
+  unlink(dir_.File("var/packages/Fernbox/etc/tandem/service.conf").c_str());
   EXPECT_EQ(-1, ApplySessionFilterMaxLength(1));
   EXPECT_TRUE(log.Logged("ERROR get session conf folder path fail[id=1]"));
 }

@@ -325,31 +325,7 @@ TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
   Sql("UPDATE connection_table SET hopgate_mode = 'relay', linked = 1, status = 2, error = -3, "
       "username = 'bob', user_uid = 1026 WHERE id = " + std::to_string(second));
 
-  ConnectionEntry e;
-  e.conn_mode = 5;
-  e.server_name = "o'brien's server";
-  e.server_ip = "10.0.0.7";
-  e.server_port = 6690;
-  e.nx_id = "NX1";
-  e.session = "sess-token";
-  e.private_key_pem = "-----BEGIN KEY-----\nabc\n";
-  e.public_key_fingerprint = "fp";
-  e.restore_id = "r1";
-  e.host_name = "host";
-  e.computer_name = "pc";
-  e.ssl_signature = "sig";
-  e.cloud_extension_clsid = "{clsid}";
-  e.domain_name = "example.test";
-  e.protocol_version = 70;
-  e.major = 7;
-  e.minor = 2;
-  e.package_version = 10234;
-  e.use_ssl = true;
-  e.ssl_allow_untrust = true;
-  e.enable_shared_with_me = true;
-  e.conn_type = 1;
-  e.proxy = {true, false, "10.1.1.1", 3128, "alice", "pa'ss word", "CORP", "nas"};
-  e.tunnel = {true, "10.2.2.2", 65535};
+  ConnectionEntry e = SampleConnection();
   ASSERT_EQ(0, SystemDB::updateConnectionEntry(&e, e.proxy, e.tunnel));
   EXPECT_EQ(second, e.id);
   EXPECT_TRUE(log_.Logged("DEBUG update conn id " + std::to_string(second)));

@@ -16,6 +16,7 @@
 #include "stream/PObject.h"
 #include "tests/common/sync_daemon_peer.h"
 #include "tests/common/temp_dir.h"
+#include "tests/db/db_test_util.h"
 
 namespace {
 
@@ -178,37 +179,19 @@ TEST_F(DaemonIpcTest, AddSession) {
 }
 
 TEST_F(DaemonIpcTest, ReloadConnectionWithAndWithoutSystemProxy) {
-  ConnectionEntry c;
+  ConnectionEntry c = SampleConnection();  // its own proxy is never used
   c.id = 9;
-  c.server_name = "nas";
-  c.conn_mode = 48;
-  c.domain_name = "example.org";
-  c.server_ip = "10.1.2.3";
-  c.server_port = 6690;
-  c.nx_id = "nx";
-  c.restore_id = "r1";
-  c.protocol_version = 70;
-  c.use_ssl = true;
-  c.ssl_signature = "AB:CD";
-  c.ssl_allow_untrust = false;
-  c.proxy.proxy_ip = "not-sent";  // the connection's own proxy is never used
-  c.tunnel.tunnel_ip = "10.9.9.9";
-  c.tunnel.tunnel_port = 443;
-  c.session = "sid";
   c.username = "alice";
-  c.computer_name = "pc";
-  c.package_version = 10001;
-  c.major = 3;
-  c.minor = 1;
+  c.ssl_allow_untrust = false;
   Json::Value want = ParseJson(R"({"action": "reload_connection", "connection_id": 9,
-      "server_name": "nas", "connection_mode": 48, "domain_name": "example.org",
-      "server_ip": "10.1.2.3", "server_port": 6690, "nx_id": "nx", "restore_id": "r1",
-      "protocol_version": 70, "use_ssl": 1, "ssl_signature": "AB:CD",
+      "server_name": "o'brien's server", "connection_mode": 5, "domain_name": "example.test",
+      "server_ip": "10.0.0.7", "server_port": 6690, "nx_id": "NX1", "restore_id": "r1",
+      "protocol_version": 70, "use_ssl": 1, "ssl_signature": "sig",
       "ssl_allow_untrust": 0, "use_proxy": 1, "use_sys_proxy": 1, "proxy_ip": "",
       "proxy_port": 0, "proxy_username": "", "proxy_password": "", "proxy_domain": "",
-      "proxy_host": "", "tunnel_ip": "10.9.9.9", "tunnel_port": 443, "session": "sid",
-      "username": "alice", "computer_name": "pc", "package_version": 10001,
-      "package_major": 3, "package_minor": 1})");
+      "proxy_host": "", "tunnel_ip": "10.2.2.2", "tunnel_port": 65535,
+      "session": "sess-token", "username": "alice", "computer_name": "pc",
+      "package_version": 10234, "package_major": 7, "package_minor": 2})");
   EXPECT_EQ(0, ReloadConnection(c));
   EXPECT_EQ(std::vector<Json::Value>{want}, peer_.TakeRequests());
 
