@@ -28,11 +28,6 @@ class ServiceSettingTest : public ::testing::Test {
   }
   void TearDown() override { unsetenv("VESTA_ROOT"); }
 
-  bool Exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-  }
-
   TempDir dir_;
   std::string etc_, config_, lock_;
 };
@@ -50,16 +45,14 @@ TEST_F(ServiceSettingTest, VolumeAndPaths) {
   ASSERT_EQ(0, stat(lock_.c_str(), &st));
   EXPECT_EQ(0644u, st.st_mode & 0777);
 
-  ASSERT_EQ(0, setting.GetSessionRootDir(&v));
-  EXPECT_EQ("/volume2/@FernboxTandem/session", v);
-  ASSERT_EQ(0, setting.GetFilterDbPath(&v));
-  EXPECT_EQ("/volume2/@FernboxTandem/db/filter.sqlite", v);
-  ASSERT_EQ(0, setting.GetSessionDir(18446744073709551615ull, &v));
-  EXPECT_EQ("/volume2/@FernboxTandem/session/18446744073709551615", v);
-  ASSERT_EQ(0, setting.GetSessionDbDir(42, &v));
-  EXPECT_EQ("/volume2/@FernboxTandem/session/42/db", v);
-  ASSERT_EQ(0, setting.GetSessionConfDir(42, &v));
-  EXPECT_EQ("/volume2/@FernboxTandem/session/42/conf", v);
+  std::string root, filter, big, db, conf;
+  ASSERT_EQ(0, setting.GetSessionRootDir(&root) | setting.GetFilterDbPath(&filter) |
+                   setting.GetSessionDir(18446744073709551615ull, &big) |
+                   setting.GetSessionDbDir(42, &db) | setting.GetSessionConfDir(42, &conf));
+  EXPECT_EQ("/volume2/@FernboxTandem/session /volume2/@FernboxTandem/db/filter.sqlite "
+            "/volume2/@FernboxTandem/session/18446744073709551615 "
+            "/volume2/@FernboxTandem/session/42/db /volume2/@FernboxTandem/session/42/conf",
+            root + " " + filter + " " + big + " " + db + " " + conf);
 }
 
 TEST_F(ServiceSettingTest, LockIsExclusiveAcrossDescriptors) {
@@ -87,7 +80,7 @@ TEST_F(ServiceSettingTest, Failures) {
   std::string v = "unchanged";
   // A missing configuration fails before the lock file is made.
   EXPECT_EQ(-1, setting.GetServiceVolume(&v));
-  EXPECT_FALSE(Exists(lock_));
+  EXPECT_NE(0, access(lock_.c_str(), F_OK));
   EXPECT_EQ(-1, setting.GetSessionDir(1, &v));
   EXPECT_EQ(-1, setting.GetFilterDbPath(&v));
   EXPECT_EQ("unchanged", v);

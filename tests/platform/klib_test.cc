@@ -16,45 +16,42 @@ std::string Lookup(const std::string& path, const char* key, size_t size = 256) 
   return buf;
 }
 
-TEST(KlibFileTest, ReadsPlainAndQuotedValues) {
-  TempDir dir;
-  std::string path = dir.Write("service.conf",
-                               "# written by the package\n"
-                               "volume=/volume1\n"
-                               "label = \"two words\"\n"
-                               "single='x y'\n"
-                               "volume2 = /volume2   # trailing comment\n");
-  EXPECT_EQ("/volume1", Lookup(path, "volume"));
-  EXPECT_EQ("two words", Lookup(path, "label"));
-  EXPECT_EQ("x y", Lookup(path, "single"));
-  EXPECT_EQ("/volume2", Lookup(path, "volume2"));
-  EXPECT_EQ("<" + std::to_string(KLIB_ERR_NO_SUCH_KEY) + ">", Lookup(path, "missing"));
-  EXPECT_EQ("<" + std::to_string(KLIB_ERR_FILE) + ">", Lookup(dir.File("absent"), "volume"));
-  // "/volume1" needs 9 bytes with its NUL.
-  EXPECT_EQ("<" + std::to_string(KLIB_ERR_BUFFER_TOO_SMALL) + ">", Lookup(path, "volume", 8));
-  EXPECT_EQ("/volume1", Lookup(path, "volume", 9));
-
-  std::string broken = dir.Write("broken.conf", "volume=/volume1\nthis line is wrong\n");
-  EXPECT_EQ("<" + std::to_string(KLIB_ERR_FILE) + ">", Lookup(broken, "volume"));
-
-  char buf[8];
-  EXPECT_EQ(-1, KLIBCFileGetKeyValue(path.c_str(), "volume", buf, sizeof(buf), 1));
-  EXPECT_EQ(-1, KLIBCFileGetKeyValue(nullptr, "volume", buf, sizeof(buf), 0));
-}
-
 // The stand-in's files, unlike the daemon's own, take "key=" as unset and
 // read long lines whole.
-TEST(KlibFileTest, EmptyValuesUnsetAndLongLinesStayWhole) {
+TEST(KlibFileTest, ValuesUnsetKeysAndRefusals) {
   TempDir dir;
   const std::string list(9000, 'u');
-  std::string path = dir.Write("share.conf", "deny_users=x\ndeny_users=\nquoted=\"\"\n"
-                                              "rw_users=" + list + ",alice\nvolume=/volume1\n");
-  const std::string no_key = "<" + std::to_string(KLIB_ERR_NO_SUCH_KEY) + ">";
-  EXPECT_EQ(no_key, Lookup(path, "deny_users"));
-  EXPECT_EQ(no_key, Lookup(path, "quoted"));
-  EXPECT_EQ("/volume1", Lookup(path, "volume"));
+  const std::string path = dir.Write("service.conf",
+                                     "# written by the package\nvolume=/volume1\n"
+                                     "label = \"two words\"\nsingle='x y'\n"
+                                     "volume2 = /volume2   # trailing comment\n"
+                                     "deny_users=x\ndeny_users=\nquoted=\"\"\n"
+                                     "rw_users=" + list + ",alice\n");
+  const std::string broken = dir.Write("broken.conf", "volume=/volume1\nthis line is wrong\n");
+  auto error = [](int code) { return "<" + std::to_string(code) + ">"; };
+  const struct {
+    std::string path;
+    const char* key;
+    size_t size;
+    std::string want;
+  } kCases[] = {
+      {path, "volume", 256, "/volume1"},
+      {path, "label", 256, "two words"},
+      {path, "single", 256, "x y"},
+      {path, "volume2", 256, "/volume2"},
+      {path, "missing", 256, error(KLIB_ERR_NO_SUCH_KEY)},
+      {path, "deny_users", 256, error(KLIB_ERR_NO_SUCH_KEY)},
+      {path, "quoted", 256, error(KLIB_ERR_NO_SUCH_KEY)},
+      {dir.File("absent"), "volume", 256, error(KLIB_ERR_FILE)},
+      {broken, "volume", 256, error(KLIB_ERR_FILE)},
+      {path, "volume", 8, error(KLIB_ERR_BUFFER_TOO_SMALL)},  // 9 bytes with its NUL
+      {path, "volume", 9, "/volume1"},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(c.want, Lookup(c.path, c.key, c.size)) << c.key;
   std::string buf(list.size() + 16, '\0');
   EXPECT_EQ(9006, KLIBCFileGetKeyValue(path.c_str(), "rw_users", &buf[0], buf.size(), 0));
+  EXPECT_EQ(-1, KLIBCFileGetKeyValue(path.c_str(), "volume", &buf[0], 8, 1));
+  EXPECT_EQ(-1, KLIBCFileGetKeyValue(nullptr, "volume", &buf[0], 8, 0));
 }
 
 TEST(KlibFileTest, StringTableHoldsCapacityKeys) {
