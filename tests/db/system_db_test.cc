@@ -14,6 +14,8 @@
 
 namespace {
 
+using DB = SystemDB;
+
 // One CREATE TABLE line of the shell's .schema.  A bare name is an
 // "INTEGER DEFAULT 0" column, a name ending in "'" a "TEXT DEFAULT ''" one;
 // anything with a space stands as written.
@@ -161,14 +163,14 @@ TEST_F(SystemDBTest, OneRowWritesAndTheirFailures) {
                          "WHERE id = " + std::to_string(sess)));
 
   uint64_t orphan = AddSession(555, 1, "/x/", "/volume1/x/");  // its connection has no row
+  const std::string not_got = "DEBUG cannnot get getSessionStatusAndErr ";
   log_.ExpectEach({
-      {[&] { return SystemDB::getSessionStatusAndErr(999, &ss, &se, &cs, &ce); }, -1,
-       "DEBUG cannnot get getSessionStatusAndErr 999"},
-      {[&] { return SystemDB::getSessionStatusAndErr(orphan, &ss, &se, &cs, &ce); }, -1,
-       "DEBUG cannnot get getSessionStatusAndErr " + std::to_string(orphan)},
-      {[&] { return SystemDB::getSessionErr(999, &se); }, -1,
+      {[&] { return DB::getSessionStatusAndErr(999, &ss, &se, &cs, &ce); }, -1, not_got + "999"},
+      {[&] { return DB::getSessionStatusAndErr(orphan, &ss, &se, &cs, &ce); }, -1,
+       not_got + std::to_string(orphan)},
+      {[&] { return DB::getSessionErr(999, &se); }, -1,
        "WARNING cannnot get error code for session 999"},
-      {[&] { return SystemDB::getConnectionErr(999, &ce); }, -1,
+      {[&] { return DB::getConnectionErr(999, &ce); }, -1,
        "WARNING cannnot get error code for connection 999"},
   });
 
@@ -177,29 +179,25 @@ TEST_F(SystemDBTest, OneRowWritesAndTheirFailures) {
       "END; CREATE TRIGGER c BEFORE UPDATE ON connection_table BEGIN SELECT "
       "RAISE(ABORT, 'frozen'); END;");
   const std::string flags = "ERROR sqlite3_exec failed: ret = 19 [frozen]";
+  const std::string f = " fail ret = 19 frozen";
   ConnectionEntry entry;
   entry.nx_id = "NX1";
   SessionInfo s;
-  ASSERT_EQ(0, SystemDB::getSessionInfoBySessionID(sess, &s));
+  ASSERT_EQ(0, DB::getSessionInfoBySessionID(sess, &s));
   log_.ExpectEach({
-      {[&] { return SystemDB::setSessionStatus(sess, 0); }, -1,
-       "ERROR setSessionStatus fail ret = 19 frozen"},
-      {[&] { return SystemDB::setConnectionStatus(conn, 0); }, -1,
-       "ERROR setConnectionStatus fail ret = 19 frozen"},
-      {[&] { return SystemDB::setSessionErr(sess, 0); }, -1, "ERROR setSessionErr fail ret = 19 frozen"},
-      {[&] { return SystemDB::setConnectionErr(conn, 0); }, -1,
-       "ERROR setConnectionErr fail ret = 19 frozen"},
-      {[&] { return SystemDB::setLinkByConnection(conn, 0); }, -1,
-       "ERROR setLinkByConnection fail ret = 19 frozen"},
-      {[&] { return SystemDB::updateUserInfo(conn, 1, 1, true); }, -1,
+      {[&] { return DB::setSessionStatus(sess, 0); }, -1, "ERROR setSessionStatus" + f},
+      {[&] { return DB::setConnectionStatus(conn, 0); }, -1, "ERROR setConnectionStatus" + f},
+      {[&] { return DB::setSessionErr(sess, 0); }, -1, "ERROR setSessionErr" + f},
+      {[&] { return DB::setConnectionErr(conn, 0); }, -1, "ERROR setConnectionErr" + f},
+      {[&] { return DB::setLinkByConnection(conn, 0); }, -1, "ERROR setLinkByConnection" + f},
+      {[&] { return DB::updateUserInfo(conn, 1, 1, true); }, -1,
        "ERROR update user info of #" + std::to_string(conn) + " failed (19)"},
-      {[&] { return SystemDB::setSessionReadOnly(sess); }, -1, flags},
-      {[&] { return SystemDB::clearSessionReadOnly(sess); }, -1, flags},
-      {[&] { return SystemDB::setSessionEncryptionState(sess, false, true); }, -1, flags},
-      {[&] { return SystemDB::updateConnectionEntry(&entry, entry.proxy, entry.tunnel); }, -1,
-       "ERROR updateConnectionEntry fail ret = 19 frozen"},
-      {[&] { return SystemDB::updateSessionInfo(&s); }, -1,
-       "ERROR updateSessionInfo fail ret = 19 frozen"},
+      {[&] { return DB::setSessionReadOnly(sess); }, -1, flags},
+      {[&] { return DB::clearSessionReadOnly(sess); }, -1, flags},
+      {[&] { return DB::setSessionEncryptionState(sess, false, true); }, -1, flags},
+      {[&] { return DB::updateConnectionEntry(&entry, entry.proxy, entry.tunnel); }, -1,
+       "ERROR updateConnectionEntry" + f},
+      {[&] { return DB::updateSessionInfo(&s); }, -1, "ERROR updateSessionInfo" + f},
   });
 }
 
@@ -212,29 +210,29 @@ TEST_F(SystemDBTest, ReadsWhoseTableIsGone) {
   int a, b, c, d;
   ConnectionEntry e;
   SessionInfo s;
-  std::list<SessionInfo> sessions;
+  std::list<SessionInfo> l;
   std::list<ConnectionEntry> entries;
   GeneralOptions o;
   const std::string session = ": sqlite3_prepare_v2: no such table: session_table (1)";
   const std::string connection = ": sqlite3_prepare_v2: no such table: connection_table (1)";
   log_.ExpectEach({
-      {[&] { return SystemDB::getConnectionEntryByConnID(1, &e); }, -1,
+      {[&] { return DB::getConnectionEntryByConnID(1, &e); }, -1,
        "ERROR sqlite3_step: [1] no such table: connection_table"},
-      {[&] { return SystemDB::getSessionStatusAndErr(1, &a, &b, &c, &d); }, -1,
+      {[&] { return DB::getSessionStatusAndErr(1, &a, &b, &c, &d); }, -1,
        "ERROR getSessionStatusAndErr" + session},
-      {[&] { return SystemDB::getSessionErr(1, &a); }, -1, "ERROR getSessionErr" + session},
-      {[&] { return SystemDB::getConnectionErr(1, &a); }, -1, "ERROR " + connection.substr(2)},
-      {[&] { return SystemDB::getGeneralOptions(&o); }, -1,
+      {[&] { return DB::getSessionErr(1, &a); }, -1, "ERROR getSessionErr" + session},
+      {[&] { return DB::getConnectionErr(1, &a); }, -1, "ERROR " + connection.substr(2)},
+      {[&] { return DB::getGeneralOptions(&o); }, -1,
        "ERROR getGeneralOptions: sqlite3_prepare_v2: no such table: system_table (1)"},
-      {[&] { return SystemDB::getConnectionEntryByConnID(1, &e); }, -1,
+      {[&] { return DB::getConnectionEntryByConnID(1, &e); }, -1,
        "ERROR getConnectionEntryByConnID" + connection},
-      {[&] { return SystemDB::getSessionInfoBySessionID(1, &s); }, -1,
+      {[&] { return DB::getSessionInfoBySessionID(1, &s); }, -1,
        "ERROR getSessionInfoBySessionID" + session},
-      {[&] { return SystemDB::getSessionInfoBySyncFolder("/volume1/a", &s); }, -1,
+      {[&] { return DB::getSessionInfoBySyncFolder("/a", &s); }, -1,
        "ERROR getSessionInfoBySessionID" + session},
-      {[&] { return SystemDB::getSessionListByConnectionID(&sessions, 1); }, -1,
+      {[&] { return DB::getSessionListByConnectionID(&l, 1); }, -1,
        "ERROR getSessionListByConnectionID" + session},
-      {[&] { return SystemDB::getLinkedConnectionEntryList(&entries); }, -1,
+      {[&] { return DB::getLinkedConnectionEntryList(&entries); }, -1,
        "ERROR getLinkedConnectionEntryList" + connection},
   });
   Sql("ALTER TABLE c_old RENAME TO connection_table; ALTER TABLE s_old RENAME TO session_table;");
