@@ -31,8 +31,7 @@ namespace {
 // Privilege codes, typed here independently.
 constexpr int kRO = 1, kRW = 2, kNone = 4, kFull = 8;
 
-// Runs a shell command, retrying for up to 5 s while another process holds
-// the account database's lock.
+// Retries for up to 5 s while another process holds the account database.
 bool Run(const std::string& command) {
   for (int attempt = 0; attempt < 50; ++attempt) {
     if (std::system((command + " >/dev/null 2>&1").c_str()) == 0) return true;
@@ -43,10 +42,8 @@ bool Run(const std::string& command) {
 }
 
 // Real accounts for one test: a group "staff", its owner and a member, an
-// outsider, and a member of "administrators".  What was made is removed, in
-// reverse order, when the object goes, however the test ended.  Test
-// processes of this file take them one at a time (an flock), because
-// "administrators" is shared by all of them.
+// outsider, and a member of "administrators" (shared by every test process,
+// hence the flock).  Removed in reverse order however the test ended.
 class Accounts {
  public:
   Accounts() {
@@ -110,12 +107,10 @@ class PrivilegeTest : public ::testing::Test {
     accounts_ = std::make_unique<Accounts>();
     ASSERT_TRUE(accounts_->made) << "the test accounts could not be made";
     const Accounts& a = *accounts_;
-    for (mode_t mode : {0770, 0750, 0720, 0755, 0700}) {
-      char name[8];
-      snprintf(name, sizeof(name), "d%o", mode);
+    for (const char* name : {"d770", "d750", "d720", "d755", "d700"}) {
       ASSERT_EQ(0, mkdir(Dir(name).c_str(), 0700));
       ASSERT_EQ(0, chown(Dir(name).c_str(), a.owner_uid, a.staff_gid));
-      ASSERT_EQ(0, chmod(Dir(name).c_str(), mode));
+      ASSERT_EQ(0, chmod(Dir(name).c_str(), std::stoi(name + 1, nullptr, 8)));
     }
   }
 
@@ -202,8 +197,7 @@ TEST_F(PrivilegeTest, LoosePrivilegeAndGroups) {
   files_.Write("f", Dir("d770"), "forbidden=yes\n");
   std::string upper_alice = a.alice;
   for (char& c : upper_alice) c = static_cast<char>(toupper(c));
-  // Every read bit (0x74) is read, for both calculations; the mask's user
-  // name matches without regard to case.
+  // Every read bit (0x74) is read, for both; the mask's user matches in any case.
   files_.Write("m", Dir("d700"), "acl_mask=\"" + upper_alice + ":0x74\"\nrw_users=" + a.alice + "\n");
   const struct {
     const char* share;
@@ -318,8 +312,7 @@ TEST_F(ShareAttributesTest, EveryAnswerOfEachKindOfShare) {
   EXPECT_EQ(0, plain->GetStatusFlags());
   EXPECT_EQ(4, plain->GetVersion());
 
-  // One folder, however its path is written: same path, same encryption
-  // path, same snapshot search.
+  // However its path is written: same path, encryption path and snapshot search.
   for (const char* path : {"/volume1/photo", "/volume1/photo/", "/volume1//photo/."}) {
     auto s = Make(path, "", table);
     EXPECT_EQ("/volume1/photo", s->GetPath()) << path;

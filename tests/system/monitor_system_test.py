@@ -51,15 +51,14 @@ def sanitized_binary():
 
 
 def main():
-    """The unittest main of a system test file: PATH_TO_VESTA_MONITOR first."""
     global BINARY
     BINARY = os.path.abspath(sys.argv.pop(1))
     unittest.main()
 
 
 class Sandbox:
-    """One VESTA_ROOT with everything the daemon reads at start; `period`
-    is both the status and the share-listing period (seconds)."""
+    """One VESTA_ROOT with all the daemon reads at start; `period` (s) is
+    both the status and the share-listing period."""
 
     def __init__(self, period=1):
         self.root = tempfile.mkdtemp(prefix="vesta-sys-")
@@ -99,8 +98,7 @@ class Sandbox:
         return subprocess.run([BINARY, self.conf], env=self.env(), timeout=20).returncode
 
     def start_and_wait(self):
-        """Starts the daemon and waits until it serves: socket bound,
-        database open, workers started.  Returns its pid."""
+        """Starts the daemon, waits until it serves, returns its pid."""
         log_from = len(self.log_text())
         assert self.start() == 0
         serving = "monitor daemon starts receiving messages on domain socket " + self.socket
@@ -130,10 +128,8 @@ class Sandbox:
             return pstream.recv_value(s)
 
     def start_peer(self, peer, *args):
-        """Starts tests/peers/PEER.py (sync_daemon or remote_server) in the
-        sandbox, answering from the script PEER.json (see script()) and
-        recording into PEER.jsonl; returns what its ready file says.
-        cleanup() ends it."""
+        """Starts tests/peers/PEER.py answering from PEER.json (script())
+        and recording into PEER.jsonl; returns what its ready file says."""
         path = os.path.join(self.root, peer)
         self.script(peer, {})
         self.peers.append(subprocess.Popen(
@@ -152,9 +148,8 @@ class Sandbox:
         os.rename(path + ".tmp", path)
 
     def records(self, name, new=False):
-        """The JSON lines of NAME.jsonl: a peer's record, or "notifications"
-        (those posted to administrators).  new: only the lines added since
-        the last call with new."""
+        """The JSON lines of a peer's record or of "notifications"; new: only
+        those added since the last call with new."""
         path = os.path.join(self.root, "var/lib/vesta/notifications.jsonl"
                             if name == "notifications" else name + ".jsonl")
         try:
@@ -277,8 +272,7 @@ class MonitorTest(unittest.TestCase):
 
     def test_monitorctl(self):
         ctl = os.environ.get("VESTA_MONITORCTL")
-        self.assertTrue(ctl, "VESTA_MONITORCTL must name the vesta-monitorctl binary "
-                        "(ctest sets it)")
+        self.assertTrue(ctl, "VESTA_MONITORCTL must name vesta-monitorctl (ctest sets it)")
         box = self.box
         pid = box.start_and_wait()
 
