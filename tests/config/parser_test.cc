@@ -1,6 +1,4 @@
-// The settings-file parser against files written by the test: every error
-// it can produce with its line number, the escapes, numbers, sets over
-// several lines and unknown keys.
+// The settings-file parser against files written by the test.
 #include <cstddef>
 #include <cstring>
 #include <string>

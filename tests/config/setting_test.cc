@@ -1,5 +1,4 @@
-// The service settings in a sandbox under $VESTA_ROOT: the volume read
-// under the lock file, the derived paths, and the failure cases.
+// The service settings in a sandbox under $VESTA_ROOT.
 #include "config/setting.h"
 
 #include <fcntl.h>

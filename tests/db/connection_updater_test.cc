@@ -1,5 +1,4 @@
-// ConnectionUpdater on an event database made here with the tables the
-// sync daemon creates, and remove_signature on a signature tree.
+// ConnectionUpdater on an event database with the sync daemon's tables.
 #include "db/connection-updater.h"
 
 #include <unistd.h>

@@ -1,5 +1,4 @@
-// The log of the database tests, captured in a file and read back line by
-// line; the databases themselves are read with SqliteShell.
+// The log capture and sample records of the database tests.
 #ifndef VESTA_TESTS_DB_DB_TEST_UTIL_H_
 #define VESTA_TESTS_DB_DB_TEST_UTIL_H_
 

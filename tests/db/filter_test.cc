@@ -1,6 +1,4 @@
-// Filter files (written text pinned literally, write-then-load of every
-// byte value, the load rules), the filter database clean-up and the
-// encryption-driven maximum name length.
+// Filter files, the filter database clean-up and the maximum name length.
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>

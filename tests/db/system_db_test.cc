@@ -1,6 +1,4 @@
-// The system database against real files: the schema as the sqlite3 shell
-// shows it, every operation with its path, flag and failure rules, the
-// proxy password against openssl, and several threads and another process.
+// The system database against real files, the sqlite3 shell and openssl.
 #include "db/system-db.h"
 
 #include <unistd.h>
@@ -201,9 +199,8 @@ TEST_F(SystemDBTest, OneRowWritesAndTheirFailures) {
   });
 }
 
-// Tables renamed away by another process under the open handle: the first
-// statement finds out when stepped, the next ones when prepared; each read
-// fails with its own line, and the handle stays usable.
+// Tables renamed away under the open handle: found when stepped, then when
+// prepared; each read fails with its own line and the handle stays usable.
 TEST_F(SystemDBTest, ReadsWhoseTableIsGone) {
   const std::string kRename = "ALTER TABLE connection_table RENAME TO c_old;";
   Sql(kRename + "ALTER TABLE session_table RENAME TO s_old; ALTER TABLE system_table RENAME TO o;");

@@ -1,8 +1,5 @@
-// The error handler on a real system database, real session folders with
-// event databases, a real filter database and the simulated sync daemon:
-// the codes that only the monitor itself raises, the upgrades of a changed
-// server, and a stop during a re-sync's wait.  The codes that the sync
-// daemon sends are driven through the real binary in
+// The codes only the monitor raises, server changes and a stop during a
+// re-sync; the sync daemon's codes go through the real binary in
 // tests/system/error_system_test.py.
 #include <pthread.h>
 #include <signal.h>
@@ -212,9 +209,8 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
   }
 }
 
-// A re-sync waits 3 s on the thread that handles the error (the status
-// thread).  The stop that MonitorDaemon makes (run flag cleared, SIGTERM to
-// the thread) must end that wait and leave the upgrade undone.
+// MonitorDaemon's stop (run flag cleared, SIGTERM to the thread) ends a
+// re-sync's 3-s wait and leaves the upgrade undone.
 TEST_F(ErrorHandlerTest, StopDuringResyncWait) {
   Reset(10000);
   const ConnectionEntry old = Connection();

@@ -1,5 +1,4 @@
-// IPCServer and IPCSender over real UNIX sockets: replacing stale files,
-// long paths, the wait time-out, closing, and one exchange per connection.
+// IPCServer and IPCSender over real UNIX sockets.
 #include "ipc/ipc.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,5 @@
-// The sync-daemon command client against the simulated sync daemon of
-// tests/peers/sync_daemon.py, which has its own wire codec: every request is
-// checked whole as the daemon decoded it, with expected values typed here
-// from the command tables (integers as numbers, texts as strings).
+// The sync-daemon command client against tests/peers/sync_daemon.py, which
+// has its own wire codec: every request is checked whole as it decoded it.
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>

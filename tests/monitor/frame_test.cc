@@ -1,6 +1,5 @@
-// The daemon's frame: its configuration file, its pid file and the words
-// its signal handlers change.  Detaching (Daemonize) is left to the system
-// tests, which start the real binary.
+// The daemon's configuration file, pid file and signal words; detaching is
+// left to the system tests.
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,6 +1,4 @@
-// The two worker threads of MonitorDaemon in-process: start and stop, the
-// share-listing schedule, the end of fast monitoring, and the status passes
-// on a stepped clock with the sync daemon's replies built here.
+// The two worker threads of MonitorDaemon in-process, on a stepped clock.
 #include <signal.h>
 #include <stdlib.h>
 #include <time.h>

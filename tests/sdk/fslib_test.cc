@@ -236,8 +236,7 @@ TEST_F(FslibTest, ExistenceAndRecursiveRemoval) {
 }
 
 // tree/sub is swapped for a link to `target` while the walk opens it (held
-// there by a permission event): the walk must empty what it opened, never
-// the link's target.
+// by a permission event): the walk empties what it opened, never the target.
 TEST_F(FslibTest, RemovalNeverFollowsADirectorySwappedForALink) {
   const std::string target = dir_.File("target"), tree = dir_.File("tree");
   const std::string sub = tree + "/sub", link = dir_.File("link");

@@ -1,5 +1,4 @@
-// Shared folders read from their files below a fresh VESTA_ROOT: what real
-// users and groups may do in them, their lookups, attributes and placement.
+// Shared folders read from their files below a fresh VESTA_ROOT.
 #include "sdk/share.h"
 
 #include <fcntl.h>
