@@ -257,15 +257,14 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   s.node_id = 99;  // not written: node_id is not one of the updated columns
   ASSERT_EQ(0, SystemDB::updateSessionInfo(&s));
   EXPECT_EQ(docs, s.id);
-  SessionInfo r;
-  r.conn_id = conn;
+  SessionInfo r = s;
   r.view_id = 8;
   r.remote_path = "/";
   r.sync_folder = "/volume2/b";
   ASSERT_EQ(0, SystemDB::updateSessionInfo(&r));
   EXPECT_EQ(root, r.id);
   EXPECT_TRUE(log_.Logged("DEBUG update row id " + std::to_string(root)));
-  EXPECT_EQ("/volume1/a/|/docs/|it's\n/volume2/b/|/|",
+  EXPECT_EQ("/volume1/a/|/docs/|it's\n/volume2/b/|/|it's",
             Sql("SELECT sync_folder, remote_path, share_name FROM session_table ORDER BY id;"));
 
   SessionInfo got;
@@ -276,12 +275,10 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   EXPECT_EQ("/ /volume2/b", got.remote_path + " " + got.sync_folder);
 
   // Not found: 0, and the record is left as the caller passed it.
-  SessionInfo untouched;
-  untouched.share_name = "keep";
+  SessionInfo untouched = r;
   EXPECT_EQ(0, SystemDB::getSessionInfoBySyncFolder("/volume9/none", &untouched));
   EXPECT_EQ(0, SystemDB::getSessionInfoBySessionID(12345, &untouched));
-  EXPECT_EQ("keep", untouched.share_name);
-  EXPECT_EQ(0u, untouched.id);
+  EXPECT_EQ(r, untouched);
 
   SessionInfo missing = s;
   missing.remote_path = "/other";

@@ -26,17 +26,18 @@ std::string What(const std::string& path) {
   return (S_ISSOCK(st.st_mode) ? "socket " : "file ") + std::string(mode);
 }
 
-// The server side of one exchange: wait for a connection, read its
-// request, answer with `reply`, by default {"echo": request}.
-void ServeOne(IPCServer* server, PObject reply = PObject()) {
-  ASSERT_EQ(1, server->WaitForConnection());
+// The server side of one exchange: waits for a connection, reads its
+// request and, if `answer`, answers with `reply`, by default {"echo": request}.
+PObject ServeOne(IPCServer* server, PObject reply = PObject(), bool answer = true) {
+  EXPECT_EQ(1, server->WaitForConnection());
   Channel channel;
-  ASSERT_EQ(0, channel.Open(server->Accept(), false));
+  EXPECT_EQ(0, channel.Open(server->Accept(), false));
   PObject request;
   PStream in, out;
-  ASSERT_EQ(0, in.Recv(&channel, &request));
+  EXPECT_EQ(0, in.Recv(&channel, &request));
   if (reply.IsNull()) reply["echo"] = request;
-  out.Send(&channel, reply);
+  if (answer) out.Send(&channel, reply);
+  return request;
 }
 
 class IPCTest : public ::testing::Test {
@@ -140,15 +141,7 @@ TEST_F(IPCTest, ExchangesWithAndWithoutWaiting) {
     PObject untouched(5);
     EXPECT_EQ(0, sender.SendRequest(request, false, &untouched));
     EXPECT_EQ(5, untouched.AsInteger());
-    ASSERT_EQ(1, server.WaitForConnection());
-    int fd = server.Accept();
-    ASSERT_GE(fd, 0);
-    Channel channel;
-    ASSERT_EQ(0, channel.Open(fd, false));
-    PObject got;
-    PStream in;
-    ASSERT_EQ(0, in.Recv(&channel, &got));
-    EXPECT_TRUE(got == request);
+    EXPECT_TRUE(ServeOne(&server, PObject(), false) == request);
   }
 
   // wait = true: the reply is read through the Receive slot.

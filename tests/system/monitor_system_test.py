@@ -1,11 +1,8 @@
 #!/usr/bin/env python3
-"""System tests of the real vesta-monitor binary, and the Sandbox that every
-system test starts it in: a fresh VESTA_ROOT (service configuration, level
-file, configuration file with short periods), the simulated peers of
-tests/peers beside it, and readers of what the daemon and the peers wrote.
-
-Usage: monitor_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
-"""
+"""The real vesta-monitor binary, and the Sandbox every system test starts it
+in: a fresh VESTA_ROOT, the simulated peers of tests/peers beside it, and
+readers of what they wrote.
+Usage: monitor_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
 import json
 import os

@@ -1,10 +1,6 @@
 #!/usr/bin/env python3
-"""System tests of the status and share-listing threads of the real binary,
-against the simulated sync daemon's scripted get_status replies and the
-simulated remote server's scripted view lists; rows through the sqlite3 shell.
-
-Usage: workers_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
-"""
+"""The status and share-listing threads of the real binary against scripted
+peers.  Usage: workers_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
 import os
 import sys
@@ -74,8 +70,7 @@ class WorkersTest(unittest.TestCase):
 
         def listed(times):
             """Asks until the server has seen `times` listings (a request
-            during a listing is undone by its end); one runs at a time, so
-            the one before has ended."""
+            during a listing is undone by its end)."""
             def ask():
                 box.request({"action": "refresh_session", "conn_id": 1})
                 return wait_for(lambda: listings() >= times, limit=0.5)
