@@ -131,8 +131,7 @@ TEST_F(DaemonIpcTest, AddSession) {
   EXPECT_EQ(0, AddSession(HomeSession(), options, true, true));
   struct stat st;
   ASSERT_EQ(0, stat(session_dir.c_str(), &st));
-  EXPECT_TRUE(S_ISDIR(st.st_mode));
-  EXPECT_EQ(0755u, st.st_mode & 0777);
+  EXPECT_EQ(S_IFDIR | 0755u, st.st_mode & (S_IFMT | 0777));
   peer_.ExpectRequests({add, R"({"action": "add_event", "session_id": 12,
                                  "type": "three_way_merge", "path": "/"})"});
   // Resume alone; neither flag: only the add.

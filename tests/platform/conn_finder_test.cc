@@ -45,10 +45,7 @@ TEST(ConnFinderTest, SystemProxyFromItsFile) {
   for (const auto& c : kCases) {
     dir.Write("etc/vesta/proxy.conf", c.file);
     if (c.file.empty()) unlink(dir.File("etc/vesta/proxy.conf").c_str());
-    ProxyInfo p;
-    p.use_proxy = p.use_system_proxy = true;
-    p.proxy_ip = p.proxy_username = p.proxy_password = p.proxy_domain = p.proxy_host = "stale";
-    p.proxy_port = 1;
+    ProxyInfo p{true, true, "stale", 1, "stale", "stale", "stale", "stale"};
     EXPECT_EQ(c.result, GetSystemProxy(&p)) << c.file;
     const std::string got = std::to_string(p.use_proxy) + std::to_string(p.use_system_proxy) + " " +
                             p.proxy_ip + ":" + std::to_string(p.proxy_port) + " " + p.proxy_domain +
