@@ -155,7 +155,9 @@ TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
 }
 
 TEST_F(ErrorHandlerTest, ServerChanges) {
-  struct Case {
+  const std::string kResync = "remove_session s1, reload_connection c1, add_session s1, add_event s1/4";
+  const std::string kChanged = " /  / ErrorHandler::HandleServerVersionChanged: ";
+  const struct {
     const char* name;
     int from, to;
     const char *old_restore_id, *new_nx_id;
@@ -163,10 +165,7 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
     bool resync;             // both sessions' events and filter rows reset
     const char* connection;  // error|status|package_version
     std::string effects;     // logged after "ErrorHandler::HandleServerVersionChanged: "
-  };
-  const std::string kResync = "remove_session s1, reload_connection c1, add_session s1, add_event s1/4";
-  const std::string kChanged = " /  / ErrorHandler::HandleServerVersionChanged: ";
-  const Case kCases[] = {
+  } kCases[] = {
       // Builds below 10000 are not served.
       {"3000 to 4000", 3000, 4000, "", "nx1", 70, true, "-2|2|4000",
        kResync + ", pause c1" + kChanged + "Server build number 4000 is too old"},
@@ -184,7 +183,7 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
       {"protocol 80", 12124, 13000, "", "nx1", 80, false, "-3|2|13000",
        "reload_connection c1, pause c1" + kChanged + "Client protocol version not support or degradation"},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     Reset(c.from, c.old_restore_id);
     Sql("UPDATE connection_table SET error = -9, status = 2;"

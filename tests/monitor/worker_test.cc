@@ -183,7 +183,7 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
   WatchedMonitor d;
   d.connection_status_list = {{1, 0, 0, 0}, {5, 0, 0, 0}};
   d.server_view_cache = {{1, {}}, {5, {}}};
-  struct Step {
+  const struct {
     int32_t second;      // since the daemon first reported the connection lost
     const char* status;  // the daemon's word
     int stored_error;    // written before the pass, as the error handler would
@@ -193,7 +193,7 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
       {0, "disconnected", 0, 1, 0},  {29, "lost", 0, 1, 0},          {30, "disconnected", 0, 2, 1},
       {35, "disconnected", 0, 2, 2}, {40, "disconnected", -1, 2, 2}, {41, "connected", -1, 0, 2},
   };
-  for (const Step& step : steps) {
+  for (const auto& step : steps) {
     SCOPED_TRACE(step.second);
     Sql("UPDATE connection_table SET error = " + std::to_string(step.stored_error) + ";");
     d.now = 1000 + step.second;
@@ -213,7 +213,7 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
 }
 
 TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
-  struct Case {
+  const struct {
     const char* key;  // of the daemon's report that differs from the stored row
     int64_t number;
     const char* text;  // the value when not null
@@ -234,7 +234,7 @@ TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
       {"nx_id", 0, "OTHER", false, 5, 0, 0},
       {"server_ip", 0, "192.0.2.99", false, 0, 0, 2},  // written, then followed in the same pass
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.key) + " " + (c.text ? c.text : std::to_string(c.number)));
     Sql(kConnectionRow +
         ("UPDATE connection_table SET error = " + std::to_string(c.stored_error) + ";"));

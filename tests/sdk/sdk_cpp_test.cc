@@ -39,12 +39,11 @@ TEST(ReentrantMutexTest, ReentersAndIgnoresForeignUnlocks) {
 TEST(UserIsInListTest, UsersAndGroups) {
   KlibSzList groups;
   groups.items = {"users", "STAFF", "Développeurs"};
-  struct Case {
+  const struct {
     const char* user;
     const char* list;
     int want;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"alice", "alice", 0},
       {"alice", "bob,Alice", 0},
       {"alice", "bob,alice2,ali", -1},
@@ -62,7 +61,7 @@ TEST(UserIsInListTest, UsersAndGroups) {
       {"\xff" "x", "\xff" "X", 0},     // stray bytes compare as themselves
       {"\xff" "x", "\xfe" "x", -1},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     EXPECT_EQ(c.want, SDK::UserIsInList(c.user, &groups, c.list)) << c.user << " in " << c.list;
   }
   EXPECT_EQ(-1, SDK::UserIsInList(nullptr, &groups, "alice"));
