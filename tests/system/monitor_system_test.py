@@ -124,6 +124,18 @@ class Sandbox:
             s.sendall(pstream.encode(value))
             return pstream.recv_value(s)
 
+    def send_raw(self, data):
+        """Sends `data`, closes our side; what came back (b"": dropped)."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+            s.settimeout(20)
+            s.connect(self.socket)
+            try:
+                s.sendall(data)
+                s.shutdown(socket.SHUT_WR)
+                return s.recv(16)
+            except (ConnectionResetError, BrokenPipeError):
+                return b""  # closed with our bytes unread
+
     def start_peer(self, peer, *args):
         """Starts tests/peers/PEER.py answering from PEER.json (script())
         and recording into PEER.jsonl; returns what its ready file says."""
@@ -301,28 +313,16 @@ class MonitorTest(unittest.TestCase):
             "half a request": b"\x42\x10\x00\x06act",
         }
 
-        def send_raw(data):
-            """Sends `data`, closes our side; the daemon must drop us unanswered."""
-            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-                s.settimeout(10)
-                s.connect(box.socket)
-                try:
-                    s.sendall(data)
-                    s.shutdown(socket.SHUT_WR)
-                    self.assertEqual(b"", s.recv(16))
-                except (ConnectionResetError, BrokenPipeError):
-                    pass  # closed with our bytes unread
-
         # Warm up every path once before the memory baseline.
         for data in bad.values():
-            send_raw(data)
+            self.assertEqual(b"", box.send_raw(data))
         before_files = box.files()
         before_root = set(os.listdir("/"))
         rss_before = vm_rss_kib(pid)
         for _ in range(5):
             for name, data in bad.items():
                 with self.subTest(input=name):
-                    send_raw(data)
+                    self.assertEqual(b"", box.send_raw(data))
                     self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
         rss_after = vm_rss_kib(pid)
         self.assertEqual([pid], box.daemons())
@@ -360,14 +360,7 @@ class MonitorTest(unittest.TestCase):
                 self.assertLess(time.monotonic() - t0, 11.0)
 
         # Four million empty arrays: 8 MiB on the wire, far more in memory.
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-            s.settimeout(20)
-            s.connect(box.socket)
-            try:
-                s.sendall(b"\x41" + b"\x41\x40" * 4000000 + b"\x40")
-                self.assertEqual(b"", s.recv(16))  # dropped unanswered
-            except OSError:
-                pass  # dropped before all of it went
+        self.assertEqual(b"", box.send_raw(b"\x41" + b"\x41\x40" * 4000000 + b"\x40"))
         self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
         self.assertTrue(wait_for(lambda: "refused" in box.log_text()), box.log_text())
         self.assertEqual(1, box.log_text().count("bytes of memory, refused"))
