@@ -64,8 +64,7 @@ TEST_F(FilterFileTest, WrittenTextAndQuoting) {
   FilterFile f;
   f.Lock();
   FilterConfig& c = f.config();
-  c.version.major = 1;
-  c.version.minor = 3;
+  c.version = {1, 3};
   SetString(&c.common.black_char, "\\/:*?\"<>|");
   for (const char* p : {"a1", "a2", "a3", "a4", "a5"}) Add(&c.common.black_prefix, p);
   Add(&c.common.black_dir_prefix, "@eaDir");
