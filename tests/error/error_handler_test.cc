@@ -155,7 +155,8 @@ TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
 }
 
 TEST_F(ErrorHandlerTest, ServerChanges) {
-  const std::string kResync = "remove_session s1, reload_connection c1, add_session s1, add_event s1/4";
+  const std::string kResync =
+      "remove_session s1, reload_connection c1, add_session s1, add_event s1/4";
   const std::string kChanged = " /  / ErrorHandler::HandleServerVersionChanged: ";
   const struct {
     const char* name;
