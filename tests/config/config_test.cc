@@ -249,10 +249,11 @@ TEST_F(ServiceSettingTest, VolumeAndPaths) {
   ASSERT_EQ(0, setting.GetSessionRootDir(&root) | setting.GetFilterDbPath(&filter) |
                    setting.GetSessionDir(18446744073709551615ull, &big) |
                    setting.GetSessionDbDir(42, &db) | setting.GetSessionConfDir(42, &conf));
-  EXPECT_EQ("/volume2/@FernboxTandem/session /volume2/@FernboxTandem/db/filter.sqlite "
-            "/volume2/@FernboxTandem/session/18446744073709551615 "
-            "/volume2/@FernboxTandem/session/42/db /volume2/@FernboxTandem/session/42/conf",
-            root + " " + filter + " " + big + " " + db + " " + conf);
+  EXPECT_EQ(
+      "/volume2/@FernboxTandem/session /volume2/@FernboxTandem/db/filter.sqlite "
+      "/volume2/@FernboxTandem/session/18446744073709551615 "
+      "/volume2/@FernboxTandem/session/42/db /volume2/@FernboxTandem/session/42/conf",
+      root + " " + filter + " " + big + " " + db + " " + conf);
 }
 
 TEST_F(ServiceSettingTest, LockIsExclusiveAcrossDescriptors) {

@@ -33,7 +33,7 @@ class WorkerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Daemon::SetSignalHandler(SIGTERM, Daemon::stop);  // SIGTERM wakes a worker
-    setenv("VESTA_ROOT", dir_.path().c_str(), 1);  // no sync daemon answers there
+    setenv("VESTA_ROOT", dir_.path().c_str(), 1);     // no sync daemon answers there
     Logger::Init(Logger::kFile, dir_.File("test.log"), dir_.Write("levels", "monitor_daemon=7\n"),
                  50, 1);
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));

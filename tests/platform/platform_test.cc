@@ -25,12 +25,12 @@ std::string Lookup(const std::string& path, const char* key, size_t size = 256) 
 TEST(KlibFileTest, ValuesUnsetKeysAndRefusals) {
   TempDir dir;
   const std::string list(9000, 'u');
-  const std::string path = dir.Write("service.conf",
-                                     "# written by the package\nvolume=/volume1\n"
-                                     "label = \"two words\"\nsingle='x y'\n"
-                                     "volume2 = /volume2   # trailing comment\n"
-                                     "deny_users=x\ndeny_users=\nquoted=\"\"\n"
-                                     "rw_users=" + list + ",alice\n");
+  const std::string path =
+      dir.Write("service.conf",
+                "# written by the package\nvolume=/volume1\nlabel = \"two words\"\n"
+                "single='x y'\nvolume2 = /volume2   # trailing comment\n"
+                "deny_users=x\ndeny_users=\nquoted=\"\"\nrw_users=" +
+                    list + ",alice\n");
   const std::string broken = dir.Write("broken.conf", "volume=/volume1\nthis line is wrong\n");
   auto error = [](int code) { return "<" + std::to_string(code) + ">"; };
   const struct {
