@@ -10,10 +10,10 @@
 #include <string>
 #include <thread>
 
-#include "log/logger.h"
 #include "stream/PObject.h"
 #include "stream/stream.h"
 #include "tests/common/temp_dir.h"
+#include "tests/db/db_test_util.h"
 
 namespace {
 
@@ -42,15 +42,8 @@ PObject ServeOne(IPCServer* server, PObject reply = PObject(), bool answer = tru
 
 class IPCTest : public ::testing::Test {
  protected:
-  void SetUp() override { Logger::Init(Logger::kFile, dir_.File("test.log"), "", 2, 0); }
-  void TearDown() override { Logger::Shutdown(); }
-
-  std::string Log() {
-    fflush(Logger::log_fp);
-    return ReadFile(dir_.File("test.log"));
-  }
-
   TempDir dir_;
+  LogCapture log_{dir_, ""};
   const std::string path_ = dir_.File("monitor.sock");
 };
 
@@ -109,7 +102,7 @@ TEST_F(IPCTest, FailuresLeaveNothingBehindAndWaitsEnd) {
   IPCServer server;
   EXPECT_EQ(-1, server.Listen("", 4));
   EXPECT_EQ(-1, server.Listen(dir_.File("no/such/dir/sock"), 4));
-  EXPECT_NE(std::string::npos, Log().find("bind: No such file or directory (2)"));
+  EXPECT_NE(std::string::npos, log_.Take().find("bind: No such file or directory (2)"));
   EXPECT_FALSE(server.IsListening());
   EXPECT_EQ(-1, server.Accept());
 
