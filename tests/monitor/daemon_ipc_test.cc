@@ -10,7 +10,6 @@
 #include "gtest/gtest.h"
 #include "ipc/daemon_ipc.h"
 #include "json/json.h"
-#include "log/logger.h"
 #include "stream/PObject.h"
 #include "tests/common/sync_daemon_peer.h"
 #include "tests/common/temp_dir.h"
@@ -20,14 +19,8 @@ namespace {
 
 class DaemonIpcTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    Logger::Init(Logger::kFile, dir_.File("test.log"), "", 50, 1);
-    ASSERT_TRUE(peer_.started()) << "simulated daemon did not start";
-  }
-  void TearDown() override {
-    Logger::Shutdown();
-    unsetenv("VESTA_ROOT");
-  }
+  void SetUp() override { ASSERT_TRUE(peer_.started()) << "simulated daemon did not start"; }
+  void TearDown() override { unsetenv("VESTA_ROOT"); }
 
   bool Logged(const std::string& text) {
     return ReadFile(dir_.File("test.log")).find(text) != std::string::npos;
@@ -52,6 +45,7 @@ class DaemonIpcTest : public ::testing::Test {
   }
 
   TempDir dir_;
+  LogCapture log_{dir_, ""};
   const std::string volume_ = MakeVestaRoot(dir_);
   SyncDaemonPeer peer_{dir_};
 };

@@ -11,11 +11,11 @@
 
 #include "db/system-db.h"
 #include "gtest/gtest.h"
-#include "log/logger.h"
 #include "monitor/vesta-monitor.h"
 #include "stream/PObject.h"
 #include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
+#include "tests/db/db_test_util.h"
 
 namespace {
 
@@ -34,13 +34,10 @@ class WorkerTest : public ::testing::Test {
   void SetUp() override {
     Daemon::SetSignalHandler(SIGTERM, Daemon::stop);  // SIGTERM wakes a worker
     setenv("VESTA_ROOT", dir_.path().c_str(), 1);     // no sync daemon answers there
-    Logger::Init(Logger::kFile, dir_.File("test.log"), dir_.Write("levels", "monitor_daemon=7\n"),
-                 50, 1);
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
   }
   void TearDown() override {
     SystemDB::deinitialize();
-    Logger::Shutdown();
     Daemon::daemon_run.store(1);
     unsetenv("VESTA_ROOT");
   }
@@ -48,6 +45,7 @@ class WorkerTest : public ::testing::Test {
   std::string Sql(const std::string& sql) { return SqliteShell(dir_.File("system.sqlite"), sql); }
 
   TempDir dir_;
+  LogCapture log_{dir_, "monitor_daemon=7\n"};
 };
 
 // Watches what the status passes hand to HandleError, on a clock the test sets.
