@@ -1,5 +1,4 @@
-// Base64 against published vectors in the standard mode the daemon uses
-// (the other three round trip), the output limit and the decoder's refusals.
+// Base64 against published vectors, its output limit and its refusals.
 #include "db/base64.h"
 
 #include <string>

@@ -1,5 +1,4 @@
-// ConnectionUpdater on an event database made here with the tables the
-// sync daemon creates, and remove_signature on a signature tree.
+// ConnectionUpdater on an event database with the sync daemon's tables.
 #include "db/connection-updater.h"
 
 #include <unistd.h>
@@ -22,7 +21,7 @@ class ConnectionUpdaterTest : public ::testing::Test {
                           "scan_path_table", "other_table"}) {
       sql += std::string("CREATE TABLE ") + t + " (x INTEGER); INSERT INTO " + t + " VALUES (1), (2);";
     }
-    Sql(path_, sql);
+    SqliteShell(path_, sql);
   }
 
   // The signature tree, one path a line.
@@ -37,13 +36,14 @@ class ConnectionUpdaterTest : public ::testing::Test {
 
 TEST_F(ConnectionUpdaterTest, OpenClearAndSyncId) {
   ConnectionUpdater closed;
-  EXPECT_EQ(-1, closed.ClearEvents());
-  EXPECT_EQ(-1, closed.SetSyncId(0));
-  EXPECT_TRUE(log_.Contains("database is not opened"));
-  EXPECT_EQ(-1, closed.Open(dir_.File("db/missing.sqlite")));
-  EXPECT_TRUE(log_.Contains("sess db path '" + dir_.File("db/missing.sqlite") +
-                            "' does not exist"));
-  EXPECT_NE(0, access(dir_.File("db/missing.sqlite").c_str(), F_OK));
+  const std::string missing = dir_.File("db/missing.sqlite");
+  log_.ExpectEach({
+      {[&] { return closed.ClearEvents(); }, -1, "ERROR database is not opened"},
+      {[&] { return closed.SetSyncId(0); }, -1, "ERROR database is not opened"},
+      {[&] { return closed.Open(missing); }, -1,
+       "ERROR sess db path '" + missing + "' does not exist"},
+  });
+  EXPECT_NE(0, access(missing.c_str(), F_OK));
   EXPECT_EQ(nullptr, closed.db());
 
   ConnectionUpdater u;
@@ -51,26 +51,27 @@ TEST_F(ConnectionUpdaterTest, OpenClearAndSyncId) {
   EXPECT_EQ(dir_.path() + "/db/sign", u.signature_dir());
   sqlite3* first = u.db();
   EXPECT_EQ(0, u.Open(dir_.File("db/other.sqlite")));
-  EXPECT_TRUE(log_.Contains("database is already opened"));
+  EXPECT_NE(std::string::npos, log_.Take().find("database is already opened"));
   EXPECT_EQ(first, u.db());
 
   const std::string kCounts =
       "SELECT (SELECT count(*) FROM event_table), (SELECT count(*) FROM local_filter_table), "
       "(SELECT count(*) FROM server_filter_table), (SELECT count(*) FROM other_table);";
   // One transaction: a failing delete leaves every table as it was.
-  Sql(path_, "DROP TABLE scan_path_table;");
+  SqliteShell(path_, "DROP TABLE scan_path_table;");
   EXPECT_EQ(-1, u.ClearEvents());
-  EXPECT_TRUE(log_.Contains("sqlite3_exec: [1] no such table: scan_path_table"));
-  EXPECT_EQ("2|2|2|2\n", Sql(path_, kCounts));
-  Sql(path_, "CREATE TABLE scan_path_table (x INTEGER); INSERT INTO scan_path_table VALUES (1);");
+  EXPECT_NE(std::string::npos, log_.Take().find("sqlite3_exec: [1] no such table: scan_path_table"));
+  EXPECT_EQ("2|2|2|2", SqliteShell(path_, kCounts));
+  SqliteShell(path_, "CREATE TABLE scan_path_table (x INTEGER); INSERT INTO scan_path_table VALUES (1);");
 
   ASSERT_EQ(0, u.ClearEvents());
-  EXPECT_EQ("0|0|0|2\n0\n", Sql(path_, kCounts + "SELECT count(*) FROM scan_path_table;"));
+  EXPECT_EQ("0|0|0|2\n0", SqliteShell(path_, kCounts + "SELECT count(*) FROM scan_path_table;"));
 
   ASSERT_EQ(0, u.SetSyncId(0));
-  EXPECT_EQ("sync_id|0\nversion|5\n", Sql(path_, "SELECT key, value FROM config_table ORDER BY key;"));
+  EXPECT_EQ("sync_id|0\nversion|5", SqliteShell(path_, "SELECT key, value FROM config_table ORDER BY key;"));
   ASSERT_EQ(0, u.SetSyncId(18446744073709551615ull));
-  EXPECT_EQ("18446744073709551615\n", Sql(path_, "SELECT value FROM config_table WHERE key = 'sync_id';"));
+  EXPECT_EQ("18446744073709551615",
+            SqliteShell(path_, "SELECT value FROM config_table WHERE key = 'sync_id';"));
 }
 
 TEST_F(ConnectionUpdaterTest, RemoveSignature) {
@@ -110,9 +111,10 @@ TEST_F(ConnectionUpdaterTest, RemoveSignature) {
   EXPECT_EQ(".0a\n.35\n01\n01/.00\n12\n12/.35\n12/ab\n12/ab/.57\n", Tree());
 
   // Used from a statement over rows, the way the daemon's tables call it.
-  Sql(path_, "CREATE TABLE nodes (node INTEGER); INSERT INTO nodes VALUES (10), (256);");
+  SqliteShell(path_, "CREATE TABLE nodes (node INTEGER); INSERT INTO nodes VALUES (10), (256);");
   ASSERT_EQ(SQLITE_OK, sqlite3_exec(u.db(), "SELECT remove_signature(node) FROM nodes;",
                                     nullptr, nullptr, nullptr));
   EXPECT_EQ(".35\n01\n12\n12/.35\n12/ab\n12/ab/.57\n", Tree());
 }
+
 }  // namespace

@@ -1,6 +1,4 @@
-// Filter files (written text pinned literally, write-then-load of every
-// byte value, the load rules), the filter database clean-up and the
-// encryption-driven maximum name length.
+// Filter files, the filter database clean-up and the maximum name length.
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -14,6 +12,7 @@
 #include "db/filter-db-util.h"
 #include "db/system-db.h"
 #include "gtest/gtest.h"
+#include "tests/common/sync_daemon_peer.h"
 #include "tests/common/temp_dir.h"
 #include "tests/db/db_test_util.h"
 
@@ -29,36 +28,27 @@ void SetString(char** field, const std::string& value) {
 }
 
 std::vector<std::string> Items(const ConfigStringSet& set) {
-  std::vector<std::string> v;
-  for (size_t i = 0; i < set.count; ++i) v.push_back(set.items[i]);
-  return v;
+  return std::vector<std::string>(set.items, set.items + set.count);
 }
 
-std::string Str(const char* s) { return s ? s : "<null>"; }
-
-// Compares every field of two configs.
-void ExpectSameConfig(const FilterConfig& a, const FilterConfig& b) {
-  EXPECT_EQ(a.version.major, b.version.major);
-  EXPECT_EQ(a.version.minor, b.version.minor);
-  EXPECT_EQ(Str(a.common.black_char), Str(b.common.black_char));
-  EXPECT_EQ(Items(a.common.black_prefix), Items(b.common.black_prefix));
-  EXPECT_EQ(Items(a.common.black_suffix), Items(b.common.black_suffix));
-  EXPECT_EQ(Items(a.common.black_name), Items(b.common.black_name));
-  EXPECT_EQ(Items(a.common.black_dir_prefix), Items(b.common.black_dir_prefix));
-  EXPECT_EQ(a.common.max_length, b.common.max_length);
-  EXPECT_EQ(a.common.max_path, b.common.max_path);
-  EXPECT_EQ(Str(a.file.black_char), Str(b.file.black_char));
-  EXPECT_EQ(Items(a.file.black_prefix), Items(b.file.black_prefix));
-  EXPECT_EQ(Items(a.file.black_suffix), Items(b.file.black_suffix));
-  EXPECT_EQ(Items(a.file.black_glob), Items(b.file.black_glob));
-  EXPECT_EQ(Items(a.file.black_ext), Items(b.file.black_ext));
-  EXPECT_EQ(Items(a.file.black_name), Items(b.file.black_name));
-  EXPECT_EQ(a.file.max_size, b.file.max_size);
-  EXPECT_EQ(Str(a.directory.black_char), Str(b.directory.black_char));
-  EXPECT_EQ(Items(a.directory.black_name), Items(b.directory.black_name));
-  EXPECT_EQ(Items(a.directory.black_prefix), Items(b.directory.black_prefix));
-  EXPECT_EQ(Items(a.directory.black_suffix), Items(b.directory.black_suffix));
-  EXPECT_EQ(Items(a.ea.black_ea_name), Items(b.ea.black_ea_name));
+// Every field of a config, each text with its length before it.
+std::string Render(const FilterConfig& c) {
+  std::string out = std::to_string(c.version.major) + "." + std::to_string(c.version.minor) + " " +
+                    std::to_string(c.common.max_length) + " " + std::to_string(c.common.max_path) +
+                    " " + std::to_string(c.file.max_size);
+  auto add = [&out](const char* text) {
+    out += text ? " " + std::to_string(strlen(text)) + ":" + text : std::string(" <null>");
+  };
+  for (const char* text : {c.common.black_char, c.file.black_char, c.directory.black_char}) add(text);
+  for (const ConfigStringSet* set :
+       {&c.common.black_prefix, &c.common.black_suffix, &c.common.black_name,
+        &c.common.black_dir_prefix, &c.file.black_prefix, &c.file.black_suffix, &c.file.black_glob,
+        &c.file.black_ext, &c.file.black_name, &c.directory.black_name, &c.directory.black_prefix,
+        &c.directory.black_suffix, &c.ea.black_ea_name}) {
+    out += " |";
+    for (const std::string& item : Items(*set)) add(item.c_str());
+  }
+  return out;
 }
 
 class FilterFileTest : public ::testing::Test {
@@ -74,8 +64,7 @@ TEST_F(FilterFileTest, WrittenTextAndQuoting) {
   FilterFile f;
   f.Lock();
   FilterConfig& c = f.config();
-  c.version.major = 1;
-  c.version.minor = 3;
+  c.version = {1, 3};
   SetString(&c.common.black_char, "\\/:*?\"<>|");
   for (const char* p : {"a1", "a2", "a3", "a4", "a5"}) Add(&c.common.black_prefix, p);
   Add(&c.common.black_dir_prefix, "@eaDir");
@@ -88,35 +77,18 @@ TEST_F(FilterFileTest, WrittenTextAndQuoting) {
   f.Unlock();
   ASSERT_EQ(0, f.Write(dir_.File("blacklist.filter")));
   EXPECT_EQ(
-      "[Version]\n"
-      "major = 1\n"
-      "minor = 3\n"
-      "\n"
-      "[Common]\n"
-      "black_char = \"\\\\/:*?\\\"<>|\"\n"
-      "black_prefix = \"a1\", \"a2\", \"a3\", \"a4\", \"a5\"\n"
-      "\n"
-      "black_dir_prefix = \"\\x40eaDir\"\n"
-      "max_length = 255\n"
-      "max_path = 0\n"
-      "\n"
-      "[File]\n"
-      "black_ext = \"e1\", \"e2\", \"e3\", \"e4\", \"e5\", \n"
-      "\"e6\", \"e7\"\n"
+      "[Version]\nmajor = 1\nminor = 3\n\n"
+      "[Common]\nblack_char = \"\\\\/:*?\\\"<>|\"\n"
+      "black_prefix = \"a1\", \"a2\", \"a3\", \"a4\", \"a5\"\n\nblack_dir_prefix = \"\\x40eaDir\"\nmax_length = 255\nmax_path = 0\n\n"
+      "[File]\nblack_ext = \"e1\", \"e2\", \"e3\", \"e4\", \"e5\", \n\"e6\", \"e7\"\n"
       "black_name = \"tab\\there \\x24HOME \\x40x \\x60y\\x60\"\n"
-      "black_glob = \"\\x01\\x1f\\x7f\\x80\\xff\\n\\v\\f\\x0d\"\n"
-      "max_size = 1099511627776\n"
-      "\n"
-      "[Directory]\n"
-      "\n"
-      "[EA]\n"
-      "black_ea_name = \"user.x\"\n"
-      "\n",
+      "black_glob = \"\\x01\\x1f\\x7f\\x80\\xff\\n\\v\\f\\x0d\"\nmax_size = 1099511627776\n\n"
+      "[Directory]\n\n[EA]\nblack_ea_name = \"user.x\"\n\n",
       ReadFile(dir_.File("blacklist.filter")));
 
   FilterFile back;
   ASSERT_EQ(0, back.Load(dir_.File("blacklist.filter")));
-  ExpectSameConfig(f.config(), back.config());
+  EXPECT_EQ(Render(f.config()), Render(back.config()));
 
   EXPECT_EQ(-1, f.Write(dir_.File("missing/blacklist.filter")));
 }
@@ -138,7 +110,7 @@ TEST_F(FilterFileTest, EveryByteValueRoundTrips) {
   ASSERT_EQ(0, f.Write(dir_.File("f")));
   FilterFile back;
   ASSERT_EQ(0, back.Load(dir_.File("f")));
-  ExpectSameConfig(f.config(), back.config());
+  EXPECT_EQ(Render(f.config()), Render(back.config()));
 
   // An escaped text over 4095 bytes is cut at a whole escape; a line of
   // five such values (over 20,000 bytes) reads back.
@@ -179,23 +151,25 @@ TEST_F(FilterFileTest, LoadRulesAliasesAndMaxima) {
       "[Common]\nblack_path_prefix_selective_sync = \"p\"\nmax_length = 143\n"
       "[File]\nblack_ext_selective_sync = \"x\"\nblack_name_selective_sync = \"n\"\n"
       "max_size_selective_sync = 10\nfuture_key = \"?\"\n";
+  const std::string later = dir_.Write("later", "[Version]\nmajor = 1\nminor = 2\n" + body);
+  const std::string kEmpty = Render(FilterFile().config());
   FilterFile f;
-  ASSERT_EQ(0, f.Load(dir_.Write("later", "[Version]\nmajor = 1\nminor = 2\n" + body)));
-  EXPECT_EQ((std::vector<std::string>{"p"}), Items(f.config().common.black_dir_prefix));
-  EXPECT_EQ((std::vector<std::string>{"x"}), Items(f.config().file.black_ext));
-  EXPECT_EQ((std::vector<std::string>{"n"}), Items(f.config().file.black_name));
-  EXPECT_EQ(10u, f.config().file.max_size);
+  ASSERT_EQ(0, f.Load(later));
+  EXPECT_EQ("1.2 143 0 10 <null> <null> <null> | | | | 1:p | | | | 1:x | 1:n | | | |",
+            Render(f.config()));
   // The alias keys are never written.
   ASSERT_EQ(0, f.Write(dir_.File("out")));
   EXPECT_EQ(std::string::npos, ReadFile(dir_.File("out")).find("selective_sync"));
 
-  // Unknown keys in a file of minor 0, or of another major: refused, emptied.
-  EXPECT_EQ(-1, f.Load(dir_.Write("minor0", "[Version]\nmajor = 1\nminor = 0\n" + body)));
-  EXPECT_EQ(0u, f.config().common.black_dir_prefix.count);
-  EXPECT_EQ(0u, f.config().common.max_length);
-  EXPECT_EQ(-1, f.Load(dir_.Write("major2", "[Version]\nmajor = 2\nminor = 1\n" + body)));
-  EXPECT_EQ(-1, f.Load(dir_.Write("broken", "[Version]\nmajor = 1\n[Common]\nmax_length = x\n")));
-  EXPECT_EQ(0, f.config().version.major);
+  // Unknown keys in a file of minor 0, or of another major, and a broken
+  // file: refused, emptied.
+  for (const std::string& bad : {"[Version]\nmajor = 1\nminor = 0\n" + body,
+                                 "[Version]\nmajor = 2\nminor = 1\n" + body,
+                                 std::string("[Version]\nmajor = 1\n[Common]\nmax_length = x\n")}) {
+    ASSERT_EQ(0, f.Load(later));
+    EXPECT_EQ(-1, f.Load(dir_.Write("bad", bad))) << bad;
+    EXPECT_EQ(kEmpty, Render(f.config())) << bad;
+  }
   EXPECT_EQ(-1, f.Load(dir_.File("absent")));
   // Without unknown keys any version loads.
   ASSERT_EQ(0, f.Load(dir_.Write("plain", "[Version]\nmajor = 0\nminor = 0\n[EA]\n")));
@@ -204,16 +178,14 @@ TEST_F(FilterFileTest, LoadRulesAliasesAndMaxima) {
   EXPECT_EQ(0, f.SetMaximum(kFilterMaxPath, 4095));
   EXPECT_EQ(-1, f.SetMaximum(9, 1));
   EXPECT_EQ(-1, f.SetMaximum(0, 1));
-  EXPECT_EQ(143u, f.config().common.max_length);
-  EXPECT_EQ(4095u, f.config().common.max_path);
-  EXPECT_EQ(0u, f.config().file.max_size);
+  EXPECT_EQ("0.0 143 4095 0", Render(f.config()).substr(0, 14));
 }
 
 TEST_F(FilterFileTest, CleanUpFilterDatabase) {
   LogCapture log(dir_);
   const std::string db = dir_.File("filter.sqlite");
   EXPECT_EQ(0, CleanUpFilterDBBySession(db, 3));
-  EXPECT_TRUE(log.HasLine("INFO", "filter db is not exist"));
+  EXPECT_TRUE(log.Logged("INFO filter db is not exist"));
   EXPECT_NE(0, access(db.c_str(), F_OK));
 
   const std::string table =
@@ -222,7 +194,7 @@ TEST_F(FilterFileTest, CleanUpFilterDatabase) {
       "IGNORE); INSERT INTO ";
   const std::string rows = " VALUES (3, 1, 1, 'a'), (3, 1, 2, 'b'), (4, 1, 1, 'a');";
   for (const char* t : {"white_list_table", "filter_table", "filter_range_table"}) {
-    Sql(db, std::string("CREATE TABLE ") + t + table + t + rows);
+    SqliteShell(db, std::string("CREATE TABLE ") + t + table + t + rows);
   }
   {
     SqliteHandle handle;
@@ -232,21 +204,22 @@ TEST_F(FilterFileTest, CleanUpFilterDatabase) {
     EXPECT_FALSE(IsTableExist(handle.get(), "filter_table' OR '1'='1"));
   }
   ASSERT_EQ(0, CleanUpFilterDBBySession(db, 3));
-  EXPECT_TRUE(log.HasLine("DEBUG", "CleanUpFilterDBBySession Done '" + db + "' 3"));
-  EXPECT_EQ("4\n4\n3\n", Sql(db, "SELECT group_concat(sess_id) FROM filter_table; SELECT "
-                              "group_concat(sess_id) FROM filter_range_table; SELECT count(*) "
-                              "FROM white_list_table;"));
+  EXPECT_TRUE(log.Logged("DEBUG CleanUpFilterDBBySession Done '" + db + "' 3"));
+  const char kLeft[] = "SELECT group_concat(sess_id) FROM filter_table; SELECT "
+                       "group_concat(sess_id) FROM filter_range_table; SELECT count(*) FROM "
+                       "white_list_table;";
+  EXPECT_EQ("4\n4\n3", SqliteShell(db, kLeft));
 
   // Without filter_range_table nothing is deleted.
-  Sql(db, "DROP TABLE filter_range_table; INSERT INTO filter_table" + rows);
+  SqliteShell(db, "DROP TABLE filter_range_table; INSERT INTO filter_table" + rows);
   EXPECT_EQ(0, CleanUpFilterDBBySession(db, 3));
-  EXPECT_TRUE(log.Contains("Filter event table does not exist, bail out"));
-  EXPECT_EQ("3\n", Sql(db, "SELECT count(*) FROM filter_table;"));
+  EXPECT_NE(std::string::npos, log.Take().find("Filter event table does not exist, bail out"));
+  EXPECT_EQ("3", SqliteShell(db, "SELECT count(*) FROM filter_table;"));
 
   // A file that is not a database: no tables can be seen, nothing to do.
   const std::string junk = dir_.Write("junk.sqlite", std::string(4096, 'j'));
   EXPECT_EQ(0, CleanUpFilterDBBySession(junk, 3));
-  EXPECT_TRUE(log.HasLine("ERROR", "IsTableExist: sqlite3_prepare_v2: file is not a database (26)"));
+  EXPECT_TRUE(log.Logged("ERROR IsTableExist: sqlite3_prepare_v2: file is not a database (26)"));
 }
 
 // The maximum name length follows the encryption state of the session's
@@ -254,43 +227,42 @@ TEST_F(FilterFileTest, CleanUpFilterDatabase) {
 TEST_F(FilterFileTest, MaxLengthFollowsTheEncryptionState) {
   LogCapture log(dir_);
   ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
-  Sql(dir_.File("system.sqlite"), "INSERT INTO session_table (id, is_encryption) VALUES (1, 1), (2, 0);");
+  SqliteShell(dir_.File("system.sqlite"),
+              "INSERT INTO session_table (id, is_encryption) VALUES (1, 1), (2, 0);");
   const struct {
     uint64_t session;
     uint64_t before, after;
   } kCases[] = {{1, 0, 143}, {1, 255, 255}, {2, 0, 0}, {2, 143, 0}};
   for (const auto& c : kCases) {
+    SCOPED_TRACE(std::to_string(c.session) + " " + std::to_string(c.before));
     const std::string path = dir_.Write("f", "[Version]\nmajor = 1\nminor = 1\n[Common]\nmax_length = " +
                                                  std::to_string(c.before) + "\n[EA]\nblack_ea_name = \"k\"\n");
     const std::string text = ReadFile(path);
-    ASSERT_EQ(0, SetSessionFilterMaxLength(c.session, path)) << c.session << " " << c.before;
+    ASSERT_EQ(0, SetSessionFilterMaxLength(c.session, path));
     FilterFile f;
     ASSERT_EQ(0, f.Load(path));
-    EXPECT_EQ(c.after, f.config().common.max_length) << c.session << " " << c.before;
+    EXPECT_EQ(c.after, f.config().common.max_length);
     EXPECT_EQ((std::vector<std::string>{"k"}), Items(f.config().ea.black_ea_name));
-    EXPECT_EQ(c.before == c.after, text == ReadFile(path)) << c.session << " " << c.before;
+    EXPECT_EQ(c.before == c.after, text == ReadFile(path));
   }
   const std::string broken = dir_.Write("broken", "[Common]\nmax_length = x\n");
   EXPECT_EQ(-1, SetSessionFilterMaxLength(1, broken));
-  EXPECT_TRUE(log.HasLine("ERROR", "Failed to Load Filter."));
+  EXPECT_TRUE(log.Logged("ERROR Failed to Load Filter."));
   EXPECT_EQ("[Common]\nmax_length = x\n", ReadFile(broken));
 
   // The session's own file, found through the service configuration.
-  setenv("VESTA_ROOT", dir_.path().c_str(), 1);
-  const std::string volume = dir_.File("volume1"), etc = "var/packages/Fernbox/etc/tandem";
-  const std::string conf = volume + "/@FernboxTandem/session/1/conf";
-  ASSERT_EQ(0, system(("mkdir -p '" + dir_.File(etc) + "' '" + conf + "'").c_str()));
-  dir_.Write(etc + "/service.conf", "volume=" + volume + "\n");
+  const std::string conf = MakeVestaRoot(dir_) + "/@FernboxTandem/session/1/conf";
   EXPECT_EQ(-1, ApplySessionFilterMaxLength(1));
-  EXPECT_TRUE(log.HasLine("ERROR", "blacklist path '" + conf + "/blacklist.filter' is not exists"));
+  EXPECT_TRUE(log.Logged("ERROR blacklist path '" + conf + "/blacklist.filter' is not exists"));
+  ASSERT_EQ(0, system(("mkdir -p " + conf).c_str()));
   dir_.Write("volume1/@FernboxTandem/session/1/conf/blacklist.filter", "[Version]\nmajor = 1\n");
   ASSERT_EQ(0, ApplySessionFilterMaxLength(1));
   FilterFile f;
   ASSERT_EQ(0, f.Load(conf + "/blacklist.filter"));
   EXPECT_EQ(143u, f.config().common.max_length);
-  unlink(dir_.File(etc + "/service.conf").c_str());
+  unlink(dir_.File("var/packages/Fernbox/etc/tandem/service.conf").c_str());
   EXPECT_EQ(-1, ApplySessionFilterMaxLength(1));
-  EXPECT_TRUE(log.HasLine("ERROR", "get session conf folder path fail[id=1]"));
+  EXPECT_TRUE(log.Logged("ERROR get session conf folder path fail[id=1]"));
 }
 
 }  // namespace

@@ -1,6 +1,4 @@
-// The system database against real files: the schema as the sqlite3 shell
-// shows it, every operation with its path, flag and failure rules, the
-// proxy password against openssl, and several threads and another process.
+// The system database against real files, the sqlite3 shell and openssl.
 #include "db/system-db.h"
 
 #include <unistd.h>
@@ -13,6 +11,8 @@
 #include "tests/db/db_test_util.h"
 
 namespace {
+
+using DB = SystemDB;
 
 // One CREATE TABLE line of the shell's .schema.  A bare name is an
 // "INTEGER DEFAULT 0" column, a name ending in "'" a "TEXT DEFAULT ''" one;
@@ -62,14 +62,14 @@ const std::string kSchema =
            "backup_mode", "backup_days TEXT DEFAULT '1111111'", "backup_times", "backup_period",
            "do_missing_backup"}) +
     "CREATE INDEX session_table_name_idx ON session_table(share_name);\n"
-    "CREATE INDEX session_table_view_idx ON session_table(view_id);\n";
+    "CREATE INDEX session_table_view_idx ON session_table(view_id);";
 
 class SystemDBTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(0, SystemDB::initialize(path_)); }
   void TearDown() override { SystemDB::deinitialize(); }
 
-  std::string Sql(const std::string& sql) { return ::Sql(path_, sql); }
+  std::string Sql(const std::string& sql) { return SqliteShell(path_, sql); }
 
   uint64_t AddConnection(const std::string& nx_id, int conn_type) {
     return std::stoull(Sql("INSERT INTO connection_table (nx_id, conn_type, server_name) VALUES ('" +
@@ -89,26 +89,39 @@ class SystemDBTest : public ::testing::Test {
   std::string path_ = dir_.File("system.sqlite");
 };
 
-TEST_F(SystemDBTest, SchemaSeedsAndReopening) {
+TEST_F(SystemDBTest, SchemaSeedsOpeningAndReopening) {
   const char kSeeds[] = "SELECT key, value FROM system_table ORDER BY rowid;";
   EXPECT_EQ(kSchema, Sql(".schema"));
   EXPECT_EQ("release_version|31\nsync_temp_file|0\nshow_on_demand_sync_promotion|1\n"
-            "enable_advanced_log|0\n",
+            "enable_advanced_log|0",
             Sql(kSeeds));
-  EXPECT_TRUE(log_.HasLine("INFO", "SystemDB has been initialized with location '" + path_ + "'"));
+  EXPECT_EQ("INFO SystemDB has been initialized with location '" + path_ + "'\n", log_.Take());
 
   // A second open while open is a no-op; so is a second close.
   sqlite3* handle = SystemDB::m_db;
   EXPECT_EQ(0, SystemDB::initialize(dir_.File("other.sqlite")));
   EXPECT_EQ(handle, SystemDB::m_db);
   EXPECT_EQ(path_, SystemDB::m_system_db_path);
-  EXPECT_TRUE(log_.HasLine("INFO", "SystemDB has been initialized (no-op)"));
+  EXPECT_EQ("INFO SystemDB has been initialized (no-op)\n", log_.Take());
   EXPECT_NE(0, access(dir_.File("other.sqlite").c_str(), F_OK));
   SystemDB::deinitialize();
   EXPECT_EQ(nullptr, SystemDB::m_db);
   EXPECT_EQ("", SystemDB::m_system_db_path);
   SystemDB::deinitialize();
-  EXPECT_TRUE(log_.HasLine("INFO", "SystemDB has been deinitialzed (no-op)"));
+  EXPECT_TRUE(log_.Logged("INFO SystemDB has been deinitialzed (no-op)"));
+
+  // A failed open leaves it closed.
+  const std::string missing = dir_.File("missing/dir/system.sqlite");
+  const std::string junk = dir_.Write("junk.sqlite", std::string(4096, 'x'));
+  log_.ExpectEach({
+      {[&] { return SystemDB::initialize(missing); }, -1,
+       "ERROR SystemDB: Failed to open database at '" + missing +
+           "'. [14] unable to open database file"},
+      {[&] { return SystemDB::initialize(junk); }, -1,
+       "ERROR SystemDB: Failed to initialize database at '" + junk +
+           "'. [26] file is not a database\nERROR initialize fail file is not a database"},
+  });
+  EXPECT_EQ(nullptr, SystemDB::m_db);
 
   // A file of an older version (a table missing, its own seeds and rows):
   // opening adds what is missing and keeps what is there.
@@ -117,145 +130,113 @@ TEST_F(SystemDBTest, SchemaSeedsAndReopening) {
       "'1'); INSERT INTO session_table (conn_id, sync_folder) VALUES (4, '/volume1/photo/');");
   ASSERT_EQ(0, SystemDB::initialize(path_));
   EXPECT_EQ("release_version|25\nenable_startup|1\nsync_temp_file|0\n"
-            "show_on_demand_sync_promotion|1\nenable_advanced_log|0\n",
+            "show_on_demand_sync_promotion|1\nenable_advanced_log|0",
             Sql(kSeeds));
-  EXPECT_EQ("1|4|/volume1/photo/\n0\n", Sql("SELECT id, conn_id, sync_folder FROM session_table;"
-                                            "SELECT count(*) FROM backup_plan_table;"));
-}
-
-TEST(SystemDBOpenTest, FailureLeavesItClosed) {
-  TempDir dir;
-  LogCapture log(dir);
-  const std::string missing = dir.File("missing/dir/system.sqlite");
-  const std::string junk = dir.Write("junk.sqlite", std::string(4096, 'x'));
-  log.ExpectEach({
-      {[&] { return SystemDB::initialize(missing); }, -1, "ERROR",
-       "SystemDB: Failed to open database at '" + missing + "'. [14] unable to open database file"},
-      {[&] { return SystemDB::initialize(junk); }, -1, "ERROR",
-       "initialize fail file is not a database"},
-  });
-  EXPECT_TRUE(log.HasLine("ERROR", "SystemDB: Failed to initialize database at '" + junk +
-                                       "'. [26] file is not a database"));
-  EXPECT_EQ(nullptr, SystemDB::m_db);
+  EXPECT_EQ("1|4|/volume1/photo/\n0", Sql("SELECT id, conn_id, sync_folder FROM session_table;"
+                                          "SELECT count(*) FROM backup_plan_table;"));
 }
 
 TEST_F(SystemDBTest, OneRowWritesAndTheirFailures) {
   uint64_t conn = AddConnection("NX1", 0);
   uint64_t sess = AddSession(conn, 7, "/docs/", "/volume1/docs/");
-  EXPECT_EQ(0, SystemDB::setSessionStatus(sess, 3));
-  EXPECT_EQ(0, SystemDB::setSessionErr(sess, -7));
-  EXPECT_EQ(0, SystemDB::setConnectionStatus(conn, 2));
-  EXPECT_EQ(0, SystemDB::setConnectionErr(conn, -12));
-  int ss = 0, se = 0, cs = 0, ce = 0, err = 0;
+  // Writes to missing rows (999) succeed and change nothing.
+  for (int rc : {SystemDB::setSessionStatus(sess, 3), SystemDB::setSessionErr(sess, -7),
+                 SystemDB::setConnectionStatus(conn, 2), SystemDB::setConnectionErr(conn, -12),
+                 SystemDB::setLinkByConnection(conn, 1), SystemDB::setSessionReadOnly(sess),
+                 SystemDB::updateUserInfo(conn, 4294967295u, 100, false),
+                 SystemDB::setSessionStatus(999, 1), SystemDB::setConnectionErr(999, 1)}) {
+    EXPECT_EQ(0, rc);
+  }
+  EXPECT_EQ("3|-7|1|2|-12|1|4294967295|100|0",
+            Sql("SELECT s.status, s.error, s.is_read_only, c.status, c.error, c.linked, "
+                "c.user_uid, c.user_gid, c.user_is_admin FROM session_table s, connection_table c"));
+  int ss = 0, se = 0, cs = 0, ce = 0, serr = 0, cerr = 0;
   ASSERT_EQ(0, SystemDB::getSessionStatusAndErr(sess, &ss, &se, &cs, &ce));
-  EXPECT_EQ((std::vector<int>{3, -7, 2, -12}), (std::vector<int>{ss, se, cs, ce}));
-  ASSERT_EQ(0, SystemDB::getSessionErr(sess, &err));
-  EXPECT_EQ(-7, err);
-  ASSERT_EQ(0, SystemDB::getConnectionErr(conn, &err));
-  EXPECT_EQ(-12, err);
-
-  // Writes to missing rows succeed and change nothing; reads of them fail.
-  EXPECT_EQ(0, SystemDB::setSessionStatus(999, 1));
-  EXPECT_EQ(0, SystemDB::setConnectionErr(999, 1));
-  uint64_t orphan = AddSession(555, 1, "/x/", "/volume1/x/");  // its connection has no row
-  log_.ExpectEach({
-      {[&] { return SystemDB::getSessionStatusAndErr(999, &ss, &se, &cs, &ce); }, -1, "DEBUG",
-       "cannnot get getSessionStatusAndErr 999"},
-      {[&] { return SystemDB::getSessionStatusAndErr(orphan, &ss, &se, &cs, &ce); }, -1, "DEBUG",
-       "cannnot get getSessionStatusAndErr " + std::to_string(orphan)},
-      {[&] { return SystemDB::getSessionErr(999, &err); }, -1, "WARNING",
-       "cannnot get error code for session 999"},
-      {[&] { return SystemDB::getConnectionErr(999, &err); }, -1, "WARNING",
-       "cannnot get error code for connection 999"},
-  });
-
-  EXPECT_EQ(0, SystemDB::setLinkByConnection(conn, 1));
-  EXPECT_EQ(0, SystemDB::updateUserInfo(conn, 4294967295u, 100, false));
-  ConnectionEntry e;
-  ASSERT_EQ(0, SystemDB::getConnectionEntryByConnID(conn, &e));
-  EXPECT_EQ(1, e.linked);
-  EXPECT_EQ(4294967295u, e.user_uid);
-  EXPECT_EQ(100u, e.user_gid);
-  EXPECT_FALSE(e.user_is_admin);
-
-  SessionInfo s;
-  EXPECT_EQ(0, SystemDB::setSessionReadOnly(sess));
-  ASSERT_EQ(0, SystemDB::getSessionInfoBySessionID(sess, &s));
-  EXPECT_TRUE(s.is_read_only);
+  ASSERT_EQ(0, SystemDB::getSessionErr(sess, &serr));
+  ASSERT_EQ(0, SystemDB::getConnectionErr(conn, &cerr));
+  EXPECT_EQ((std::vector<int>{3, -7, 2, -12, -7, -12}), (std::vector<int>{ss, se, cs, ce, serr, cerr}));
   EXPECT_EQ(0, SystemDB::clearSessionReadOnly(sess));
   EXPECT_EQ(0, SystemDB::setSessionEncryptionState(sess, true, false));
-  EXPECT_EQ("0|1|0\n", Sql("SELECT is_read_only, is_encryption, is_mounted FROM session_table "
-                           "WHERE id = " + std::to_string(sess)));
+  EXPECT_EQ("0|1|0", Sql("SELECT is_read_only, is_encryption, is_mounted FROM session_table "
+                         "WHERE id = " + std::to_string(sess)));
+
+  uint64_t orphan = AddSession(555, 1, "/x/", "/volume1/x/");  // its connection has no row
+  const std::string not_got = "DEBUG cannnot get getSessionStatusAndErr ";
+  log_.ExpectEach({
+      {[&] { return DB::getSessionStatusAndErr(999, &ss, &se, &cs, &ce); }, -1, not_got + "999"},
+      {[&] { return DB::getSessionStatusAndErr(orphan, &ss, &se, &cs, &ce); }, -1,
+       not_got + std::to_string(orphan)},
+      {[&] { return DB::getSessionErr(999, &se); }, -1,
+       "WARNING cannnot get error code for session 999"},
+      {[&] { return DB::getConnectionErr(999, &ce); }, -1,
+       "WARNING cannnot get error code for connection 999"},
+  });
 
   // A write that SQLite refuses fails with its own message and SQLite's code.
   Sql("CREATE TRIGGER s BEFORE UPDATE ON session_table BEGIN SELECT RAISE(ABORT, 'frozen'); "
       "END; CREATE TRIGGER c BEFORE UPDATE ON connection_table BEGIN SELECT "
       "RAISE(ABORT, 'frozen'); END;");
-  const std::string flags = "sqlite3_exec failed: ret = 19 [frozen]";
+  const std::string flags = "ERROR sqlite3_exec failed: ret = 19 [frozen]";
+  const std::string f = " fail ret = 19 frozen";
   ConnectionEntry entry;
   entry.nx_id = "NX1";
+  SessionInfo s;
+  ASSERT_EQ(0, DB::getSessionInfoBySessionID(sess, &s));
   log_.ExpectEach({
-      {[&] { return SystemDB::setSessionStatus(sess, 0); }, -1, "ERROR",
-       "setSessionStatus fail ret = 19 frozen"},
-      {[&] { return SystemDB::setConnectionStatus(conn, 0); }, -1, "ERROR",
-       "setConnectionStatus fail ret = 19 frozen"},
-      {[&] { return SystemDB::setSessionErr(sess, 0); }, -1, "ERROR",
-       "setSessionErr fail ret = 19 frozen"},
-      {[&] { return SystemDB::setConnectionErr(conn, 0); }, -1, "ERROR",
-       "setConnectionErr fail ret = 19 frozen"},
-      {[&] { return SystemDB::setLinkByConnection(conn, 0); }, -1, "ERROR",
-       "setLinkByConnection fail ret = 19 frozen"},
-      {[&] { return SystemDB::updateUserInfo(conn, 1, 1, true); }, -1, "ERROR",
-       "update user info of #" + std::to_string(conn) + " failed (19)"},
-      {[&] { return SystemDB::setSessionReadOnly(sess); }, -1, "ERROR", flags},
-      {[&] { return SystemDB::clearSessionReadOnly(sess); }, -1, "ERROR", flags},
-      {[&] { return SystemDB::setSessionEncryptionState(sess, false, true); }, -1, "ERROR", flags},
-      {[&] { return SystemDB::updateConnectionEntry(&entry, entry.proxy, entry.tunnel); }, -1,
-       "ERROR", "updateConnectionEntry fail ret = 19 frozen"},
-      {[&] { return SystemDB::updateSessionInfo(&s); }, -1, "ERROR",
-       "updateSessionInfo fail ret = 19 frozen"},
+      {[&] { return DB::setSessionStatus(sess, 0); }, -1, "ERROR setSessionStatus" + f},
+      {[&] { return DB::setConnectionStatus(conn, 0); }, -1, "ERROR setConnectionStatus" + f},
+      {[&] { return DB::setSessionErr(sess, 0); }, -1, "ERROR setSessionErr" + f},
+      {[&] { return DB::setConnectionErr(conn, 0); }, -1, "ERROR setConnectionErr" + f},
+      {[&] { return DB::setLinkByConnection(conn, 0); }, -1, "ERROR setLinkByConnection" + f},
+      {[&] { return DB::updateUserInfo(conn, 1, 1, true); }, -1,
+       "ERROR update user info of #" + std::to_string(conn) + " failed (19)"},
+      {[&] { return DB::setSessionReadOnly(sess); }, -1, flags},
+      {[&] { return DB::clearSessionReadOnly(sess); }, -1, flags},
+      {[&] { return DB::setSessionEncryptionState(sess, false, true); }, -1, flags},
+      {[&] { return DB::updateConnectionEntry(&entry, entry.proxy, entry.tunnel); }, -1,
+       "ERROR updateConnectionEntry" + f},
+      {[&] { return DB::updateSessionInfo(&s); }, -1, "ERROR updateSessionInfo" + f},
   });
 }
 
-// Tables renamed away by another process under the open handle: the first
-// statement finds out when stepped, the next ones when prepared; each read
-// fails with its own line, and the handle stays usable.
+// Tables renamed away under the open handle: found when stepped, then when
+// prepared; each read fails with its own line and the handle stays usable.
 TEST_F(SystemDBTest, ReadsWhoseTableIsGone) {
   const std::string kRename = "ALTER TABLE connection_table RENAME TO c_old;";
   Sql(kRename + "ALTER TABLE session_table RENAME TO s_old; ALTER TABLE system_table RENAME TO o;");
   int a, b, c, d;
   ConnectionEntry e;
   SessionInfo s;
-  std::list<SessionInfo> sessions;
+  std::list<SessionInfo> l;
   std::list<ConnectionEntry> entries;
   GeneralOptions o;
   const std::string session = ": sqlite3_prepare_v2: no such table: session_table (1)";
   const std::string connection = ": sqlite3_prepare_v2: no such table: connection_table (1)";
   log_.ExpectEach({
-      {[&] { return SystemDB::getConnectionEntryByConnID(1, &e); }, -1, "ERROR",
-       "sqlite3_step: [1] no such table: connection_table"},
-      {[&] { return SystemDB::getSessionStatusAndErr(1, &a, &b, &c, &d); }, -1, "ERROR",
-       "getSessionStatusAndErr" + session},
-      {[&] { return SystemDB::getSessionErr(1, &a); }, -1, "ERROR", "getSessionErr" + session},
-      {[&] { return SystemDB::getConnectionErr(1, &a); }, -1, "ERROR", connection.substr(2)},
-      {[&] { return SystemDB::getGeneralOptions(&o); }, -1, "ERROR",
-       "getGeneralOptions: sqlite3_prepare_v2: no such table: system_table (1)"},
-      {[&] { return SystemDB::getConnectionEntryByConnID(1, &e); }, -1, "ERROR",
-       "getConnectionEntryByConnID" + connection},
-      {[&] { return SystemDB::getSessionInfoBySessionID(1, &s); }, -1, "ERROR",
-       "getSessionInfoBySessionID" + session},
-      {[&] { return SystemDB::getSessionInfoBySyncFolder("/volume1/a", &s); }, -1, "ERROR",
-       "getSessionInfoBySessionID" + session},
-      {[&] { return SystemDB::getSessionListByConnectionID(&sessions, 1); }, -1, "ERROR",
-       "getSessionListByConnectionID" + session},
-      {[&] { return SystemDB::getLinkedConnectionEntryList(&entries); }, -1, "ERROR",
-       "getLinkedConnectionEntryList" + connection},
+      {[&] { return DB::getConnectionEntryByConnID(1, &e); }, -1,
+       "ERROR sqlite3_step: [1] no such table: connection_table"},
+      {[&] { return DB::getSessionStatusAndErr(1, &a, &b, &c, &d); }, -1,
+       "ERROR getSessionStatusAndErr" + session},
+      {[&] { return DB::getSessionErr(1, &a); }, -1, "ERROR getSessionErr" + session},
+      {[&] { return DB::getConnectionErr(1, &a); }, -1, "ERROR " + connection.substr(2)},
+      {[&] { return DB::getGeneralOptions(&o); }, -1,
+       "ERROR getGeneralOptions: sqlite3_prepare_v2: no such table: system_table (1)"},
+      {[&] { return DB::getConnectionEntryByConnID(1, &e); }, -1,
+       "ERROR getConnectionEntryByConnID" + connection},
+      {[&] { return DB::getSessionInfoBySessionID(1, &s); }, -1,
+       "ERROR getSessionInfoBySessionID" + session},
+      {[&] { return DB::getSessionInfoBySyncFolder("/a", &s); }, -1,
+       "ERROR getSessionInfoBySessionID" + session},
+      {[&] { return DB::getSessionListByConnectionID(&l, 1); }, -1,
+       "ERROR getSessionListByConnectionID" + session},
+      {[&] { return DB::getLinkedConnectionEntryList(&entries); }, -1,
+       "ERROR getLinkedConnectionEntryList" + connection},
   });
   Sql("ALTER TABLE c_old RENAME TO connection_table; ALTER TABLE s_old RENAME TO session_table;");
   EXPECT_EQ(0, SystemDB::getSessionInfoBySessionID(1, &s));
   Sql(kRename);
-  log_.ExpectEach({{[&] { return SystemDB::getConnectionErr(1, &a); }, -1, "ERROR",
-                    "sqlite3_step: no such table: connection_table (1)"}});
+  log_.ExpectEach({{[&] { return SystemDB::getConnectionErr(1, &a); }, -1,
+                    "ERROR sqlite3_step: no such table: connection_table (1)"}});
 }
 
 TEST_F(SystemDBTest, SessionPathsAndFlags) {
@@ -276,15 +257,14 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   s.node_id = 99;  // not written: node_id is not one of the updated columns
   ASSERT_EQ(0, SystemDB::updateSessionInfo(&s));
   EXPECT_EQ(docs, s.id);
-  SessionInfo r;
-  r.conn_id = conn;
+  SessionInfo r = s;
   r.view_id = 8;
   r.remote_path = "/";
   r.sync_folder = "/volume2/b";
   ASSERT_EQ(0, SystemDB::updateSessionInfo(&r));
   EXPECT_EQ(root, r.id);
-  EXPECT_TRUE(log_.HasLine("DEBUG", "update row id " + std::to_string(root)));
-  EXPECT_EQ("/volume1/a/|/docs/|it's\n/volume2/b/|/|\n",
+  EXPECT_TRUE(log_.Logged("DEBUG update row id " + std::to_string(root)));
+  EXPECT_EQ("/volume1/a/|/docs/|it's\n/volume2/b/|/|it's",
             Sql("SELECT sync_folder, remote_path, share_name FROM session_table ORDER BY id;"));
 
   SessionInfo got;
@@ -292,21 +272,18 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   s.node_id = 0;
   EXPECT_EQ(s, got);
   ASSERT_EQ(0, SystemDB::getSessionInfoBySessionID(root, &got));
-  EXPECT_EQ("/", got.remote_path);
-  EXPECT_EQ("/volume2/b", got.sync_folder);
+  EXPECT_EQ("/ /volume2/b", got.remote_path + " " + got.sync_folder);
 
   // Not found: 0, and the record is left as the caller passed it.
-  SessionInfo untouched;
-  untouched.share_name = "keep";
+  SessionInfo untouched = r;
   EXPECT_EQ(0, SystemDB::getSessionInfoBySyncFolder("/volume9/none", &untouched));
   EXPECT_EQ(0, SystemDB::getSessionInfoBySessionID(12345, &untouched));
-  EXPECT_EQ("keep", untouched.share_name);
-  EXPECT_EQ(0u, untouched.id);
+  EXPECT_EQ(r, untouched);
 
   SessionInfo missing = s;
   missing.remote_path = "/other";
-  EXPECT_EQ(-1, SystemDB::updateSessionInfo(&missing));
-  EXPECT_TRUE(log_.HasLine("ERROR", "cannnot get id for last update session"));
+  log_.ExpectEach({{[&] { return SystemDB::updateSessionInfo(&missing); }, -1,
+                    "ERROR cannnot get id for last update session"}});
 
   // Flags: five are true for any non-zero value, five only for 1.
   Sql("UPDATE session_table SET is_read_only = 2, is_daemon_enable = -1, ignore_local_remove = 5,"
@@ -319,8 +296,7 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
                                got.rename_conflict, got.with_q9share, got.is_encryption,
                                got.is_mounted, got.sync_temp_file,
                                got.use_windows_cloud_file_api, got.is_shared_with_me}));
-  EXPECT_EQ("C:\\data", got.sync_folder);
-  EXPECT_EQ("/a/b", got.remote_path);
+  EXPECT_EQ("C:\\data /a/b", got.sync_folder + " " + got.remote_path);
   // A folder made only of separators is kept as it is.
   Sql("UPDATE session_table SET sync_folder = '//' WHERE id = " + std::to_string(docs));
   ASSERT_EQ(0, SystemDB::getSessionInfoBySessionID(docs, &got));
@@ -335,58 +311,18 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   EXPECT_TRUE(list.empty());
 }
 
-ConnectionEntry FullEntry(const std::string& nx_id, int conn_type) {
-  ConnectionEntry e;
-  e.conn_mode = 5;
-  e.server_name = "o'brien's server";
-  e.server_ip = "10.0.0.7";
-  e.server_port = 6690;
-  e.username = "";  // not written by the update
-  e.nx_id = nx_id;
-  e.session = "sess-token";
-  e.private_key_pem = "-----BEGIN KEY-----\nabc\n";
-  e.public_key_fingerprint = "fp";
-  e.restore_id = "r1";
-  e.host_name = "host";
-  e.computer_name = "pc";
-  e.ssl_signature = "sig";
-  e.cloud_extension_clsid = "{clsid}";
-  e.domain_name = "example.test";
-  e.protocol_version = 70;
-  e.major = 7;
-  e.minor = 2;
-  e.package_version = 10234;
-  e.use_ssl = true;
-  e.ssl_allow_untrust = true;
-  e.enable_shared_with_me = true;
-  e.conn_type = conn_type;
-  e.proxy.use_proxy = true;
-  e.proxy.proxy_ip = "10.1.1.1";
-  e.proxy.proxy_port = 3128;
-  e.proxy.proxy_username = "alice";
-  e.proxy.proxy_password = "pa'ss word";
-  e.proxy.proxy_domain = "CORP";
-  e.proxy.proxy_host = "nas";
-  e.tunnel.use_tunnel = true;
-  e.tunnel.tunnel_ip = "10.2.2.2";
-  e.tunnel.tunnel_port = 65535;
-  return e;
-}
-
 TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
   uint64_t first = AddConnection("NX1", 0);
   uint64_t second = AddConnection("NX1", 1);
-  const std::string where_second = " FROM connection_table WHERE id = " + std::to_string(second);
   Sql("UPDATE connection_table SET hopgate_mode = 'relay', linked = 1, status = 2, error = -3, "
       "username = 'bob', user_uid = 1026 WHERE id = " + std::to_string(second));
 
-  ConnectionEntry e = FullEntry("NX1", 1);
+  ConnectionEntry e = SampleConnection();
   ASSERT_EQ(0, SystemDB::updateConnectionEntry(&e, e.proxy, e.tunnel));
   EXPECT_EQ(second, e.id);
-  EXPECT_TRUE(log_.HasLine("DEBUG", "update conn id " + std::to_string(second)));
-  EXPECT_EQ("\n", Sql("SELECT hopgate_mode" + where_second));
-  EXPECT_EQ("server-NX1\n", Sql("SELECT server_name FROM connection_table WHERE id = " +
-                                std::to_string(first)));
+  EXPECT_TRUE(log_.Logged("DEBUG update conn id " + std::to_string(second)));
+  EXPECT_EQ(std::to_string(first) + "||server-NX1\n" + std::to_string(second) + "||o'brien's server",
+            Sql("SELECT id, hopgate_mode, server_name FROM connection_table ORDER BY id"));
 
   ConnectionEntry got;
   got.resolved_address = "stale";
@@ -397,8 +333,7 @@ TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
   want.status = 2;
   want.error = -3;
   want.user_uid = 1026;
-  EXPECT_EQ(want, got);
-  EXPECT_EQ("", got.resolved_address);
+  EXPECT_EQ(want, got);  // resolved_address too: reset to ""
 
   // The proxy and tunnel given beside the entry are what is stored.
   ProxyInfo other_proxy;
@@ -407,26 +342,26 @@ TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
   ASSERT_EQ(0, SystemDB::getConnectionEntryByConnID(second, &got));
   EXPECT_EQ(other_proxy, got.proxy);
   EXPECT_EQ(TunnelInfo(), got.tunnel);
-  EXPECT_EQ("\n", Sql("SELECT proxy_password" + where_second));
+  EXPECT_EQ("", Sql("SELECT proxy_password FROM connection_table WHERE id = " +
+                    std::to_string(second)));
 
   // No row with that pair: nothing changes.
   const std::string before = Sql("SELECT * FROM connection_table ORDER BY id;");
-  ConnectionEntry stray = FullEntry("NX1", 2);
-  EXPECT_EQ(-1, SystemDB::updateConnectionEntry(&stray, stray.proxy, stray.tunnel));
-  EXPECT_TRUE(log_.HasLine("ERROR", "cannnot get id for last update connection"));
+  ConnectionEntry stray = e;
+  stray.conn_type = 2;
+  log_.ExpectEach({{[&] { return SystemDB::updateConnectionEntry(&stray, stray.proxy, stray.tunnel); },
+                    -1, "ERROR cannnot get id for last update connection"},
+                   {[&] { return SystemDB::getConnectionEntryByConnID(777, &got); }, -1,
+                    "INFO connection 777 does not exit"}});
   EXPECT_EQ(before, Sql("SELECT * FROM connection_table ORDER BY id;"));
 
   // Row reading: NULL texts become empty, ports keep their low 16 bits.
   Sql("UPDATE connection_table SET server_ip = NULL, proxy_port = 70000, tunnel_port = 65537, "
       "proxy_password = 'not base64!' WHERE id = " + std::to_string(first));
   ASSERT_EQ(0, SystemDB::getConnectionEntryByConnID(first, &got));
-  EXPECT_EQ("", got.server_ip);
-  EXPECT_EQ(70000 & 0xFFFF, got.proxy.proxy_port);
-  EXPECT_EQ(1, got.tunnel.tunnel_port);
-  EXPECT_EQ("", got.proxy.proxy_password);
-
-  EXPECT_EQ(-1, SystemDB::getConnectionEntryByConnID(777, &got));
-  EXPECT_TRUE(log_.HasLine("INFO", "connection 777 does not exit"));
+  EXPECT_EQ("|" + std::to_string(70000 & 0xFFFF) + "|1|",
+            got.server_ip + "|" + std::to_string(got.proxy.proxy_port) + "|" +
+                std::to_string(got.tunnel.tunnel_port) + "|" + got.proxy.proxy_password);
 
   // The list has every row, linked or not.
   std::list<ConnectionEntry> all;
@@ -446,39 +381,22 @@ TEST_F(SystemDBTest, GeneralOptions) {
   o.enable_startup = true;
   o.enable_context_menu = true;  // no row: kept
   ASSERT_EQ(0, SystemDB::getGeneralOptions(&o));
-  GeneralOptions want;
-  want.enable_desktop_notification = true;
-  want.enable_startup = false;
-  want.enable_context_menu = true;
-  want.show_tutorial = true;
-  want.sync_mode = 3;
-  want.open_folder = "/volume1/x";
-  want.machine_uuid = "m-1";
-  want.device_uuid = "d-2";
+  // notification, icon overlay, filtered overlay, context menu, startup,
+  // black-white icon, tutorial, sync mode, folder, machine, device
+  const GeneralOptions want{true, false, false, true, false, false, true, 3, "/volume1/x", "m-1", "d-2"};
   EXPECT_EQ(want, o);
 }
 
 TEST_F(SystemDBTest, ReplaceServerViews) {
-  ServerViewEntry a;
-  a.view_id = 1;
-  a.node_id = 11;
-  a.name = "it's mine";
-  a.privilege = 3;
-  a.share_version = 9;
-  a.is_encryption = true;
-  ServerViewEntry b;
-  b.view_id = 2;
-  b.node_id = 12;
-  b.name = "photo";
-  b.share_priv_disabled = true;
-  b.is_mount = false;
-  b.is_q9share = true;
+  // view, node, name, privilege, version, privilege disabled, encrypted, mounted, q9share
+  const ServerViewEntry a{1, 11, "it's mine", 3, 9, false, true, true, false};
+  const ServerViewEntry b{2, 12, "photo", 0, 0, true, false, false, true};
   ASSERT_EQ(0, SystemDB::replaceServerViews(5, {a, b}));
   ASSERT_EQ(0, SystemDB::replaceServerViews(6, {b}));
   const char kViews[] =
       "SELECT view_id, node_id, conn_id, privilege, name, share_version, share_priv_disabled, "
       "is_encryption, is_mount, is_q9share FROM server_view_table ORDER BY conn_id, view_id;";
-  const std::string b6 = "2|12|6|0|photo|0|1|0|0|1\n";
+  const std::string b6 = "2|12|6|0|photo|0|1|0|0|1";
   EXPECT_EQ("1|11|5|3|it's mine|9|0|1|1|0\n2|12|5|0|photo|0|1|0|0|1\n" + b6, Sql(kViews));
   // The list replaces; an empty list clears only that connection.
   ASSERT_EQ(0, SystemDB::replaceServerViews(5, {b}));
@@ -489,14 +407,13 @@ TEST_F(SystemDBTest, ReplaceServerViews) {
   // A failing script leaves the views as they were and the handle usable.
   Sql("CREATE TRIGGER no_bad BEFORE INSERT ON server_view_table WHEN NEW.name = 'bad' "
       "BEGIN SELECT RAISE(ABORT, 'refused'); END;");
-  ServerViewEntry bad;
-  bad.view_id = 3;
-  bad.name = "bad";
+  const ServerViewEntry bad{3, 0, "bad", 0, 0, false, false, true, false};
   EXPECT_EQ(-1, SystemDB::replaceServerViews(6, {bad}));
-  EXPECT_TRUE(log_.Contains("sqlite3_exec: Failed (19) refused, sql = BEGIN TRANSACTION;"));
+  EXPECT_NE(std::string::npos,
+            log_.Take().find("ERROR sqlite3_exec: Failed (19) refused, sql = BEGIN TRANSACTION;"));
   EXPECT_EQ(b6, Sql(kViews));
   EXPECT_EQ(0, SystemDB::replaceServerViews(7, {a}));
-  EXPECT_EQ("2\n", Sql("SELECT count(*) FROM server_view_table;"));
+  EXPECT_EQ("2", Sql("SELECT count(*) FROM server_view_table;"));
 }
 
 TEST_F(SystemDBTest, ProxyPasswordRoundTripAndCipherBytes) {
@@ -521,7 +438,8 @@ TEST_F(SystemDBTest, ProxyPasswordRoundTripAndCipherBytes) {
   // key schedule repeats the key over its 72 bytes, so the 4-byte key
   // 5c3a9e71 and the 16-byte key made of it four times are the same key.
   uint64_t conn = AddConnection("NX9", 0);
-  ConnectionEntry e = FullEntry("NX9", 0);
+  ConnectionEntry e;
+  e.nx_id = "NX9";
   e.proxy.proxy_password = "S3cret-proxy!";
   ASSERT_EQ(0, SystemDB::updateConnectionEntry(&e, e.proxy, e.tunnel));
   int status = 0;
@@ -531,7 +449,7 @@ TEST_F(SystemDBTest, ProxyPasswordRoundTripAndCipherBytes) {
       &status);
   ASSERT_EQ(0, status);
   EXPECT_EQ(expected, Sql("SELECT proxy_password FROM connection_table WHERE id = " +
-                          std::to_string(conn)));
+                          std::to_string(conn)) + "\n");
   ConnectionEntry got;
   ASSERT_EQ(0, SystemDB::getConnectionEntryByConnID(conn, &got));
   EXPECT_EQ("S3cret-proxy!", got.proxy.proxy_password);
@@ -553,41 +471,29 @@ TEST_F(SystemDBTest, FourThreadsOfMixedOperations) {
   std::atomic<int> failures{0};
   auto worker = [&](int t) {
     for (int i = 0; i < kOperations; ++i) {
-      int rc = 0;
+      int rc = 0, ss, se, cs, ce;
+      SessionInfo s;
+      std::list<ConnectionEntry> all;
+      GeneralOptions o;
+      const ServerViewEntry v{static_cast<uint64_t>(i), 0, "v", 0, 0, false, false, true, false};
       switch (i % 8) {
         case 0: rc = SystemDB::setSessionStatus(sess[t], i); break;
         case 1: rc = SystemDB::setConnectionErr(conn[t], -i); break;
-        case 2: {
-          int ss, se, cs, ce;
+        case 2:
           rc = SystemDB::getSessionStatusAndErr(sess[t], &ss, &se, &cs, &ce);
           if (rc == 0 && (ss != i - 2 || ce != -(i - 1))) rc = -1;
           break;
-        }
-        case 3: {
-          ServerViewEntry v;
-          v.view_id = static_cast<uint64_t>(i);
-          v.name = "v";
-          rc = SystemDB::replaceServerViews(conn[t], {v, v});
-          break;
-        }
-        case 4: {
-          SessionInfo s;
+        case 3: rc = SystemDB::replaceServerViews(conn[t], {v, v}); break;
+        case 4:
           rc = SystemDB::getSessionInfoBySyncFolder("/volume1/t" + std::to_string(t), &s);
           rc = (rc == 1 && s.id == sess[t]) ? 0 : -1;
           break;
-        }
-        case 5: {
-          std::list<ConnectionEntry> all;
+        case 5:
           rc = SystemDB::getLinkedConnectionEntryList(&all);
           if (rc == 0 && all.size() != kThreads) rc = -1;
           break;
-        }
         case 6: rc = SystemDB::setSessionEncryptionState(sess[t], i % 16 == 6, true); break;
-        default: {
-          GeneralOptions o;
-          rc = SystemDB::getGeneralOptions(&o);
-          break;
-        }
+        default: rc = SystemDB::getGeneralOptions(&o); break;
       }
       if (rc != 0) ++failures;
     }
@@ -598,32 +504,29 @@ TEST_F(SystemDBTest, FourThreadsOfMixedOperations) {
   EXPECT_EQ(0, failures.load());
 
   for (int t = 0; t < kThreads; ++t) {
-    EXPECT_EQ(std::to_string(kOperations - 8) + "|" + std::to_string(7 - kOperations) + "|1\n",
+    EXPECT_EQ(std::to_string(kOperations - 8) + "|" + std::to_string(7 - kOperations) + "|1",
               Sql("SELECT s.status, c.error, (SELECT count(*) FROM server_view_table WHERE "
                   "conn_id = c.id) FROM session_table s, connection_table c WHERE s.id = " +
                   std::to_string(sess[t]) + " AND c.id = s.conn_id;"));
   }
-  EXPECT_EQ("4\nok\n", Sql("SELECT count(*) FROM server_view_table; PRAGMA integrity_check;"));
+  EXPECT_EQ("4\nok", Sql("SELECT count(*) FROM server_view_table; PRAGMA integrity_check;"));
 }
 
 TEST_F(SystemDBTest, WriteWaitsForAnotherProcessHoldingTheLock) {
   uint64_t conn = AddConnection("NX1", 0);
   uint64_t sess = AddSession(conn, 1, "/r/", "/volume1/r/");
-  std::string marker = dir_.File("locked");
+  const std::string marker = dir_.File("locked");
   // The shell takes the write lock, writes, announces it holds the lock,
   // keeps it two seconds and commits.
-  std::string script = dir_.Write(
+  const std::string script = dir_.Write(
       "hold.sql", "BEGIN EXCLUSIVE;\nUPDATE session_table SET status = 5, error = -1;\n"
-                  ".shell touch " + ShellQuote(marker) + "\n.shell sleep 2\nCOMMIT;\n");
-  std::thread holder([&] {
-    RunCommand("sqlite3 " + ShellQuote(path_) + " < " + ShellQuote(script));
-  });
-  for (int i = 0; i < 3000 && access(marker.c_str(), F_OK) != 0; ++i) usleep(10000);  // 30 s
-  EXPECT_EQ(0, access(marker.c_str(), F_OK)) << "the shell never took the lock";
+                  ".shell touch '" + marker + "'\n.shell sleep 2\nCOMMIT;\n");
+  std::thread holder([&] { RunCommand("sqlite3 '" + path_ + "' < '" + script + "'"); });
+  EXPECT_TRUE(WaitFor([&] { return access(marker.c_str(), F_OK) == 0; }, 30000));
   // The lock is held now: our write must wait for the commit, then land.
   EXPECT_EQ(0, SystemDB::setSessionStatus(sess, 7));
   holder.join();
-  EXPECT_EQ("7|-1\n", Sql("SELECT status, error FROM session_table;"));  // ours after theirs
+  EXPECT_EQ("7|-1", Sql("SELECT status, error FROM session_table;"));  // ours after theirs
 }
 
 }  // namespace

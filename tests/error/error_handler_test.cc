@@ -1,15 +1,11 @@
-// The error handler on a real system database, real session folders with
-// event databases, a real filter database and the simulated sync daemon:
-// the codes that only the monitor itself raises, the upgrades of a changed
-// server, and a stop during a re-sync's wait.  The codes that the sync
-// daemon sends are driven through the real binary in
+// The codes only the monitor raises, server changes and a stop during a
+// re-sync; the sync daemon's codes go through the real binary in
 // tests/system/error_system_test.py.
 #include <pthread.h>
 #include <signal.h>
 
 #include <chrono>
 #include <future>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,10 +14,9 @@
 #include "error/nx-error-handler.h"
 #include "error/version-rules.h"
 #include "gtest/gtest.h"
-#include "log/logger.h"
 #include "monitor/vesta-monitor.h"
-#include "tests/common/shell.h"
 #include "tests/common/sync_daemon_peer.h"
+#include "tests/db/db_test_util.h"
 #include "tests/net_io/net_io_test_util.h"
 
 namespace {
@@ -29,15 +24,10 @@ namespace {
 class ErrorHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    Logger::Init(Logger::kFile, dir_.File("test.log"), dir_.Write("levels", "error_handler=7\n"),
-                 50, 1);
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
     ASSERT_TRUE(peer_.started());
   }
-  void TearDown() override {
-    SystemDB::deinitialize();
-    Logger::Shutdown();
-  }
+  void TearDown() override { SystemDB::deinitialize(); }
 
   // Connection 1 of server "nx1" at a closed port, build `build`; its
   // session 1 runs in the sync daemon, session 2 is disabled.  Each session
@@ -71,8 +61,7 @@ class ErrorHandlerTest : public ::testing::Test {
       unlink(EventDb(id).c_str());
       SqliteShell(EventDb(id), events + "COMMIT;");
     }
-    peer_.TakeRequests();
-    Errors();
+    Effects();
   }
 
   std::string FilterDb() { return volume_ + "/@FernboxTandem/db/filter.sqlite"; }
@@ -84,12 +73,6 @@ class ErrorHandlerTest : public ::testing::Test {
     return SqliteShell(EventDb(id),
                        "SELECT count(*), (SELECT value FROM config_table) FROM event_table");
   }
-  std::string FilterRows() {
-    return SqliteShell(FilterDb(), "SELECT group_concat(sess_id) FROM (SELECT sess_id FROM "
-                                   "filter_table UNION ALL SELECT sess_id FROM filter_range_table "
-                                   "ORDER BY sess_id)");
-  }
-
   std::string Sql(const std::string& sql) { return SqliteShell(dir_.File("system.sqlite"), sql); }
 
   ConnectionEntry Connection() {
@@ -103,137 +86,105 @@ class ErrorHandlerTest : public ::testing::Test {
     return s;
   }
 
-  // The sync daemon's requests since the last call, as "action s<session>"
-  // or "action c<connection>"; an add_event also shows its number of keys.
-  std::vector<std::string> Commands() {
-    std::vector<std::string> out;
+  // What happened since the last call: the sync daemon's requests ("action
+  // s<session>" or "action c<connection>"; an add_event with its number of
+  // keys), the notification identifiers and the texts of the ERROR lines
+  // logged; each list ", "-joined, the three " / "-joined.
+  std::string Effects() {
+    std::string commands, notes, errors;
     for (const Json::Value& r : peer_.TakeRequests()) {
-      std::string line = r["action"].asString();
-      line += r.isMember("session_id") ? " s" + r["session_id"].asString()
-                                       : " c" + r["connection_id"].asString();
-      if (line.rfind("add_event", 0) == 0) line += "/" + std::to_string(r.size());
-      out.push_back(line);
+      commands += (commands.empty() ? "" : ", ") + r["action"].asString() +
+                  (r.isMember("session_id") ? " s" + r["session_id"].asString()
+                                            : " c" + r["connection_id"].asString()) +
+                  (r["action"] == "add_event" ? "/" + std::to_string(r.size()) : "");
     }
-    return out;
-  }
-
-  // The notification identifiers sent since the last call.
-  std::vector<std::string> Notifications() {
-    std::vector<std::string> out;
-    for (const Json::Value& n : TakeJsonLines(dir_.File("var/lib/vesta/notifications.jsonl"),
-                                              &notified_)) {
-      out.push_back(n["notify_id"].asString());
+    for (const Json::Value& n :
+         TakeJsonLines(dir_.File("var/lib/vesta/notifications.jsonl"), &notified_)) {
+      notes += (notes.empty() ? "" : ", ") + n["notify_id"].asString();
     }
-    return out;
-  }
-
-  bool Logged(const std::string& text) {
-    return ReadFile(dir_.File("test.log")).find(text) != std::string::npos;
-  }
-  // The texts of the ERROR lines logged since the last call.
-  std::vector<std::string> Errors() {
-    const std::string log = ReadFile(dir_.File("test.log"));
-    std::istringstream lines(log.substr(std::min(log_seen_, log.size())));
-    log_seen_ = log.size();
-    std::vector<std::string> out;
+    std::istringstream lines(log_.Take());
     for (std::string line; std::getline(lines, line);) {
-      if (line.find(" [ERROR] ") != std::string::npos) out.push_back(line.substr(line.find("): ") + 3));
+      if (line.rfind("ERROR ", 0) == 0) errors += (errors.empty() ? "" : ", ") + line.substr(6);
     }
-    return out;
+    return commands + " / " + notes + " / " + errors;
   }
 
   TempDir dir_;
+  LogCapture log_{dir_, "error_handler=7\n"};
   const std::string volume_ = MakeVestaRoot(dir_);
   SyncDaemonPeer peer_{dir_};
   int notified_ = 0;
-  size_t log_seen_ = 0;
 };
 
 TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
   const std::string kNoSignature =
-      "ProNXQuerySSLSignature: code: -200, reason: channel error while connecting to server.";
-  struct Case {
-    int code;
-    const char* session;     // error|status|is_daemon_enable of session 1
-    const char* connection;  // error|status|linked
-    std::vector<std::string> commands;
-    std::vector<std::string> notifications;
-    std::vector<std::string> errors;  // logged
-  };
-  const Case kCases[] = {
-      {0, "0|1|1", "0|0|1", {}, {}, {}},
-      {13, "0|1|1", "-1|0|1", {}, {}, {}},
-      {17, "-14|0|0", "0|3|0", {"remove_session s1", "unlink_connection c1"}, {"UnknownError"},
-       {"unknown session error code 17"}},
-      {18, "-14|0|0", "0|3|0", {"remove_session s1", "unlink_connection c1"}, {"UnknownError"},
-       {"unknown session error code 18"}},
-      {22, "0|1|1", "-2|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, {}},
-      {23, "0|1|1", "-3|2|1", {"pause c1"}, {"ClientNeedToUpdate"}, {}},
-      {24, "0|1|1", "-4|2|1", {"pause c1"}, {"ServerNeedToUpdate"}, {}},
-      {25, "0|1|1", "-5|2|1", {"pause c1"}, {"NXChange"}, {}},
-      {26, "0|1|1", "-1|0|1", {}, {}, {}},
-      {27, "0|1|1", "-6|2|1", {"pause c1"}, {"AuthError"}, {}},
-      {28, "0|1|1", "-7|2|1", {"pause c1"}, {"SSLVerifyFail"},
-       {kNoSignature, "Failed to pass sign auth."}},
-      {29, "0|1|1", "-8|2|1", {"pause c1"}, {"SSLChange"},
-       {kNoSignature, "Failed to pass sign auth."}},
-      {30, "0|1|1", "0|0|1", {}, {"SyncDirectionMismatch"}, {"unknown error code 30"}},
-      {31, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, {"unknown session error code 31"}},
-      {32, "0|1|1", "-14|2|1", {"pause c1"}, {"UnknownError"},
-       {"unknown connection error code 32"}},
-      {37, "-14|3|1", "0|0|1", {"pause s1"}, {"UnknownError"}, {"unknown session error code 37"}},
-      {38, "0|1|1", "0|0|1", {}, {"UnknownError"}, {"unknown error code 38"}},
-      {40, "0|1|1", "0|0|1", {}, {"UnknownError"}, {"unknown error code 40"}},
+      "ProNXQuerySSLSignature: code: -200, reason: channel error while connecting to server., "
+      "Failed to pass sign auth.";
+  const std::string kUnknown = " / UnknownError / unknown session error code ";
+  // Session 1's error|status|is_daemon_enable, the connection's
+  // error|status|linked, then the effects.
+  const std::string kCases[][2] = {
+      {"0", "0|1|1 0|0|1  /  / "},
+      {"13", "0|1|1 -1|0|1  /  / "},
+      {"17", "-14|0|0 0|3|0 remove_session s1, unlink_connection c1" + kUnknown + "17"},
+      {"18", "-14|0|0 0|3|0 remove_session s1, unlink_connection c1" + kUnknown + "18"},
+      {"22", "0|1|1 -2|2|1 pause c1 / ServerNeedToUpdate / "},
+      {"23", "0|1|1 -3|2|1 pause c1 / ClientNeedToUpdate / "},
+      {"24", "0|1|1 -4|2|1 pause c1 / ServerNeedToUpdate / "},
+      {"25", "0|1|1 -5|2|1 pause c1 / NXChange / "},
+      {"26", "0|1|1 -1|0|1  /  / "},
+      {"27", "0|1|1 -6|2|1 pause c1 / AuthError / "},
+      {"28", "0|1|1 -7|2|1 pause c1 / SSLVerifyFail / " + kNoSignature},
+      {"29", "0|1|1 -8|2|1 pause c1 / SSLChange / " + kNoSignature},
+      {"30", "0|1|1 0|0|1  / SyncDirectionMismatch / unknown error code 30"},
+      {"31", "-14|3|1 0|0|1 pause s1" + kUnknown + "31"},
+      {"32", "0|1|1 -14|2|1 pause c1 / UnknownError / unknown connection error code 32"},
+      {"37", "-14|3|1 0|0|1 pause s1" + kUnknown + "37"},
+      {"38", "0|1|1 0|0|1  / UnknownError / unknown error code 38"},
+      {"40", "0|1|1 0|0|1  / UnknownError / unknown error code 40"},
   };
   MonitorDaemon monitor;
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.code);
+  for (const auto& c : kCases) {
     Reset();
-    monitor.HandleError(Connection(), Session(), c.code, nullptr);
-    EXPECT_EQ(c.session, Sql("SELECT error, status, is_daemon_enable FROM session_table "
-                             "WHERE id = 1"));
-    EXPECT_EQ(c.connection, Sql("SELECT error, status, linked FROM connection_table"));
-    EXPECT_EQ(c.commands, Commands());
-    EXPECT_EQ(c.notifications, Notifications());
-    EXPECT_EQ(c.errors, Errors());
+    monitor.HandleError(Connection(), Session(), std::stoi(c[0]), nullptr);
+    EXPECT_EQ(c[1], Sql("SELECT error, status, is_daemon_enable FROM session_table WHERE id = 1") +
+                        " " + Sql("SELECT error, status, linked FROM connection_table") + " " +
+                        Effects())
+        << c[0];
   }
 }
 
 TEST_F(ErrorHandlerTest, ServerChanges) {
-  struct Case {
+  const std::string kResync =
+      "remove_session s1, reload_connection c1, add_session s1, add_event s1/4";
+  const std::string kChanged = " /  / ErrorHandler::HandleServerVersionChanged: ";
+  const struct {
     const char* name;
     int from, to;
     const char *old_restore_id, *new_nx_id;
     int protocol;
-    std::vector<std::string> commands;
     bool resync;             // both sessions' events and filter rows reset
     const char* connection;  // error|status|package_version
-    const char* error;       // logged, after "ErrorHandler::HandleServerVersionChanged: "
+    std::string effects;     // logged after "ErrorHandler::HandleServerVersionChanged: "
+  } kCases[] = {
+      // Builds below 10000 are not served.
+      {"3000 to 4000", 3000, 4000, "", "nx1", 70, true, "-2|2|4000",
+       kResync + ", pause c1" + kChanged + "Server build number 4000 is too old"},
+      {"3500 to 4200", 3500, 4200, "", "nx1", 70, false, "-2|2|4200",
+       "reload_connection c1, reload_session s1, pause c1" + kChanged +
+           "Server build number 4200 is too old"},
+      {"10200 to 12500", 10200, 12500, "", "nx1", 70, false, "0|0|12500",
+       "reload_connection c1, add_event s1/4, add_event s2/4 /  / "},
+      {"12124 to 13000", 12124, 13000, "", "nx1", 70, false, "0|0|13000", "reload_connection c1 /  / "},
+      {"restored a to b", 13000, 13000, "a", "nx1", 70, true, "0|0|13000", kResync + " /  / "},
+      {"restored '' to b", 13000, 13000, "", "nx1", 70, false, "0|0|13000", "reload_connection c1 /  / "},
+      {"another machine", 3000, 4000, "", "nx2", 70, false, "-5|2|3000", "pause c1 /  / "},
+      {"protocol 69", 12124, 13000, "", "nx1", 69, false, "-2|2|13000",
+       "reload_connection c1, pause c1" + kChanged + "Server protocol version not support or degradation"},
+      {"protocol 80", 12124, 13000, "", "nx1", 80, false, "-3|2|13000",
+       "reload_connection c1, pause c1" + kChanged + "Client protocol version not support or degradation"},
   };
-  const std::vector<std::string> kResync = {"remove_session s1", "reload_connection c1",
-                                            "add_session s1", "add_event s1/4"};
-  std::vector<std::string> resync_then_pause = kResync;
-  resync_then_pause.push_back("pause c1");  // builds below 10000 are not served
-  const Case kCases[] = {
-      {"3000 to 4000", 3000, 4000, "", "nx1", 70, resync_then_pause, true, "-2|2|4000",
-       "Server build number 4000 is too old"},
-      {"3500 to 4200", 3500, 4200, "", "nx1", 70,
-       {"reload_connection c1", "reload_session s1", "pause c1"}, false, "-2|2|4200",
-       "Server build number 4200 is too old"},
-      {"10200 to 12500", 10200, 12500, "", "nx1", 70,
-       {"reload_connection c1", "add_event s1/4", "add_event s2/4"}, false, "0|0|12500", ""},
-      {"12124 to 13000", 12124, 13000, "", "nx1", 70, {"reload_connection c1"}, false,
-       "0|0|13000", ""},
-      {"restored a to b", 13000, 13000, "a", "nx1", 70, kResync, true, "0|0|13000", ""},
-      {"restored '' to b", 13000, 13000, "", "nx1", 70, {"reload_connection c1"}, false,
-       "0|0|13000", ""},
-      {"another machine", 3000, 4000, "", "nx2", 70, {"pause c1"}, false, "-5|2|3000", ""},
-      {"protocol 69", 12124, 13000, "", "nx1", 69, {"reload_connection c1", "pause c1"}, false,
-       "-2|2|13000", "Server protocol version not support or degradation"},
-      {"protocol 80", 12124, 13000, "", "nx1", 80, {"reload_connection c1", "pause c1"}, false,
-       "-3|2|13000", "Client protocol version not support or degradation"},
-  };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     Reset(c.from, c.old_restore_id);
     Sql("UPDATE connection_table SET error = -9, status = 2;"
@@ -246,24 +197,20 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
     now.protocol_version = c.protocol;
     NXClientErrorHandler(ResyncPause{0, nullptr}).HandleError(now, Session(), 16, &old);
 
-    EXPECT_EQ(c.commands, Commands());
+    EXPECT_EQ(c.effects, Effects());
     EXPECT_EQ(c.connection, Sql("SELECT error, status, package_version FROM connection_table"));
-    EXPECT_EQ(c.resync ? "1|0" : "3|-3",
-              Sql("SELECT status, error FROM session_table WHERE id = 1"));
-    EXPECT_EQ("3|-3", Sql("SELECT status, error FROM session_table WHERE id = 2"));
-    EXPECT_EQ(c.resync ? "0|0" : "1|7", Events("1"));
-    EXPECT_EQ(c.resync ? "0|0" : "1|7", Events("2"));
-    EXPECT_EQ(c.resync ? "3,3" : "1,1,2,2,3,3", FilterRows());
-    EXPECT_EQ(*c.error ? std::vector<std::string>{std::string(
-                             "ErrorHandler::HandleServerVersionChanged: ") + c.error}
-                       : std::vector<std::string>{},
-              Errors());
+    EXPECT_EQ(c.resync ? "1|0\n3|-3" : "3|-3\n3|-3",
+              Sql("SELECT status, error FROM session_table ORDER BY id"));
+    EXPECT_EQ(c.resync ? "0|0 0|0" : "1|7 1|7", Events("1") + " " + Events("2"));
+    EXPECT_EQ(c.resync ? "3,3" : "1,1,2,2,3,3",
+              SqliteShell(FilterDb(), "SELECT group_concat(sess_id) FROM (SELECT sess_id FROM "
+                                      "filter_table UNION ALL SELECT sess_id FROM "
+                                      "filter_range_table ORDER BY sess_id)"));
   }
 }
 
-// A re-sync waits 3 s on the thread that handles the error (the status
-// thread).  The stop that MonitorDaemon makes (run flag cleared, SIGTERM to
-// the thread) must end that wait and leave the upgrade undone.
+// MonitorDaemon's stop (run flag cleared, SIGTERM to the thread) ends a
+// re-sync's 3-s wait and leaves the upgrade undone.
 TEST_F(ErrorHandlerTest, StopDuringResyncWait) {
   Reset(10000);
   const ConnectionEntry old = Connection();
@@ -283,10 +230,11 @@ TEST_F(ErrorHandlerTest, StopDuringResyncWait) {
   signal(SIGTERM, SIG_DFL);
   ASSERT_TRUE(removed);
   ASSERT_TRUE(ended);
-  EXPECT_EQ(std::vector<std::string>{"remove_session s1"}, Commands());
+  EXPECT_TRUE(log_.Logged(
+      "WARNING UpgradeConnection: stopping; connection 1 is upgraded at the next start"));
+  EXPECT_EQ("remove_session s1 /  / ", Effects());
   EXPECT_EQ("10000", Sql("SELECT package_version FROM connection_table"));
   EXPECT_EQ("1|7", Events("1"));
-  EXPECT_TRUE(Logged("UpgradeConnection: stopping; connection 1 is upgraded at the next start"));
 }
 
 TEST(ErrorHandlerRules, ProtocolAndBuild) {

@@ -1,5 +1,4 @@
-// IPCServer and IPCSender over real UNIX sockets: replacing stale files,
-// long paths, the wait time-out, closing, and one exchange per connection.
+// IPCServer and IPCSender over real UNIX sockets.
 #include "ipc/ipc.h"
 
 #include <gtest/gtest.h>
@@ -11,70 +10,56 @@
 #include <string>
 #include <thread>
 
-#include "log/logger.h"
 #include "stream/PObject.h"
 #include "stream/stream.h"
 #include "tests/common/temp_dir.h"
+#include "tests/db/db_test_util.h"
 
 namespace {
 
-bool IsSocket(const std::string& path, mode_t* mode = nullptr) {
+// "-" when nothing is there, else "socket " or "file " and the mode bits.
+std::string What(const std::string& path) {
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return false;
-  if (mode != nullptr) *mode = st.st_mode & 07777;
-  return S_ISSOCK(st.st_mode);
+  if (lstat(path.c_str(), &st) != 0) return "-";
+  char mode[8];
+  snprintf(mode, sizeof(mode), "%o", st.st_mode & 07777);
+  return (S_ISSOCK(st.st_mode) ? "socket " : "file ") + std::string(mode);
 }
 
-bool Exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
-}
-
-// The server side of one exchange: wait for a connection, read its
-// request, answer with {"echo": request}.
-void ServeOne(IPCServer* server) {
-  ASSERT_EQ(1, server->WaitForConnection());
+// The server side of one exchange: waits for a connection, reads its
+// request and, if `answer`, answers with `reply`, by default {"echo": request}.
+PObject ServeOne(IPCServer* server, PObject reply = PObject(), bool answer = true) {
+  EXPECT_EQ(1, server->WaitForConnection());
   Channel channel;
-  ASSERT_EQ(0, channel.Open(server->Accept(), false));
-  PObject request, reply;
+  EXPECT_EQ(0, channel.Open(server->Accept(), false));
+  PObject request;
   PStream in, out;
-  ASSERT_EQ(0, in.Recv(&channel, &request));
-  reply["echo"] = request;
-  EXPECT_EQ(0, out.Send(&channel, reply));
+  EXPECT_EQ(0, in.Recv(&channel, &request));
+  if (reply.IsNull()) reply["echo"] = request;
+  if (answer) out.Send(&channel, reply);
+  return request;
 }
 
 class IPCTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    path_ = dir_.File("monitor.sock");
-    Logger::Init(Logger::kFile, dir_.File("test.log"), "", 2, 0);
-  }
-  void TearDown() override { Logger::Shutdown(); }
-
-  std::string Log() {
-    fflush(Logger::log_fp);
-    return ReadFile(dir_.File("test.log"));
-  }
-
   TempDir dir_;
-  std::string path_;
+  LogCapture log_{dir_, ""};
+  const std::string path_ = dir_.File("monitor.sock");
 };
 
 TEST_F(IPCTest, ListenReplacesStaleFileAndCloseRemovesIt) {
   dir_.Write("monitor.sock", "left over by an earlier run");
   IPCServer server;
   ASSERT_EQ(0, server.Listen(path_, 8));
-  mode_t mode;
-  ASSERT_TRUE(IsSocket(path_, &mode));
-  EXPECT_EQ(0666u, mode);
+  EXPECT_EQ("socket 666", What(path_));
 
   // A second Listen fails and leaves the first socket alone.
   EXPECT_EQ(-1, server.Listen(dir_.File("other.sock"), 8));
-  EXPECT_FALSE(Exists(dir_.File("other.sock")));
-  EXPECT_TRUE(IsSocket(path_));
+  EXPECT_EQ("-", What(dir_.File("other.sock")));
+  EXPECT_EQ("socket 666", What(path_));
 
   server.Close();
-  EXPECT_FALSE(Exists(path_));
+  EXPECT_EQ("-", What(path_));
   EXPECT_EQ(-1, server.Accept());
   EXPECT_EQ(0, server.WaitForConnection());
   server.Close();  // harmless twice
@@ -84,7 +69,7 @@ TEST_F(IPCTest, ListenReplacesStaleFileAndCloseRemovesIt) {
     IPCServer again;
     ASSERT_EQ(0, again.Listen(path_, 1));
   }
-  EXPECT_FALSE(Exists(path_));
+  EXPECT_EQ("-", What(path_));
 }
 
 TEST_F(IPCTest, LongPathIsBoundUnderItsFirst107Bytes) {
@@ -96,8 +81,8 @@ TEST_F(IPCTest, LongPathIsBoundUnderItsFirst107Bytes) {
 
   IPCServer server;
   ASSERT_EQ(0, server.Listen(long_path, 4));
-  EXPECT_TRUE(IsSocket(bound));
-  EXPECT_FALSE(Exists(long_path));
+  EXPECT_EQ("socket 666", What(bound));
+  EXPECT_EQ("-", What(long_path));
 
   // A client reaches it under the cut name.
   std::thread client([&] {
@@ -110,14 +95,14 @@ TEST_F(IPCTest, LongPathIsBoundUnderItsFirst107Bytes) {
   client.join();
 
   server.Close();
-  EXPECT_FALSE(Exists(bound));
+  EXPECT_EQ("-", What(bound));
 }
 
 TEST_F(IPCTest, FailuresLeaveNothingBehindAndWaitsEnd) {
   IPCServer server;
   EXPECT_EQ(-1, server.Listen("", 4));
   EXPECT_EQ(-1, server.Listen(dir_.File("no/such/dir/sock"), 4));
-  EXPECT_NE(std::string::npos, Log().find("bind: No such file or directory (2)"));
+  EXPECT_NE(std::string::npos, log_.Take().find("bind: No such file or directory (2)"));
   EXPECT_FALSE(server.IsListening());
   EXPECT_EQ(-1, server.Accept());
 
@@ -135,7 +120,7 @@ TEST_F(IPCTest, FailuresLeaveNothingBehindAndWaitsEnd) {
   EXPECT_LT(waited, 30.0);
 }
 
-TEST_F(IPCTest, ExchangeAndSendWithoutWaiting) {
+TEST_F(IPCTest, ExchangesWithAndWithoutWaiting) {
   IPCServer server;
   ASSERT_EQ(0, server.Listen(path_, 4));
 
@@ -149,15 +134,7 @@ TEST_F(IPCTest, ExchangeAndSendWithoutWaiting) {
     PObject untouched(5);
     EXPECT_EQ(0, sender.SendRequest(request, false, &untouched));
     EXPECT_EQ(5, untouched.AsInteger());
-    ASSERT_EQ(1, server.WaitForConnection());
-    int fd = server.Accept();
-    ASSERT_GE(fd, 0);
-    Channel channel;
-    ASSERT_EQ(0, channel.Open(fd, false));
-    PObject got;
-    PStream in;
-    ASSERT_EQ(0, in.Recv(&channel, &got));
-    EXPECT_TRUE(got == request);
+    EXPECT_TRUE(ServeOne(&server, PObject(), false) == request);
   }
 
   // wait = true: the reply is read through the Receive slot.
@@ -186,27 +163,14 @@ TEST_F(IPCTest, ExchangeAndSendWithoutWaiting) {
   ASSERT_EQ(0, unlucky.Connect(path_));
   silent.join();
   EXPECT_EQ(-1, unlucky.Receive(&reply));
-}
 
-TEST_F(IPCTest, RepliesCarryingFilesAreRefused) {
-  IPCServer server;
-  ASSERT_EQ(0, server.Listen(path_, 4));
-  std::string file = dir_.Write("payload", "abc");
-  std::thread serve([&] {
-    ASSERT_EQ(1, server.WaitForConnection());
-    Channel channel;
-    ASSERT_EQ(0, channel.Open(server.Accept(), false));
-    PObject request;
-    PStream in;
-    ASSERT_EQ(0, in.Recv(&channel, &request));
-    PStream out;
-    out.Send(&channel, PObject(PObject::binary_type{0, 3, file}));
-  });
-  IPCSender sender;
-  ASSERT_EQ(0, sender.Connect(path_));
-  PObject reply;
-  EXPECT_EQ(-1, sender.SendRequest(PObject(1), true, &reply));
-  serve.join();
+  // A reply that carries a file is refused.
+  const std::string file = dir_.Write("payload", "abc");
+  std::thread binary([&] { ServeOne(&server, PObject(PObject::binary_type{0, 3, file})); });
+  IPCSender refused;
+  ASSERT_EQ(0, refused.Connect(path_));
+  EXPECT_EQ(-1, refused.SendRequest(PObject(1), true, &reply));
+  binary.join();
 }
 
 }  // namespace

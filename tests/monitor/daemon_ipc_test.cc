@@ -1,7 +1,5 @@
-// The sync-daemon command client against the simulated sync daemon of
-// tests/peers/sync_daemon.py, which has its own wire codec: every request is
-// checked whole as the daemon decoded it, with expected values typed here
-// from the command tables (integers as numbers, texts as strings).
+// The sync-daemon command client against tests/peers/sync_daemon.py, which
+// has its own wire codec: every request is checked whole as it decoded it.
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,23 +10,17 @@
 #include "gtest/gtest.h"
 #include "ipc/daemon_ipc.h"
 #include "json/json.h"
-#include "log/logger.h"
 #include "stream/PObject.h"
 #include "tests/common/sync_daemon_peer.h"
 #include "tests/common/temp_dir.h"
+#include "tests/db/db_test_util.h"
 
 namespace {
 
 class DaemonIpcTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    Logger::Init(Logger::kFile, dir_.File("test.log"), "", 50, 1);
-    ASSERT_TRUE(peer_.started()) << "simulated daemon did not start";
-  }
-  void TearDown() override {
-    Logger::Shutdown();
-    unsetenv("VESTA_ROOT");
-  }
+  void SetUp() override { ASSERT_TRUE(peer_.started()) << "simulated daemon did not start"; }
+  void TearDown() override { unsetenv("VESTA_ROOT"); }
 
   bool Logged(const std::string& text) {
     return ReadFile(dir_.File("test.log")).find(text) != std::string::npos;
@@ -53,6 +45,7 @@ class DaemonIpcTest : public ::testing::Test {
   }
 
   TempDir dir_;
+  LogCapture log_{dir_, ""};
   const std::string volume_ = MakeVestaRoot(dir_);
   SyncDaemonPeer peer_{dir_};
 };
@@ -132,8 +125,7 @@ TEST_F(DaemonIpcTest, AddSession) {
   EXPECT_EQ(0, AddSession(HomeSession(), options, true, true));
   struct stat st;
   ASSERT_EQ(0, stat(session_dir.c_str(), &st));
-  EXPECT_TRUE(S_ISDIR(st.st_mode));
-  EXPECT_EQ(0755u, st.st_mode & 0777);
+  EXPECT_EQ(S_IFDIR | 0755u, st.st_mode & (S_IFMT | 0777));
   peer_.ExpectRequests({add, R"({"action": "add_event", "session_id": 12,
                                  "type": "three_way_merge", "path": "/"})"});
   // Resume alone; neither flag: only the add.
@@ -178,37 +170,19 @@ TEST_F(DaemonIpcTest, AddSession) {
 }
 
 TEST_F(DaemonIpcTest, ReloadConnectionWithAndWithoutSystemProxy) {
-  ConnectionEntry c;
+  ConnectionEntry c = SampleConnection();  // its own proxy is never used
   c.id = 9;
-  c.server_name = "nas";
-  c.conn_mode = 48;
-  c.domain_name = "example.org";
-  c.server_ip = "10.1.2.3";
-  c.server_port = 6690;
-  c.nx_id = "nx";
-  c.restore_id = "r1";
-  c.protocol_version = 70;
-  c.use_ssl = true;
-  c.ssl_signature = "AB:CD";
-  c.ssl_allow_untrust = false;
-  c.proxy.proxy_ip = "not-sent";  // the connection's own proxy is never used
-  c.tunnel.tunnel_ip = "10.9.9.9";
-  c.tunnel.tunnel_port = 443;
-  c.session = "sid";
   c.username = "alice";
-  c.computer_name = "pc";
-  c.package_version = 10001;
-  c.major = 3;
-  c.minor = 1;
+  c.ssl_allow_untrust = false;
   Json::Value want = ParseJson(R"({"action": "reload_connection", "connection_id": 9,
-      "server_name": "nas", "connection_mode": 48, "domain_name": "example.org",
-      "server_ip": "10.1.2.3", "server_port": 6690, "nx_id": "nx", "restore_id": "r1",
-      "protocol_version": 70, "use_ssl": 1, "ssl_signature": "AB:CD",
+      "server_name": "o'brien's server", "connection_mode": 5, "domain_name": "example.test",
+      "server_ip": "10.0.0.7", "server_port": 6690, "nx_id": "NX1", "restore_id": "r1",
+      "protocol_version": 70, "use_ssl": 1, "ssl_signature": "sig",
       "ssl_allow_untrust": 0, "use_proxy": 1, "use_sys_proxy": 1, "proxy_ip": "",
       "proxy_port": 0, "proxy_username": "", "proxy_password": "", "proxy_domain": "",
-      "proxy_host": "", "tunnel_ip": "10.9.9.9", "tunnel_port": 443, "session": "sid",
-      "username": "alice", "computer_name": "pc", "package_version": 10001,
-      "package_major": 3, "package_minor": 1})");
+      "proxy_host": "", "tunnel_ip": "10.2.2.2", "tunnel_port": 65535,
+      "session": "sess-token", "username": "alice", "computer_name": "pc",
+      "package_version": 10234, "package_major": 7, "package_minor": 2})");
   EXPECT_EQ(0, ReloadConnection(c));
   EXPECT_EQ(std::vector<Json::Value>{want}, peer_.TakeRequests());
 

@@ -1,8 +1,5 @@
-// When the reply of one request is written relative to its handler: a
-// notification is acknowledged before the handler runs, an action answered
-// after it.  The handler is held inside "refresh_session" by keeping
-// state_mutex locked.  (A request that cannot be read goes unanswered: see
-// the bad input of tests/system/monitor_system_test.py.)
+// A notification is acknowledged before its handler runs, an action answered
+// after it; the handler is held inside "refresh_session" by state_mutex.
 #include <poll.h>
 #include <sys/socket.h>
 

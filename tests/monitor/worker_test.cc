@@ -1,7 +1,4 @@
-// The two worker threads of MonitorDaemon in-process: start and stop with
-// SIGTERM, the share-listing schedule (built from the system database, due
-// search, "refresh_session"), the end of fast monitoring, and the status
-// passes on a stepped clock with the sync daemon's replies built here.
+// The two worker threads of MonitorDaemon in-process, on a stepped clock.
 #include <signal.h>
 #include <stdlib.h>
 #include <time.h>
@@ -14,11 +11,11 @@
 
 #include "db/system-db.h"
 #include "gtest/gtest.h"
-#include "log/logger.h"
 #include "monitor/vesta-monitor.h"
 #include "stream/PObject.h"
 #include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
+#include "tests/db/db_test_util.h"
 
 namespace {
 
@@ -35,25 +32,20 @@ int32_t LastListed(MonitorDaemon* d, uint64_t conn_id) {
 class WorkerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    // SIGTERM wakes a worker; the process handler must be in place.
-    Daemon::SetSignalHandler(SIGTERM, Daemon::stop);
-    // The status thread asks the sync daemon below it: nobody answers.
-    setenv("VESTA_ROOT", dir_.path().c_str(), 1);
-    Logger::Init(Logger::kFile, dir_.File("test.log"), dir_.Write("levels", "monitor_daemon=7\n"),
-                 50, 1);
+    Daemon::SetSignalHandler(SIGTERM, Daemon::stop);  // SIGTERM wakes a worker
+    setenv("VESTA_ROOT", dir_.path().c_str(), 1);     // no sync daemon answers there
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
   }
   void TearDown() override {
     SystemDB::deinitialize();
-    Logger::Shutdown();
     Daemon::daemon_run.store(1);
     unsetenv("VESTA_ROOT");
   }
 
-  // Rows written and read behind the daemon's back, with the sqlite3 shell.
   std::string Sql(const std::string& sql) { return SqliteShell(dir_.File("system.sqlite"), sql); }
 
   TempDir dir_;
+  LogCapture log_{dir_, "monitor_daemon=7\n"};
 };
 
 // Watches what the status passes hand to HandleError, on a clock the test sets.
@@ -98,8 +90,7 @@ TEST_F(WorkerTest, ListsDueConnectionsAndStopsOnSigterm) {
   MonitorDaemon d;
   d.update_status_period = 30;
   ASSERT_EQ(0, d.StartWorkerThreads());
-  EXPECT_TRUE(d.status_thread_running.load());
-  EXPECT_TRUE(d.list_share_thread_running.load());
+  EXPECT_TRUE(d.status_thread_running && d.list_share_thread_running);
   // Right after start every listable connection is due; status 1 never is.
   EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) > 0; }));
   EXPECT_EQ(0, LastListed(&d, 5));
@@ -132,8 +123,7 @@ TEST_F(WorkerTest, ListsDueConnectionsAndStopsOnSigterm) {
   auto stopped = std::async(std::launch::async, [&d] { d.StopWorkerThreads(); });
   EXPECT_EQ(std::future_status::ready, stopped.wait_for(std::chrono::seconds(3)));
   stopped.wait();
-  EXPECT_FALSE(d.status_thread_running.load());
-  EXPECT_FALSE(d.list_share_thread_running.load());
+  EXPECT_FALSE(d.status_thread_running || d.list_share_thread_running);
   d.StopWorkerThreads();  // harmless when stopped
 }
 
@@ -142,10 +132,8 @@ TEST_F(WorkerTest, DueSearchFollowsScheduleOrder) {
   d.list_share_period = 100;
   d.list_share_schedule = {{1, 950, 0}, {2, 0, 1}, {3, 900, 0}, {4, 0, 0}};
   ListShareScheduleEntry due;
-  ASSERT_TRUE(d.FindDueConnection(1000, &due));
-  EXPECT_EQ(3u, due.conn_id);  // 900 + 100 <= 1000; entry 1 is not due yet
-  ASSERT_TRUE(d.FindDueConnection(1050, &due));
-  EXPECT_EQ(1u, due.conn_id);
+  EXPECT_TRUE(d.FindDueConnection(1000, &due) && due.conn_id == 3);  // 900 + 100 <= 1000
+  EXPECT_TRUE(d.FindDueConnection(1050, &due) && due.conn_id == 1);
   d.list_share_schedule = {{2, 0, 1}};
   EXPECT_FALSE(d.FindDueConnection(1000, &due));
   // A period near the top of the range does not wrap into "due".
@@ -188,7 +176,7 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
   WatchedMonitor d;
   d.connection_status_list = {{1, 0, 0, 0}, {5, 0, 0, 0}};
   d.server_view_cache = {{1, {}}, {5, {}}};
-  struct Step {
+  const struct {
     int32_t second;      // since the daemon first reported the connection lost
     const char* status;  // the daemon's word
     int stored_error;    // written before the pass, as the error handler would
@@ -198,7 +186,7 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
       {0, "disconnected", 0, 1, 0},  {29, "lost", 0, 1, 0},          {30, "disconnected", 0, 2, 1},
       {35, "disconnected", 0, 2, 2}, {40, "disconnected", -1, 2, 2}, {41, "connected", -1, 0, 2},
   };
-  for (const Step& step : steps) {
+  for (const auto& step : steps) {
     SCOPED_TRACE(step.second);
     Sql("UPDATE connection_table SET error = " + std::to_string(step.stored_error) + ";");
     d.now = 1000 + step.second;
@@ -218,7 +206,7 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
 }
 
 TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
-  struct Case {
+  const struct {
     const char* key;  // of the daemon's report that differs from the stored row
     int64_t number;
     const char* text;  // the value when not null
@@ -239,7 +227,7 @@ TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
       {"nx_id", 0, "OTHER", false, 5, 0, 0},
       {"server_ip", 0, "192.0.2.99", false, 0, 0, 2},  // written, then followed in the same pass
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.key) + " " + (c.text ? c.text : std::to_string(c.number)));
     Sql(kConnectionRow +
         ("UPDATE connection_table SET error = " + std::to_string(c.stored_error) + ";"));

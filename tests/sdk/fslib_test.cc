@@ -26,9 +26,11 @@ constexpr long kEcryptfsMagic = 0xF15F;
 // file-system magic.  Paths not added do not exist.
 class FakeProbe : public FsProbe {
  public:
-  FakeProbe() { Add("/", 1, kExt4Magic); }
+  FakeProbe() { Add({"/"}, 1, kExt4Magic); }
 
-  void Add(const std::string& path, dev_t dev, long magic) { nodes_[path] = {dev, magic}; }
+  void Add(std::initializer_list<const char*> paths, dev_t dev, long magic) {
+    for (const char* path : paths) nodes_[path] = {dev, magic};
+  }
 
   int Stat(const std::string& path, struct stat* st) const override {
     const Node* node = Find(path);
@@ -83,29 +85,20 @@ class FslibTest : public ::testing::Test {
                         "/dev/sdq1 /volumeUSB1/usbshare vfat rw 0 0\n"
                         "/dev/sdr1 /volumeUSB2/usb\\040disk ext4 rw 0 0\n"
                         "/dev/md9 /mnt/deep/usb ecryptfs rw 0 0\n");
-    probe_.Add("/volume1", 2, kExt4Magic);
-    probe_.Add("/volume1/photo", 2, kExt4Magic);
-    probe_.Add("/volume1/photo/2024", 2, kExt4Magic);
-    probe_.Add("/volume2", 3, kBtrfsMagic);
-    probe_.Add("/volume2/music", 3, kBtrfsMagic);
-    probe_.Add("/volume2/sub", 30, kBtrfsMagic);  // a subvolume: own device, not in the table
-    probe_.Add("/volume2/sub/x", 30, kBtrfsMagic);
-    probe_.Add("/volume3", 4, kExt4Magic);
-    probe_.Add("/volume3/docs", 4, kExt4Magic);
-    probe_.Add("/volume4", 5, 0x4d44);
-    probe_.Add("/volume1/secret", 6, kEcryptfsMagic);
-    probe_.Add("/volume1/secret/a", 6, kEcryptfsMagic);
-    probe_.Add("/volume2/vault", 7, kEcryptfsMagic);
-    probe_.Add("/volume1/cloud", 8, 0x01021997);
-    probe_.Add("/volumeUSB1", 1, kExt4Magic);
-    probe_.Add("/volumeUSB1/usbshare", 9, 0x4d44);
-    probe_.Add("/volumeUSB1/usbshare/f", 9, 0x4d44);
-    probe_.Add("/volumeUSB2", 1, kExt4Magic);
-    probe_.Add("/volumeUSB2/usb disk", 10, kExt4Magic);
-    probe_.Add("/volume5", 11, kExt4Magic);  // mounted, but not in the table
-    probe_.Add("/mnt", 1, kExt4Magic);
-    probe_.Add("/mnt/deep", 12, kExt4Magic);  // its own device, absent from the table
-    probe_.Add("/mnt/deep/usb", 13, kEcryptfsMagic);
+    probe_.Add({"/volume1", "/volume1/photo", "/volume1/photo/2024"}, 2, kExt4Magic);
+    probe_.Add({"/volume2", "/volume2/music"}, 3, kBtrfsMagic);
+    probe_.Add({"/volume2/sub", "/volume2/sub/x"}, 30, kBtrfsMagic);  // a subvolume: own device, not in the table
+    probe_.Add({"/volume3", "/volume3/docs"}, 4, kExt4Magic);
+    probe_.Add({"/volume4"}, 5, 0x4d44);
+    probe_.Add({"/volume1/secret", "/volume1/secret/a"}, 6, kEcryptfsMagic);
+    probe_.Add({"/volume2/vault"}, 7, kEcryptfsMagic);
+    probe_.Add({"/volume1/cloud"}, 8, 0x01021997);
+    probe_.Add({"/volumeUSB1", "/volumeUSB2", "/mnt"}, 1, kExt4Magic);
+    probe_.Add({"/volumeUSB1/usbshare", "/volumeUSB1/usbshare/f"}, 9, 0x4d44);
+    probe_.Add({"/volumeUSB2/usb disk"}, 10, kExt4Magic);
+    probe_.Add({"/volume5"}, 11, kExt4Magic);  // mounted, but not in the table
+    probe_.Add({"/mnt/deep"}, 12, kExt4Magic);  // its own device, absent from the table
+    probe_.Add({"/mnt/deep/usb"}, 13, kEcryptfsMagic);
   }
 
   int Get(const std::string& path, FileSystemProperty* p) {
@@ -163,18 +156,13 @@ TEST_F(FslibTest, UnsyncableVolumesFail) {
   EXPECT_TRUE(IsOnBtrfs("/volume2/sub", probe_));
 }
 
-TEST_F(FslibTest, MountTableDecodesEscapesAndStacks) {
-  std::string table = dir_.Write("stacked",
-                                 "/dev/a /volume1 ext4 rw 0 0\n"
-                                 "/dev/b /my\\040share ext4 rw 0 0\n"
-                                 "/dev/c /volume1 btrfs rw 0 0\n");
-  std::vector<MountEntry> entries;
-  ASSERT_EQ(0, ReadMountTable(table, &entries));
-  ASSERT_EQ(3u, entries.size());
-  EXPECT_EQ((MountEntry{"/dev/b", "/my share", "ext4"}), entries[1]);
+// Escapes are decoded in EachKindOfVolume ("usb\040disk").
+TEST_F(FslibTest, TheLastMountOfAPathHidesTheFirst) {
+  const std::string table = dir_.Write("stacked", "/dev/a /volume1 ext4 rw 0 0\n"
+                                                  "/dev/c /volume1 btrfs rw 0 0\n");
   MountEntry top;
   EXPECT_EQ(1, FindMountEntry("/volume1", &top, table));
-  EXPECT_EQ((MountEntry{"/dev/c", "/volume1", "btrfs"}), top);  // the last mount hides the first
+  EXPECT_EQ((MountEntry{"/dev/c", "/volume1", "btrfs"}), top);
   EXPECT_EQ(0, FindMountEntry("/volume9", &top, table));
   EXPECT_EQ(-1, FindMountEntry("/volume1", &top, dir_.File("absent")));
 }
@@ -207,18 +195,12 @@ TEST_F(FslibTest, MapFormKeysAndRoundTrip) {
   ASSERT_EQ(0, Get("/volume2/vault", &p));
   PObject map;
   ASSERT_EQ(0, p.Serialize(&map));
-  ASSERT_TRUE(map.IsMap());
-  EXPECT_EQ(10u, map.AsMap().size());
-  EXPECT_EQ(3, map.Lookup("fs_type").AsInteger());
-  EXPECT_EQ(1, map.Lookup("support_quota").AsInteger());
-  EXPECT_EQ(0, map.Lookup("support_snapshot").AsInteger());
-  EXPECT_EQ(0, map.Lookup("is_usb").AsInteger());
-  EXPECT_EQ(1, map.Lookup("is_mounted_on_btrfs").AsInteger());
-  EXPECT_EQ("/volume2/vault/@eaDir/@tmp", map.Lookup("tmp_path").AsString());
-  EXPECT_EQ("/volume2/vault", map.Lookup("zephtify_path").AsString());
-  EXPECT_EQ("/volume2", map.Lookup("share_bin_path").AsString());
-  EXPECT_EQ("/volume2/vault", map.Lookup("mount_point_path").AsString());
-  EXPECT_EQ("/volume2/@vault", map.Lookup("device_path").AsString());
+  EXPECT_EQ(
+      R"({"device_path": "/volume2/@vault", "fs_type": 3, "is_mounted_on_btrfs": 1, "is_usb": 0, )"
+      R"("mount_point_path": "/volume2/vault", "share_bin_path": "/volume2", "support_quota": 1, )"
+      R"("support_snapshot": 0, "tmp_path": "/volume2/vault/@eaDir/@tmp", )"
+      R"("zephtify_path": "/volume2/vault"})",
+      ToJson(map));
 
   FileSystemProperty back;
   ASSERT_EQ(0, back.Deserialize(map));
@@ -254,8 +236,7 @@ TEST_F(FslibTest, ExistenceAndRecursiveRemoval) {
 }
 
 // tree/sub is swapped for a link to `target` while the walk opens it (held
-// there by a permission event): the walk must empty what it opened, never
-// the link's target.
+// by a permission event): the walk empties what it opened, never the target.
 TEST_F(FslibTest, RemovalNeverFollowsADirectorySwappedForALink) {
   const std::string target = dir_.File("target"), tree = dir_.File("tree");
   const std::string sub = tree + "/sub", link = dir_.File("link");

@@ -1,5 +1,4 @@
-// Shared folders read from their files below a fresh VESTA_ROOT: what real
-// users and groups may do in them, their lookups, attributes and placement.
+// Shared folders read from their files below a fresh VESTA_ROOT.
 #include "sdk/share.h"
 
 #include <fcntl.h>
@@ -31,8 +30,7 @@ namespace {
 // Privilege codes, typed here independently.
 constexpr int kRO = 1, kRW = 2, kNone = 4, kFull = 8;
 
-// Runs a shell command, retrying for up to 5 s while another process holds
-// the account database's lock.
+// Retries for up to 5 s while another process holds the account database.
 bool Run(const std::string& command) {
   for (int attempt = 0; attempt < 50; ++attempt) {
     if (std::system((command + " >/dev/null 2>&1").c_str()) == 0) return true;
@@ -43,10 +41,8 @@ bool Run(const std::string& command) {
 }
 
 // Real accounts for one test: a group "staff", its owner and a member, an
-// outsider, and a member of "administrators".  What was made is removed, in
-// reverse order, when the object goes, however the test ended.  Test
-// processes of this file take them one at a time (an flock), because
-// "administrators" is shared by all of them.
+// outsider, and a member of "administrators" (shared by every test process,
+// hence the flock).  Removed in reverse order however the test ended.
 class Accounts {
  public:
   Accounts() {
@@ -100,50 +96,33 @@ class ShareFiles {
     dir.Write("etc/vesta/shares/" + name + ".conf", "path=" + path + "\n" + keys);
   }
 
-  // A directory below the root, with `mode`, owned by `uid`:`gid`.
-  std::string Dir(const std::string& name, mode_t mode, uid_t uid, gid_t gid) {
-    const std::string path = dir.File("data/" + name);
-    mkdir(path.c_str(), 0700);
-    EXPECT_EQ(0, chown(path.c_str(), uid, gid));
-    EXPECT_EQ(0, chmod(path.c_str(), mode));
-    return path;
-  }
-
   TempDir dir;
 };
 
-class PrivilegeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root: the test makes real users and groups";
-    accounts_ = std::make_unique<Accounts>();
-    ASSERT_TRUE(accounts_->made) << "the test accounts could not be made";
-    const Accounts& a = *accounts_;
-    for (mode_t mode : {0770, 0750, 0720, 0755, 0700}) {
-      char name[8];
-      snprintf(name, sizeof(name), "d%o", mode);
-      files_.Dir(name, mode, a.owner_uid, a.staff_gid);
-    }
+TEST(PrivilegeTest, EveryRuleOfThePrivilegeAndGroups) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: the test makes real users and groups";
+  const Accounts a;  // removed when the test ends, however it ends
+  ASSERT_TRUE(a.made) << "the test accounts could not be made";
+  ShareFiles files;
+  auto Dir = [&files](const std::string& name) { return files.dir.File("data/" + name); };
+  for (const char* name : {"d770", "d750", "d720", "d755", "d700"}) {
+    ASSERT_EQ(0, mkdir(Dir(name).c_str(), 0700));
+    ASSERT_EQ(0, chown(Dir(name).c_str(), a.owner_uid, a.staff_gid));
+    ASSERT_EQ(0, chmod(Dir(name).c_str(), std::stoi(name + 1, nullptr, 8)));
   }
-
-  std::string Dir(const char* name) { return files_.dir.File(std::string("data/") + name); }
-
-  std::unique_ptr<Accounts> accounts_;  // removed with the fixture, whatever happened
-  ShareFiles files_;
-};
-
-TEST_F(PrivilegeTest, EveryRuleOfThePrivilege) {
-  const Accounts& a = *accounts_;
   const std::string acl = "acl_only=yes\n", ro = "readonly=yes\n";
   auto rw = [](const std::string& u) { return "rw_users=" + u + "\n"; };
   std::string upper_staff = a.staff;
   for (char& c : upper_staff) c = static_cast<char>(toupper(c));
+  std::string upper_alice = a.alice;
+  for (char& c : upper_alice) c = static_cast<char>(toupper(c));
   const std::string mask1 = "acl_mask=\"" + a.alice + ":0x75," + a.boss + ":0x1\"\n";
   const std::string enc = "encrypted=yes\n" + rw(a.alice) + "encryption_path=" + Dir("d770") + "\n";
   const struct {
     const char* dir;
     std::string keys, user;
     int want;
+    bool loose = false;  // the privilege of the loose calculation
   } kCases[] = {
       // ACL-only shares: the user lists do not count.
       {"d750", acl + "deny_users=" + a.alice + "\n", a.alice, kRO},
@@ -193,38 +172,23 @@ TEST_F(PrivilegeTest, EveryRuleOfThePrivilege) {
       {"d700", enc + "locked=yes\n", a.alice, kRW},
       {"d700", enc + "locked=no\n", a.alice, kNone},
       {"d700", "encrypted=yes\nlocked=yes\nencryption_path=" + Dir("gone") + "\n" + rw(a.alice), a.alice, kNone},
+      // Every read bit (0x74) is read, for both; the mask's user matches in any case.
+      {"d700", "acl_mask=\"" + upper_alice + ":0x74\"\n" + rw(a.alice), a.alice, kRO},
+      {"d700", "acl_mask=\"" + upper_alice + ":0x74\"\n" + rw(a.alice), a.alice, kRO, true},
+      {"d770", "", a.alice, kRW, true},
+      {"d770", "", a.owner, kRW, true},
+      {"d750", "", a.alice, kRO, true},
+      {"d770", "", a.bob, kNone, true},
+      {"d770", "forbidden=yes\n", a.owner, kNone, true},
+      {"d770", "", "vt-no-such-user", kNone, true},
   };
   for (const auto& c : kCases) {
-    files_.Write("s", Dir(c.dir), c.keys);
+    files.Write("s", Dir(c.dir), c.keys);
     std::shared_ptr<SDK::Share> share = SDK::GetShare("s");
     ASSERT_TRUE(share) << c.keys;
-    EXPECT_EQ(c.want, share->GetPrivilege(c.user)) << c.dir << " " << c.user << ": " << c.keys;
+    EXPECT_EQ(c.want, c.loose ? share->GetLoosePrivilege(c.user) : share->GetPrivilege(c.user))
+        << c.dir << " " << c.user << ": " << c.keys;
   }
-}
-
-TEST_F(PrivilegeTest, LoosePrivilegeAndGroups) {
-  const Accounts& a = *accounts_;
-  files_.Write("s", Dir("d770"), "");
-  files_.Write("t", Dir("d750"), "");
-  files_.Write("f", Dir("d770"), "forbidden=yes\n");
-  std::string upper_alice = a.alice;
-  for (char& c : upper_alice) c = static_cast<char>(toupper(c));
-  // Every read bit (0x74) is read, for both calculations; the mask's user
-  // name matches without regard to case.
-  files_.Write("m", Dir("d700"), "acl_mask=\"" + upper_alice + ":0x74\"\nrw_users=" + a.alice + "\n");
-  std::shared_ptr<SDK::Share> s = SDK::GetShare("s");
-  std::shared_ptr<SDK::Share> t = SDK::GetShare("t");
-  std::shared_ptr<SDK::Share> f = SDK::GetShare("f");
-  std::shared_ptr<SDK::Share> m = SDK::GetShare("m");
-  ASSERT_TRUE(s && t && f && m);
-  EXPECT_EQ(kRO, m->GetLoosePrivilege(a.alice));
-  EXPECT_EQ(kRO, m->GetPrivilege(a.alice));
-  EXPECT_EQ(kRW, s->GetLoosePrivilege(a.alice));
-  EXPECT_EQ(kRW, s->GetLoosePrivilege(a.owner));
-  EXPECT_EQ(kRO, t->GetLoosePrivilege(a.alice));
-  EXPECT_EQ(kNone, s->GetLoosePrivilege(a.bob));
-  EXPECT_EQ(kNone, f->GetLoosePrivilege(a.owner));
-  EXPECT_EQ(kNone, s->GetLoosePrivilege("vt-no-such-user"));
 
   KlibSzList* groups = nullptr;
   ASSERT_EQ(0, KLIBGroupInfoListGet(a.alice.c_str(), &groups));
@@ -325,8 +289,7 @@ TEST_F(ShareAttributesTest, EveryAnswerOfEachKindOfShare) {
   EXPECT_EQ(0, plain->GetStatusFlags());
   EXPECT_EQ(4, plain->GetVersion());
 
-  // One folder, however its path is written: same path, same encryption
-  // path, same snapshot search.
+  // However its path is written: same path, encryption path and snapshot search.
   for (const char* path : {"/volume1/photo", "/volume1/photo/", "/volume1//photo/."}) {
     auto s = Make(path, "", table);
     EXPECT_EQ("/volume1/photo", s->GetPath()) << path;
@@ -345,27 +308,27 @@ TEST_F(ShareAttributesTest, EveryAnswerOfEachKindOfShare) {
 
 TEST_F(ShareAttributesTest, PathsUuidAndKey) {
   const std::string key64(64, 'k');
-  const std::string key_file = files_.dir.Write("key", key64 + "trailing");
-  const std::string short_key = files_.dir.Write("short", "abc");
-  std::string text;
-
-  auto s = Make("/volume1/photo", "uuid=1f0e-77\nencrypted=yes\ndefault_key_file=" + key_file + "\n");
-  ASSERT_TRUE(s);
-  EXPECT_EQ(0, s->GetBinPath(&text));
-  EXPECT_EQ("/volume1/photo/#recycle", text);
-  EXPECT_EQ(0, s->GetUuid(&text));
-  EXPECT_EQ("1f0e-77", text);
-  EXPECT_EQ(1, s->GetUniqueKey(&text));
-  EXPECT_EQ(key64, text);
-
-  auto bare = Make("/volume1/photo", "recycle_bin_path=/volume1/@bins/photo\ndefault_key_file=" + key_file + "\n");
-  EXPECT_EQ(0, bare->GetBinPath(&text));
-  EXPECT_EQ("/volume1/@bins/photo", text);
-  text = "unchanged";
-  EXPECT_EQ(-1, bare->GetUuid(&text));
-  EXPECT_EQ(0, bare->GetUniqueKey(&text));  // not encrypted
-  EXPECT_EQ("unchanged", text);
-  EXPECT_EQ(0, Make("/volume1/photo", "encrypted=yes\ndefault_key_file=" + short_key + "\n")->GetUniqueKey(&text));
+  const std::string key = "default_key_file=" + files_.dir.Write("key", key64 + "trailing") + "\n";
+  const std::string short_key = "default_key_file=" + files_.dir.Write("short", "abc") + "\n";
+  // GetBinPath, GetUuid, GetUniqueKey, each as "result:text"; a call that
+  // finds nothing leaves the text ("-") alone.
+  const struct {
+    std::string keys, want;
+  } kCases[] = {
+      {"uuid=1f0e-77\nencrypted=yes\n" + key, "0:/volume1/photo/#recycle 0:1f0e-77 1:" + key64},
+      {"recycle_bin_path=/volume1/@bins/photo\n" + key, "0:/volume1/@bins/photo -1:- 0:-"},
+      {"encrypted=yes\n" + short_key, "0:/volume1/photo/#recycle -1:- 0:-"},
+  };
+  for (const auto& c : kCases) {
+    auto s = Make("/volume1/photo", c.keys);
+    ASSERT_TRUE(s) << c.keys;
+    std::string got;
+    for (auto get : {&SDK::Share::GetBinPath, &SDK::Share::GetUuid, &SDK::Share::GetUniqueKey}) {
+      std::string text = "-";
+      got += std::to_string(((*s).*get)(&text)) + ":" + text + " ";
+    }
+    EXPECT_EQ(c.want + " ", got) << c.keys;
+  }
 
   // The map form of the folder's file system is its property's.
   const std::string real = files_.dir.File("data");

@@ -1,12 +1,7 @@
 #!/usr/bin/env python3
-"""Error notifications sent to the real binary in the Sandbox of
-monitor_system_test.py: stored rows through the sqlite3 shell, commands from
-the simulated sync daemon's record, notifications from notifications.jsonl.
-Connections point at a closed port or at the simulated remote server, with
-a certificate that openssl makes.
-
-Usage: error_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
-"""
+"""Error notifications sent to the real binary; connections point at a
+closed port or at the simulated remote server with an openssl certificate.
+Usage: error_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
 import os
 import socket

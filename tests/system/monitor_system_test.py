@@ -1,11 +1,8 @@
 #!/usr/bin/env python3
-"""System tests of the real vesta-monitor binary, and the Sandbox that every
-system test starts it in: a fresh VESTA_ROOT (service configuration, level
-file, configuration file with short periods), the simulated peers of
-tests/peers beside it, and readers of what the daemon and the peers wrote.
-
-Usage: monitor_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
-"""
+"""The real vesta-monitor binary, and the Sandbox every system test starts it
+in: a fresh VESTA_ROOT, the simulated peers of tests/peers beside it, and
+readers of what they wrote.
+Usage: monitor_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
 import json
 import os
@@ -51,15 +48,14 @@ def sanitized_binary():
 
 
 def main():
-    """The unittest main of a system test file: PATH_TO_VESTA_MONITOR first."""
     global BINARY
     BINARY = os.path.abspath(sys.argv.pop(1))
     unittest.main()
 
 
 class Sandbox:
-    """One VESTA_ROOT with everything the daemon reads at start; `period`
-    is both the status and the share-listing period (seconds)."""
+    """One VESTA_ROOT with all the daemon reads at start; `period` (s) is
+    both the status and the share-listing period."""
 
     def __init__(self, period=1):
         self.root = tempfile.mkdtemp(prefix="vesta-sys-")
@@ -99,8 +95,7 @@ class Sandbox:
         return subprocess.run([BINARY, self.conf], env=self.env(), timeout=20).returncode
 
     def start_and_wait(self):
-        """Starts the daemon and waits until it serves: socket bound,
-        database open, workers started.  Returns its pid."""
+        """Starts the daemon, waits until it serves, returns its pid."""
         log_from = len(self.log_text())
         assert self.start() == 0
         serving = "monitor daemon starts receiving messages on domain socket " + self.socket
@@ -129,11 +124,21 @@ class Sandbox:
             s.sendall(pstream.encode(value))
             return pstream.recv_value(s)
 
+    def send_raw(self, data):
+        """Sends `data`, closes our side; what came back (b"": dropped)."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+            s.settimeout(20)
+            s.connect(self.socket)
+            try:
+                s.sendall(data)
+                s.shutdown(socket.SHUT_WR)
+                return s.recv(16)
+            except (ConnectionResetError, BrokenPipeError):
+                return b""  # closed with our bytes unread
+
     def start_peer(self, peer, *args):
-        """Starts tests/peers/PEER.py (sync_daemon or remote_server) in the
-        sandbox, answering from the script PEER.json (see script()) and
-        recording into PEER.jsonl; returns what its ready file says.
-        cleanup() ends it."""
+        """Starts tests/peers/PEER.py answering from PEER.json (script())
+        and recording into PEER.jsonl; returns what its ready file says."""
         path = os.path.join(self.root, peer)
         self.script(peer, {})
         self.peers.append(subprocess.Popen(
@@ -152,9 +157,8 @@ class Sandbox:
         os.rename(path + ".tmp", path)
 
     def records(self, name, new=False):
-        """The JSON lines of NAME.jsonl: a peer's record, or "notifications"
-        (those posted to administrators).  new: only the lines added since
-        the last call with new."""
+        """The JSON lines of a peer's record or of "notifications"; new: only
+        those added since the last call with new."""
         path = os.path.join(self.root, "var/lib/vesta/notifications.jsonl"
                             if name == "notifications" else name + ".jsonl")
         try:
@@ -277,8 +281,7 @@ class MonitorTest(unittest.TestCase):
 
     def test_monitorctl(self):
         ctl = os.environ.get("VESTA_MONITORCTL")
-        self.assertTrue(ctl, "VESTA_MONITORCTL must name the vesta-monitorctl binary "
-                        "(ctest sets it)")
+        self.assertTrue(ctl, "VESTA_MONITORCTL must name vesta-monitorctl (ctest sets it)")
         box = self.box
         pid = box.start_and_wait()
 
@@ -310,28 +313,16 @@ class MonitorTest(unittest.TestCase):
             "half a request": b"\x42\x10\x00\x06act",
         }
 
-        def send_raw(data):
-            """Sends `data`, closes our side; the daemon must drop us unanswered."""
-            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-                s.settimeout(10)
-                s.connect(box.socket)
-                try:
-                    s.sendall(data)
-                    s.shutdown(socket.SHUT_WR)
-                    self.assertEqual(b"", s.recv(16))
-                except (ConnectionResetError, BrokenPipeError):
-                    pass  # closed with our bytes unread
-
         # Warm up every path once before the memory baseline.
         for data in bad.values():
-            send_raw(data)
+            self.assertEqual(b"", box.send_raw(data))
         before_files = box.files()
         before_root = set(os.listdir("/"))
         rss_before = vm_rss_kib(pid)
         for _ in range(5):
             for name, data in bad.items():
                 with self.subTest(input=name):
-                    send_raw(data)
+                    self.assertEqual(b"", box.send_raw(data))
                     self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
         rss_after = vm_rss_kib(pid)
         self.assertEqual([pid], box.daemons())
@@ -369,14 +360,7 @@ class MonitorTest(unittest.TestCase):
                 self.assertLess(time.monotonic() - t0, 11.0)
 
         # Four million empty arrays: 8 MiB on the wire, far more in memory.
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-            s.settimeout(20)
-            s.connect(box.socket)
-            try:
-                s.sendall(b"\x41" + b"\x41\x40" * 4000000 + b"\x40")
-                self.assertEqual(b"", s.recv(16))  # dropped unanswered
-            except OSError:
-                pass  # dropped before all of it went
+        self.assertEqual(b"", box.send_raw(b"\x41" + b"\x41\x40" * 4000000 + b"\x40"))
         self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
         self.assertTrue(wait_for(lambda: "refused" in box.log_text()), box.log_text())
         self.assertEqual(1, box.log_text().count("bytes of memory, refused"))

@@ -46,10 +46,6 @@ class ShareHookTest(unittest.TestCase):
         with open(self.box.root + "/etc/vesta/shares/docs.conf", "w") as f:
             f.write("path=%s\n%s" % (self.folder, extra))
 
-    def notices(self):
-        return [n for n in self.box.records("notifications", new=True)
-                if n["notify_id"] == "LocalShareNotMounted"]
-
     def hook(self, type_, result=0, share="docs"):
         """Sends one hook; the commands the sync daemon received for it."""
         self.box.requests("sync_daemon", new=True)
@@ -107,7 +103,8 @@ class ShareHookTest(unittest.TestCase):
                 self.assertEqual("-11|0|1|1|0", self.box.sql(SESSION))
                 with open(self.filter) as f:
                     self.assertIn("max_length = 143", f.read())
-                self.assertEqual(notified, len(self.notices()))
+                self.assertEqual(["LocalShareNotMounted"] * notified, [
+                    n["notify_id"] for n in self.box.records("notifications", new=True)])
 
     def test_share_gone(self):
         self.box.sql("UPDATE session_table SET is_daemon_enable = 0 WHERE id = 2;")

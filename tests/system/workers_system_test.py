@@ -1,10 +1,6 @@
 #!/usr/bin/env python3
-"""System tests of the status and share-listing threads of the real binary,
-against the simulated sync daemon's scripted get_status replies and the
-simulated remote server's scripted view lists; rows through the sqlite3 shell.
-
-Usage: workers_system_test.py PATH_TO_VESTA_MONITOR [unittest args]
-"""
+"""The status and share-listing threads of the real binary against scripted
+peers.  Usage: workers_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
 import os
 import sys
@@ -12,7 +8,6 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import monitor_system_test as mst  # noqa: E402
-from monitor_system_test import wait_for  # noqa: E402
 
 # Connection 1 as stored (server address, status, error) and as reported.
 CONNECTION = ("INSERT INTO connection_table (id, conn_mode, server_ip, server_port, session,"
@@ -40,18 +35,18 @@ class WorkersTest(unittest.TestCase):
         row = "SELECT status, error, server_ip || ':' || server_port FROM connection_table;"
         box.sql(CONNECTION % ("192.0.2.10", 6690, 1, -1))
         self.report(status="disconnected")
-        self.assertTrue(wait_for(lambda: "Connection #1 has been added" in box.log_text()))
+        self.assertTrue(mst.wait_for(lambda: "Connection #1 has been added" in box.log_text()))
         self.report(server_ip="192.0.2.99", server_port=6691)
-        self.assertTrue(wait_for(lambda: box.sql(row) == "0|0|192.0.2.99:6691", limit=10),
+        self.assertTrue(mst.wait_for(lambda: box.sql(row) == "0|0|192.0.2.99:6691", limit=10),
                         box.sql(row))
 
         # Another server behind the address: paused with -5, notified once.
         self.report(server_ip="192.0.2.99", server_port=6691, nx_id="OTHER")
-        self.assertTrue(wait_for(lambda: box.sql(row) == "2|-5|192.0.2.99:6691", limit=10),
+        self.assertTrue(mst.wait_for(lambda: box.sql(row) == "2|-5|192.0.2.99:6691", limit=10),
                         box.sql(row))
         self.assertIn({"action": "pause", "connection_id": 1}, box.requests("sync_daemon"))
         asked = len(box.requests("sync_daemon"))
-        self.assertTrue(wait_for(lambda: len(box.requests("sync_daemon")) >= asked + 2))
+        self.assertTrue(mst.wait_for(lambda: len(box.requests("sync_daemon")) >= asked + 2))
         self.assertEqual(["NXChange"], [n["notify_id"] for n in box.records("notifications")])
 
     def test_listing_brings_sessions_in_line_with_the_servers_views(self):
@@ -74,17 +69,16 @@ class WorkersTest(unittest.TestCase):
 
         def listed(times):
             """Asks until the server has seen `times` listings (a request
-            during a listing is undone by its end); one runs at a time, so
-            the one before has ended."""
+            during a listing is undone by its end)."""
             def ask():
                 box.request({"action": "refresh_session", "conn_id": 1})
-                return wait_for(lambda: listings() >= times, limit=0.5)
-            return wait_for(ask, limit=10, step=0)
+                return mst.wait_for(lambda: listings() >= times, limit=0.5)
+            return mst.wait_for(ask, limit=10, step=0)
 
         # Due at once: listed within about a second, the thread's pause.
         self.assertIsNone(box.request({"action": "refresh_session", "conn_id": 1}))
-        self.assertTrue(wait_for(lambda: listings() >= 1, limit=3.0))
-        self.assertTrue(wait_for(lambda: box.sql(sessions) == "1|photo|2|2|1|0|0\n"
+        self.assertTrue(mst.wait_for(lambda: listings() >= 1, limit=3.0))
+        self.assertTrue(mst.wait_for(lambda: box.sql(sessions) == "1|photo|2|2|1|0|0\n"
                                  "2|vault|3|0|0|1|0\n3|gone|0|0|0|0|0"), box.sql(sessions))
         self.assertIn({"action": "resume", "session_id": 2}, box.requests("sync_daemon"))
         self.assertEqual("1026", box.sql("SELECT user_uid FROM connection_table;"))
