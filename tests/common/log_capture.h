@@ -2,8 +2,11 @@
 #ifndef VESTA_TESTS_COMMON_LOG_CAPTURE_H_
 #define VESTA_TESTS_COMMON_LOG_CAPTURE_H_
 
+#include <algorithm>
+#include <functional>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
 #include "log/logger.h"
@@ -32,6 +35,21 @@ class LogCapture {
   bool Logged(const std::string& line) const {
     return ("\n" + Lines(ReadFile(path_).substr(taken_))).find("\n" + line + "\n") !=
            std::string::npos;
+  }
+
+  // One call with its result and the last lines it must write.
+  struct Outcome {
+    std::function<int()> call;
+    int result;
+    std::string line;
+  };
+  void ExpectEach(const std::vector<Outcome>& outcomes) {
+    for (const Outcome& o : outcomes) {
+      Take();
+      EXPECT_EQ(o.result, o.call()) << o.line;
+      const std::string lines = "\n" + Take(), tail = "\n" + o.line + "\n";
+      EXPECT_EQ(tail, lines.substr(lines.size() - std::min(lines.size(), tail.size())));
+    }
   }
 
  private:

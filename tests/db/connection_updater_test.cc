@@ -30,7 +30,7 @@ class ConnectionUpdaterTest : public ::testing::Test {
   }
 
   TempDir dir_;
-  LogCapture log_{dir_};
+  LogCapture log_{dir_, kDbLevels};
   std::string path_ = dir_.File("db/event-db.sqlite");
 };
 

@@ -182,7 +182,7 @@ TEST_F(FilterFileTest, LoadRulesAliasesAndMaxima) {
 }
 
 TEST_F(FilterFileTest, CleanUpFilterDatabase) {
-  LogCapture log(dir_);
+  LogCapture log(dir_, kDbLevels);
   const std::string db = dir_.File("filter.sqlite");
   EXPECT_EQ(0, CleanUpFilterDBBySession(db, 3));
   EXPECT_TRUE(log.Logged("INFO filter db is not exist"));
@@ -225,7 +225,7 @@ TEST_F(FilterFileTest, CleanUpFilterDatabase) {
 // The maximum name length follows the encryption state of the session's
 // shared folder; a file already right keeps its own text.
 TEST_F(FilterFileTest, MaxLengthFollowsTheEncryptionState) {
-  LogCapture log(dir_);
+  LogCapture log(dir_, kDbLevels);
   ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
   SqliteShell(dir_.File("system.sqlite"),
               "INSERT INTO session_table (id, is_encryption) VALUES (1, 1), (2, 0);");

@@ -85,7 +85,7 @@ class SystemDBTest : public ::testing::Test {
   }
 
   TempDir dir_;
-  LogCapture log_{dir_};
+  LogCapture log_{dir_, kDbLevels};
   std::string path_ = dir_.File("system.sqlite");
 };
 

@@ -15,8 +15,8 @@
 #include "error/version-rules.h"
 #include "gtest/gtest.h"
 #include "monitor/vesta-monitor.h"
+#include "tests/common/log_capture.h"
 #include "tests/common/sync_daemon_peer.h"
-#include "tests/db/db_test_util.h"
 #include "tests/net_io/net_io_test_util.h"
 
 namespace {

@@ -12,8 +12,8 @@
 
 #include "stream/PObject.h"
 #include "stream/stream.h"
+#include "tests/common/log_capture.h"
 #include "tests/common/temp_dir.h"
-#include "tests/db/db_test_util.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include "gtest/gtest.h"
 #include "monitor/vesta-monitor.h"
 #include "stream/PObject.h"
+#include "tests/common/log_capture.h"
 #include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
-#include "tests/db/db_test_util.h"
 
 namespace {
 
