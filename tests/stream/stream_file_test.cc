@@ -130,8 +130,10 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
   PObject value;
   value["a"] = PObject::binary_type{cut, size - cut, source};
   value["b"] = PObject::binary_ex_type{source, 0, size, "", "", ""};
+  value["c"] = PObject::binary_type{0, 3, source};
   PObject got;
   got["a"] = PObject::binary_type{cut, 0, partial};
+  got["c"] = PObject::binary_type{0, 0, dir_.File("created")};  // made 0644
   PStream in;
   in.SetBinaryDir(dir_.path());
   in.SetDefaultHashAlgo("sha256");
@@ -152,8 +154,10 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
   EXPECT_EQ(R"({"a": {"offset": )" + n + R"(, "length": )" + n + R"(, "path": ")" + partial +
                 R"("}, "b": {"offset": )" + n + R"(, "length": )" + n + R"(, "path": ")" +
                 dir_.path() + R"(/NEW", "send_hash": ")" + digest + R"(", "recv_hash": ")" +
-                digest + R"(", "hash_algo": "sha256"}})",
+                digest + R"(", "hash_algo": "sha256"}, "c": {"offset": 3, "length": 3, "path": ")" +
+                dir_.File("created") + R"("}})",
             Fresh(got, dir_.path()));
+  EXPECT_EQ("-rw-r--r--\n", RunCommand("stat -c %A '" + dir_.File("created") + "'"));
   EXPECT_EQ(digest + digest, net_io_test::Sha256Of(partial) +
                                  net_io_test::Sha256Of(got.Lookup("b").AsBinaryEx().path));
   EXPECT_EQ(2, std::count(progress.begin(), progress.end(), std::make_pair(size, size)));
@@ -166,6 +170,7 @@ TEST_F(PStreamFileTest, ResumedBinaryAndDigestedBinaryExWithProgress) {
 // Of a binary_ex from a peer only the last "binary" member that is a binary
 // is kept; the files of the others go.
 TEST_F(PStreamFileTest, BinaryExKeepsOnlyItsLastFile) {
+  LogCapture log(dir_, "");
   const std::string value = Hex("43") + WireString("binary") + Hex("30 00 00 00 00 00 00 00 01") +
                             "a" + WireString("binary") + Hex("30 00 00 00 00 00 00 00 01") + "b" +
                             WireString("other") + Hex("30 00 00 00 00 00 00 00 01") + "c" +
@@ -178,7 +183,8 @@ TEST_F(PStreamFileTest, BinaryExKeepsOnlyItsLastFile) {
   ASSERT_EQ(0, in.Recv(&receiver_, &got));
   EXPECT_EQ("b", ReadFile(got.AsBinaryEx().path));
   EXPECT_EQ("", got.AsBinaryEx().send_hash);
-  EXPECT_EQ(1, Entries(dir_.path()));
+  EXPECT_EQ(3, Entries(dir_.path()));  // with the log and its level file
+  EXPECT_EQ("", log.Take());
 }
 
 TEST_F(PStreamFileTest, SenderProgressCountsFileBytesUpToTheLastPiece) {
