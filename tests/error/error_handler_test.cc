@@ -152,6 +152,13 @@ TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
                         Effects())
         << c[0];
   }
+  // The unlink slot given an error of its own first disables every enabled
+  // session of the connection.
+  Reset();
+  EXPECT_EQ(0, NXClientErrorHandler().UnlinkConnection(Connection(), 25));
+  EXPECT_EQ("0|0|0 -5|3|0 remove_session s1, unlink_connection c1 /  / ",
+            Sql("SELECT error, status, is_daemon_enable FROM session_table WHERE id = 1") + " " +
+                Sql("SELECT error, status, linked FROM connection_table") + " " + Effects());
 }
 
 TEST_F(ErrorHandlerTest, ServerChanges) {
