@@ -251,8 +251,9 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   s.sync_folder = "/volume1/a";
   s.share_name = "it's";
   s.conflict_policy = "rename";
-  s.is_encryption = true;
-  s.sync_temp_file = true;
+  s.is_read_only = s.is_daemon_enable = s.ignore_local_remove = s.rename_conflict = true;
+  s.with_q9share = s.is_encryption = s.is_mounted = s.sync_temp_file = true;
+  s.use_windows_cloud_file_api = s.is_shared_with_me = true;
   s.session_type = 2;
   s.node_id = 99;  // not written: node_id is not one of the updated columns
   ASSERT_EQ(0, SystemDB::updateSessionInfo(&s));
@@ -261,11 +262,19 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   r.view_id = 8;
   r.remote_path = "/";
   r.sync_folder = "/volume2/b";
+  r.is_read_only = r.is_daemon_enable = r.ignore_local_remove = r.rename_conflict = false;
+  r.with_q9share = r.is_encryption = r.is_mounted = r.sync_temp_file = false;
+  r.use_windows_cloud_file_api = r.is_shared_with_me = false;
   ASSERT_EQ(0, SystemDB::updateSessionInfo(&r));
   EXPECT_EQ(root, r.id);
   EXPECT_TRUE(log_.Logged("DEBUG update row id " + std::to_string(root)));
   EXPECT_EQ("/volume1/a/|/docs/|it's\n/volume2/b/|/|it's",
             Sql("SELECT sync_folder, remote_path, share_name FROM session_table ORDER BY id;"));
+  // Flags are stored as 1 and 0, what the other processes of the package read.
+  EXPECT_EQ("1|1|1|1|1|1|1|1|1|1\n0|0|0|0|0|0|0|0|0|0",
+            Sql("SELECT is_read_only, is_daemon_enable, ignore_local_remove, rename_conflict, "
+                "with_q9share, is_encryption, is_mounted, sync_temp_file, "
+                "use_windows_cloud_file_api, is_shared_with_me FROM session_table ORDER BY id;"));
 
   SessionInfo got;
   ASSERT_EQ(1, SystemDB::getSessionInfoBySyncFolder("/volume1/a", &got));
@@ -334,6 +343,9 @@ TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
   want.error = -3;
   want.user_uid = 1026;
   EXPECT_EQ(want, got);  // resolved_address too: reset to ""
+  EXPECT_EQ("1|1|1|0|1|1", Sql("SELECT use_ssl, ssl_allow_untrust, use_proxy, use_system_proxy, "
+                               "use_tunnel, enable_shared_with_me FROM connection_table WHERE id = " +
+                               std::to_string(second)));
 
   // The proxy and tunnel given beside the entry are what is stored.
   ProxyInfo other_proxy;
