@@ -345,7 +345,8 @@ TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
   EXPECT_EQ(want, got);  // resolved_address too: reset to ""
   EXPECT_EQ("1|1|1|0|1|1",
             Sql("SELECT use_ssl, ssl_allow_untrust, use_proxy, use_system_proxy, use_tunnel, "
-                "enable_shared_with_me FROM connection_table WHERE id = " + std::to_string(second)));
+                "enable_shared_with_me FROM connection_table WHERE id = " +
+                std::to_string(second)));
 
   // The proxy and tunnel given beside the entry are what is stored.
   ProxyInfo other_proxy;
