@@ -1,7 +1,5 @@
 #!/usr/bin/env python3
-"""vesta-monitorctl status on a system database that the real daemon
-created: every stored error and status value in words, a read beside
-another process's uncommitted write, and a file left byte for byte.
+"""vesta-monitorctl status on a system database the real daemon created.
 
 Usage: status_test.py VESTA_MONITOR VESTA_MONITORCTL
 """
