@@ -157,7 +157,6 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
 
 TEST_F(ParserTest, ErrorNamesAndMissingFile) {
   EXPECT_STREQ("NO_ERROR", ConfigErrorName(0));
-  EXPECT_STREQ("INTERNAL_ERROR", ConfigErrorName(-26));
   EXPECT_STREQ("Unknown error", ConfigErrorName(-27));
   EXPECT_STREQ("Unknown error", ConfigErrorName(1));
 
@@ -191,8 +190,7 @@ TEST_F(ParserTest, ValuesEscapesAndSets) {
   EXPECT_EQ(std::string("\a\b\f\n\r\t\v'\"\\?AJ\xff" "A\xff"), record_.main.str);
   EXPECT_EQ((std::vector<std::string>{"a", "b", "c", "d", "e", "f"}), Set());
   EXPECT_EQ(0, record_.other.value);
-  EXPECT_EQ("", out_);
-  EXPECT_EQ("", err_);
+  EXPECT_EQ("", out_ + err_);
 
   ASSERT_EQ(kParseOk, Parse("[Main]\nnum = 0\nbig = 0.25\n"));
   EXPECT_EQ(0, record_.main.num);
@@ -233,7 +231,6 @@ class ServiceSettingTest : public ::testing::Test {
 };
 
 TEST_F(ServiceSettingTest, VolumeAndPaths) {
-  EXPECT_EQ(etc_ + "/service.conf", config_);
   dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\nvolume=/volume2\n");
   mode_t old_mask = umask(077);  // the lock file's mode does not depend on it
   ServiceSetting setting(config_);
