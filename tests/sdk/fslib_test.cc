@@ -8,11 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
 #include <map>
 #include <sstream>
 #include <thread>
 
+#include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
 
 namespace {
@@ -167,24 +167,19 @@ TEST_F(FslibTest, TheLastMountOfAPathHidesTheFirst) {
   EXPECT_EQ(-1, FindMountEntry("/volume1", &top, dir_.File("absent")));
 }
 
-// This machine's root, against its own /proc/mounts read here line by line.
+// This machine's root, against its own /proc/mounts read by awk.
 TEST_F(FslibTest, ThisMachinesRoot) {
-  std::ifstream mounts("/proc/mounts");
-  std::string line, device, type;
-  while (std::getline(mounts, line)) {
-    std::istringstream fields(line);
-    std::string dev, dir, t;
-    fields >> dev >> dir >> t;
-    if (dir == "/") device = dev, type = t;
-  }
+  std::istringstream root(
+      RunCommand("awk '$2 == \"/\" {t = $3; d = $1} END {print t, d}' /proc/mounts"));
+  std::string type, device;
+  root >> type >> device;
   FileSystemProperty got;
   const int ret = GetFileSystemPropertyOfPath("/", &got);
   if (type == "ext4" || type == "ext3" || type == "btrfs") {
     ASSERT_EQ(0, ret);
     EXPECT_EQ(type == "ext4" ? 1 : type == "ext3" ? 4 : 2, got.fs_type);
-    EXPECT_EQ("/", got.mount_point_path);
-    EXPECT_EQ("/@tmp", got.tmp_path);
-    EXPECT_EQ(device, got.device_path);
+    EXPECT_EQ("/ /@tmp " + device,
+              got.mount_point_path + " " + got.tmp_path + " " + got.device_path);
   } else if (type != "ecryptfs" && type != "q9fs") {
     EXPECT_EQ(-1, ret) << "root is " << type;
   }
