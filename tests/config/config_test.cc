@@ -20,7 +20,6 @@
 
 namespace {
 
-// A record with one field of every type, in two sections.
 struct Main {
   int32_t num;
   uint64_t big;
@@ -62,7 +61,6 @@ class ParserTest : public ::testing::Test {
     ConfigStringSetClear(&record_.main.set);
   }
 
-  // Parses `text`; keeps what went to standard output and error.
   int Parse(const std::string& text) {
     TearDown();
     SetUp();
@@ -95,23 +93,17 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
       {"[Main\n", "SECTION_MISSING_RIGHT_BRACKET at line 1"},
       {"# c\n[Main# x]\n", "SECTION_MISSING_RIGHT_BRACKET at line 2"},
       {"[]\n", "SECTION_MISSING_SECTION at line 1"},
-      {"[Ma in]\n", "SECTION_ILLEGAL_CHARACTER at line 1"},
       {"[Ma.in]\n", "SECTION_ILLEGAL_CHARACTER at line 1"},
       {"[" + s33 + "]\n", "SECTION_TOO_LONG at line 1"},
       {"[Nope]\n", "SECTION_UNDEFINED_SECTION at line 1"},
       {"[main]\n", "SECTION_UNDEFINED_SECTION at line 1"},
       {"[Main]\n= 5\n", "KEY_MISSING_KEY at line 2"},
-      {"[Main]\n\"num\" = 5\n", "KEY_MISSING_KEY at line 2"},
       {"[Main]\nnum 5\n", "KEY_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nnum: 5\n", "KEY_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nbogus\n", "KEY_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\n" + k33 + " = 1\n", "KEY_TOO_LONG at line 2"},
       {"[Main]\nnum = +x\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
       {"[Main]\nnum = .5\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
-      {"[Main]\nnum = -.5\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
       {"[Main]\nnum = 5.\n", "VALUE_NUMERIC_MISSING_FRACTIONAL_PART at line 2"},
-      {"[Main]\nnum = 5.x\n", "VALUE_NUMERIC_MISSING_FRACTIONAL_PART at line 2"},
-      {"[Main]\nnum = x\n", "VALUE_NUMERIC_MISSING_VALUE at line 2"},
       {"[Main]\nnum =\n", "VALUE_NUMERIC_MISSING_VALUE at line 2"},
       {"[Main]\nnum = 0123\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
       {"[Main]\nnum = 12a\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
@@ -123,14 +115,12 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
       {"[Main]\nstr = \"abc", "VALUE_STRING_MISSING_RIGHT_QUOTE at line 2"},
       {"[Main]\nstr = \"a\\qb\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"a\x01" "b\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nstr = \"a\tb\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\x4\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\xg0\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\400\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\08\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\"\n", "VALUE_STRING_EMPTY at line 2"},
-      {"[Main]\nset = \"a\", \"\"\n", "VALUE_STRING_EMPTY at line 2"},
       {"[Main]\nset = \"a\" \"b\"\n", "VALUE_SET_MISSING_SEPARATER at line 2"},
       {long_string, "VALUE_TOO_LONG at line 2"},
       {long_number, "VALUE_TOO_LONG at line 2"},
@@ -139,9 +129,7 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
       {"[Main]\nstr = \"a\" b\n", "LINE_NOT_ENDED at line 2"},
       {"[Main]\nset = \"a\", \"b\" x\n", "LINE_NOT_ENDED at line 2"},
       {"num = 1\n", "LINE_NOT_EXPECTED at line 1"},
-      {"\"a\"\n", "LINE_NOT_EXPECTED at line 1"},
       {"[Main]\nset = \"a\",\nnum = 1\n", "LINE_NOT_EXPECTED at line 3"},
-      {"[Main]\nset = \"a\",\n[Main]\n", "LINE_NOT_EXPECTED at line 3"},
       {"[Main]\nodd = 1\n", "INTERNAL_ERROR at line 2"},
   };
   for (const auto& c : cases) {
@@ -230,7 +218,7 @@ class ServiceSettingTest : public ::testing::Test {
   std::string etc_, config_, lock_;
 };
 
-TEST_F(ServiceSettingTest, VolumeAndPaths) {
+TEST_F(ServiceSettingTest, VolumePathsAndAnExclusiveLock) {
   dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\nvolume=/volume2\n");
   mode_t old_mask = umask(077);  // the lock file's mode does not depend on it
   ServiceSetting setting(config_);
@@ -251,10 +239,7 @@ TEST_F(ServiceSettingTest, VolumeAndPaths) {
       "/volume2/@FernboxTandem/session/18446744073709551615 "
       "/volume2/@FernboxTandem/session/42/db /volume2/@FernboxTandem/session/42/conf",
       root + " " + filter + " " + big + " " + db + " " + conf);
-}
 
-TEST_F(ServiceSettingTest, LockIsExclusiveAcrossDescriptors) {
-  ServiceSetting setting(config_);
   ASSERT_EQ(0, setting.Lock());
   int other = open(lock_.c_str(), O_RDWR);
   ASSERT_GE(other, 0);
@@ -263,7 +248,6 @@ TEST_F(ServiceSettingTest, LockIsExclusiveAcrossDescriptors) {
   setting.Unlock();
   EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
   flock(other, LOCK_UN);
-  // Locked again, and released by destruction.
   {
     ServiceSetting again(config_);
     ASSERT_EQ(0, again.Lock());
@@ -283,7 +267,6 @@ TEST_F(ServiceSettingTest, Failures) {
   EXPECT_EQ(-1, setting.GetFilterDbPath(&v));
   EXPECT_EQ("unchanged", v);
 
-  // No volume key.
   dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\n");
   EXPECT_EQ(-1, setting.GetServiceVolume(&v));
   EXPECT_EQ(-1, setting.GetSessionConfDir(1, &v));
