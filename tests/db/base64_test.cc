@@ -14,7 +14,6 @@ std::string Encode(const std::string& in, int mode) {
 }
 
 TEST(Base64Test, ModesAndVectors) {
-  // The standard's own vectors.
   const char* kVectors[][2] = {{"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},
                                {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
                                {"foobar", "Zm9vYmFy"}};
@@ -26,7 +25,6 @@ TEST(Base64Test, ModesAndVectors) {
   }
   // The URL-safe alphabet differs in its last two characters.
   EXPECT_EQ("-_-_", Encode("\xfb\xff\xbf", kBase64UrlSafeNoPad));
-  // Every byte value, every mode.
   std::string all, back;
   for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
   for (int mode = 0; mode < 4; ++mode) {

@@ -29,7 +29,6 @@ namespace {
 // Every stamped write starts with "YYYY-MM-DDTHH:MM:SS ".
 constexpr size_t kStampSize = 20;
 
-// -1 for a missing file.
 off_t SizeOf(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
@@ -156,7 +155,6 @@ TEST_F(LoggerTest, AsyncFlushWritesEverythingByShutdown) {
   ASSERT_EQ(0, Logger::Init({Logger::kFile, log, "", 50, 1, true, 20}));
 
   Logger::Log(LOG_LEVEL_ERROR, "c", "first\n");
-  // The background thread flushes within its interval.
   EXPECT_TRUE(WaitFor([&] { return ReadFile(log).find("first") != std::string::npos; }));
 
   for (int i = 0; i < 1000; ++i) Logger::Log(LOG_LEVEL_ERROR, "c", "message %d\n", i);

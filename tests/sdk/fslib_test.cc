@@ -71,7 +71,6 @@ std::string Describe(const FileSystemProperty& p) {
 
 class FslibTest : public ::testing::Test {
  protected:
-  // The one mount table of these scenarios: a machine with several volumes.
   void SetUp() override {
     table_ = dir_.Write("mounts",
                         "/dev/md0 / ext4 rw 0 0\n"
