@@ -84,7 +84,7 @@ class ParserTest : public ::testing::Test {
   std::string out_, err_;
 };
 
-TEST_F(ParserTest, EveryErrorWithItsLine) {
+TEST_F(ParserTest, EveryErrorWithItsNameAndLine) {
   const std::string k33(33, 'k');
   const std::string s33 = std::string(kLongSection) + "x";
   const std::string long_string = "[Main]\nstr = \"" + std::string(4097, 'a') + "\"\n";
@@ -99,7 +99,6 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
       {"[main]\n", "SECTION_UNDEFINED_SECTION at line 1"},
       {"[Main]\n= 5\n", "KEY_MISSING_KEY at line 2"},
       {"[Main]\nnum 5\n", "KEY_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nbogus\n", "KEY_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\n" + k33 + " = 1\n", "KEY_TOO_LONG at line 2"},
       {"[Main]\nnum = +x\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
       {"[Main]\nnum = .5\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
@@ -110,7 +109,6 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
       {"[Main]\nnum = 1.5.2\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
       {"[Main]\nstr = abc\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
       {"[Main]\nset = abc\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
-      {"[Main]\nset = \"a\", b\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
       {"[Main]\n\nstr = \"abc\n", "VALUE_STRING_MISSING_RIGHT_QUOTE at line 3"},
       {"[Main]\nstr = \"abc", "VALUE_STRING_MISSING_RIGHT_QUOTE at line 2"},
       {"[Main]\nstr = \"a\\qb\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
@@ -119,7 +117,6 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
       {"[Main]\nstr = \"\\xg0\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\400\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\08\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nstr = \"\\\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\"\n", "VALUE_STRING_EMPTY at line 2"},
       {"[Main]\nset = \"a\" \"b\"\n", "VALUE_SET_MISSING_SEPARATER at line 2"},
       {long_string, "VALUE_TOO_LONG at line 2"},
@@ -141,13 +138,11 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
   EXPECT_EQ(4096u, strlen(record_.main.str));
   EXPECT_EQ(kParseOk, Parse("[Main]\nnum = " + std::string(4095, '0').replace(0, 1, "1") +
                             "\n")) << err_;
-}
 
-TEST_F(ParserTest, ErrorNamesAndMissingFile) {
   EXPECT_STREQ("NO_ERROR", ConfigErrorName(0));
   EXPECT_STREQ("Unknown error", ConfigErrorName(-27));
   EXPECT_STREQ("Unknown error", ConfigErrorName(1));
-
+  // A missing file fails without a word.
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(kParseFailed, ParseConfigFile(dir_.File("missing").c_str(), kSchema, &record_));
   EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
