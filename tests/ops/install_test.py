@@ -43,9 +43,6 @@ class InstallTest(unittest.TestCase):
         r = run(["cmake", "--install", BUILD], env=dict(os.environ, DESTDIR=cls.dest))
         assert r.returncode == 0, r.stdout + r.stderr
 
-    def staged(self, path):
-        return self.dest + path
-
     def test_every_file_lands_with_its_mode(self):
         expected = {PREFIX + "/sbin/vesta-monitor": 0o755, PREFIX + "/bin/vesta-monitorctl": 0o755,
                     self.man + "/man8/vesta-monitor.8": 0o644, self.unit: 0o644, self.conf: 0o644,
@@ -55,19 +52,19 @@ class InstallTest(unittest.TestCase):
         self.assertEqual(expected, found)
 
     def test_configuration_lists_every_key_with_its_default_and_survives_reinstall(self):
-        with open(self.staged(self.conf)) as f:
+        with open(self.dest + self.conf) as f:
             text = f.read()
         self.assertEqual(DEFAULTS, dict(re.findall(r"^#(\w+) = (\S+)$", text, re.M)))
-        with open(self.staged(self.conf), "a") as f:
+        with open(self.dest + self.conf, "a") as f:
             f.write("update_status_period = 2\n")
         self.install()
-        with open(self.staged(self.conf)) as f:
+        with open(self.dest + self.conf) as f:
             self.assertEqual(text + "update_status_period = 2\n", f.read())
 
     def test_unit_verifies(self):
         if not shutil.which("systemd-analyze"):
             self.skipTest("systemd-analyze is not installed: the unit is not verified")
-        with open(self.staged(self.unit)) as f:
+        with open(self.dest + self.unit) as f:
             unit = f.read()
         self.assertIn("ExecStart=%s/sbin/vesta-monitor %s\n" % (PREFIX, self.conf), unit)
         # systemd-analyze checks that ExecStart's program exists and that
@@ -76,14 +73,14 @@ class InstallTest(unittest.TestCase):
         with open(path, "w") as f:
             f.write(unit.replace("ExecStart=", "ExecStart=" + self.dest))
         r = run(["systemd-analyze", "verify", path],
-                env=dict(os.environ, MANPATH=self.staged(self.man)))
+                env=dict(os.environ, MANPATH=self.dest + self.man))
         os.remove(path)
         self.assertEqual((0, ""), (r.returncode, r.stdout + r.stderr))
 
     def test_man_pages_render_without_warnings(self):
         for page in ("/man8/vesta-monitor.8", "/man1/vesta-monitorctl.1"):
             with self.subTest(page=page):
-                r = run(["man", "--warnings", "-l", self.staged(self.man + page)],
+                r = run(["man", "--warnings", "-l", self.dest + self.man + page],
                         env=dict(os.environ, MANWIDTH="80"))
                 self.assertEqual("", r.stderr)
                 self.assertIn("SYNOPSIS", r.stdout)
