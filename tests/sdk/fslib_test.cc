@@ -76,6 +76,7 @@ class FslibTest : public ::testing::Test {
                         "/dev/md0 / ext4 rw 0 0\n"
                         "/dev/md2 /volume1 ext4 rw,relatime 0 0\n"
                         "/dev/md3 /volume2 btrfs rw 0 0\n"
+                        "/dev/md1 /volume3 ext4 rw 0 0\n"  // hidden by the next line
                         "/dev/md4 /volume3 ext3 rw 0 0\n"
                         "/dev/md5 /volume4 vfat rw 0 0\n"
                         "/volume1/@secret /volume1/secret ecryptfs rw 0 0\n"
@@ -152,18 +153,6 @@ TEST_F(FslibTest, UnsyncableVolumesFail) {
   FileSystemProperty got;
   EXPECT_EQ(-1, GetFileSystemPropertyOfPath("/volume1", &got, dir_.File("no-such-table"), probe_));
   EXPECT_FALSE(IsOnBtrfs("/volume9", probe_));
-  EXPECT_TRUE(IsOnBtrfs("/volume2/sub", probe_));
-}
-
-// Escapes are decoded in EachKindOfVolume ("usb\040disk").
-TEST_F(FslibTest, TheLastMountOfAPathHidesTheFirst) {
-  const std::string table = dir_.Write("stacked", "/dev/a /volume1 ext4 rw 0 0\n"
-                                                  "/dev/c /volume1 btrfs rw 0 0\n");
-  MountEntry top;
-  EXPECT_EQ(1, FindMountEntry("/volume1", &top, table));
-  EXPECT_EQ((MountEntry{"/dev/c", "/volume1", "btrfs"}), top);
-  EXPECT_EQ(0, FindMountEntry("/volume9", &top, table));
-  EXPECT_EQ(-1, FindMountEntry("/volume1", &top, dir_.File("absent")));
 }
 
 // This machine's root, against its own /proc/mounts read by awk.
