@@ -163,12 +163,11 @@ TEST_F(DaemonIpcTest, ReloadConnectionWithAndWithoutSystemProxy) {
   ConnectionEntry c = SampleConnection();  // its own proxy is never used
   c.id = 9;
   c.username = "alice";
-  c.ssl_allow_untrust = false;
   Json::Value want = ParseJson(R"({"action": "reload_connection", "connection_id": 9,
       "server_name": "o'brien's server", "connection_mode": 5, "domain_name": "example.test",
       "server_ip": "10.0.0.7", "server_port": 6690, "nx_id": "NX1", "restore_id": "r1",
       "protocol_version": 70, "use_ssl": 1, "ssl_signature": "sig",
-      "ssl_allow_untrust": 0, "use_proxy": 1, "use_sys_proxy": 1, "proxy_ip": "",
+      "ssl_allow_untrust": 1, "use_proxy": 1, "use_sys_proxy": 1, "proxy_ip": "",
       "proxy_port": 0, "proxy_username": "", "proxy_password": "", "proxy_domain": "",
       "proxy_host": "", "tunnel_ip": "10.2.2.2", "tunnel_port": 65535,
       "session": "sess-token", "username": "alice", "computer_name": "pc",
