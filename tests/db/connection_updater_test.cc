@@ -92,16 +92,17 @@ TEST_F(ConnectionUpdaterTest, RemoveSignature) {
   ASSERT_EQ(0, u.Open(path_));
   // Called over rows, the way the daemon's tables call it; absent nodes and
   // a text argument are no error either.
-  SqliteShell(path_, "CREATE TABLE nodes (node); INSERT INTO nodes VALUES (52), (4660), "
-                     "(1223510), (0), (999999), ('x'), (10), (256);");
+  SqliteShell(path_,
+              "CREATE TABLE nodes (node); INSERT INTO nodes VALUES (52), (4660), "
+              "(1223510), (0), (999999), ('x'), (10), (256);");
   std::string results;
-  ASSERT_EQ(SQLITE_OK,
-            sqlite3_exec(u.db(), "SELECT group_concat(quote(remove_signature(node))) FROM nodes;",
-                         [](void* out, int, char** v, char**) {
-                           *static_cast<std::string*>(out) = v[0];
-                           return 0;
-                         },
-                         &results, nullptr));
+  ASSERT_EQ(SQLITE_OK, sqlite3_exec(
+                           u.db(), "SELECT group_concat(quote(remove_signature(node))) FROM nodes;",
+                           [](void* out, int, char** v, char**) {
+                             *static_cast<std::string*>(out) = v[0];
+                             return 0;
+                           },
+                           &results, nullptr));
   EXPECT_EQ("0,0,0,0,0,0,0,0", results);
   EXPECT_EQ(".35\n01\n12\n12/.35\n12/ab\n12/ab/.57\n", Tree());
 }

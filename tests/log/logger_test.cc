@@ -50,9 +50,10 @@ TEST_F(LoggerTest, LevelsPerComponentFromTheLevelFile) {
     LOG_DEBUG(component, "%s", component);
   }
   // An unconfigured component keeps CRIT, ERROR and WARNING.
-  EXPECT_EQ("CRIT stream\nERROR stream\nWARNING stream\nINFO stream\nDEBUG stream\n"
-            "CRIT monitor_daemon\nERROR monitor_daemon\nWARNING monitor_daemon\nCRIT quiet\n",
-            log.Take());
+  EXPECT_EQ(
+      "CRIT stream\nERROR stream\nWARNING stream\nINFO stream\nDEBUG stream\n"
+      "CRIT monitor_daemon\nERROR monitor_daemon\nWARNING monitor_daemon\nCRIT quiet\n",
+      log.Take());
   EXPECT_EQ(7, Logger::GetLevel("stream"));
   EXPECT_EQ(4, Logger::GetLevel("never_configured"));
 
