@@ -28,15 +28,11 @@ class InstallTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.dest = tempfile.mkdtemp(prefix="vesta-install-")
+        cls.addClassCleanup(shutil.rmtree, cls.dest, ignore_errors=True)
         cls.install()
-        sysconf = "/etc" if PREFIX == "/usr" else PREFIX + "/etc"
-        cls.conf = sysconf + "/vesta-monitor.conf"
+        cls.conf = ("/etc" if PREFIX == "/usr" else PREFIX + "/etc") + "/vesta-monitor.conf"
         cls.unit = PREFIX + "/lib/systemd/system/vesta-monitor.service"
         cls.man = PREFIX + "/share/man"
-
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.dest, ignore_errors=True)
 
     @classmethod
     def install(cls):

@@ -40,6 +40,7 @@ class StatusTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.box = box = system.Sandbox()
+        cls.addClassCleanup(box.cleanup)
         pid = box.start_and_wait()
         box.request({"action": "stop"})
         assert box.wait_gone(pid)[0]
@@ -59,10 +60,6 @@ class StatusTest(unittest.TestCase):
                        % (i + 1, 99 if i == 0 else 1 + i % 3, i + 1, status, error))
         subprocess.run(["sqlite3", cls.db], input="\n".join(sql), text=True, check=True,
                        timeout=30)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.box.cleanup()
 
     def status(self, *args):
         r = subprocess.run([CTL, "status", "--db", self.db] + list(args),
