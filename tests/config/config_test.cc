@@ -206,18 +206,28 @@ class ServiceSettingTest : public ::testing::Test {
   const std::string lock_ = dir_.File("var/packages/Fernbox/etc/tandem/setting.conf.lock");
 };
 
-TEST_F(ServiceSettingTest, VolumePathsAndAnExclusiveLock) {
-  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\nvolume=/volume2\n");
-  mode_t old_mask = umask(077);  // the lock file's mode does not depend on it
+TEST_F(ServiceSettingTest, VolumePathsLockAndFailures) {
   ServiceSetting setting(config_);
-  std::string v;
-  ASSERT_EQ(0, setting.GetServiceVolume(&v));
+  std::string v = "unchanged";
+  // A missing configuration fails before the lock file is made.
+  EXPECT_EQ(-1, setting.GetServiceVolume(&v));
+  EXPECT_NE(0, access(lock_.c_str(), F_OK));
+  EXPECT_EQ(-1, setting.GetSessionDir(1, &v));
+  EXPECT_EQ(-1, setting.GetFilterDbPath(&v));
+  EXPECT_EQ("unchanged", v);
+
+  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\n");
+  mode_t old_mask = umask(077);  // the lock file's mode does not depend on it
+  EXPECT_EQ(-1, setting.GetServiceVolume(&v));
   umask(old_mask);
-  EXPECT_EQ("/volume2", v);
+  EXPECT_EQ(-1, setting.GetSessionConfDir(1, &v));
   struct stat st;
   ASSERT_EQ(0, stat(lock_.c_str(), &st));
   EXPECT_EQ(0644u, st.st_mode & 0777);
 
+  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\nvolume=/volume2\n");
+  ASSERT_EQ(0, setting.GetServiceVolume(&v));
+  EXPECT_EQ("/volume2", v);
   std::string root, filter, big, db, conf;
   ASSERT_EQ(0, setting.GetSessionRootDir(&root) | setting.GetFilterDbPath(&filter) |
                    setting.GetSessionDir(18446744073709551615ull, &big) |
@@ -242,27 +252,12 @@ TEST_F(ServiceSettingTest, VolumePathsAndAnExclusiveLock) {
   }
   EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
   close(other);
-}
-
-TEST_F(ServiceSettingTest, Failures) {
-  ServiceSetting setting(config_);
-  std::string v = "unchanged";
-  // A missing configuration fails before the lock file is made.
-  EXPECT_EQ(-1, setting.GetServiceVolume(&v));
-  EXPECT_NE(0, access(lock_.c_str(), F_OK));
-  EXPECT_EQ(-1, setting.GetSessionDir(1, &v));
-  EXPECT_EQ(-1, setting.GetFilterDbPath(&v));
-  EXPECT_EQ("unchanged", v);
-
-  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\n");
-  EXPECT_EQ(-1, setting.GetServiceVolume(&v));
-  EXPECT_EQ(-1, setting.GetSessionConfDir(1, &v));
 
   // A lock file that cannot be made still lets the volume be read: the
   // configuration here lives outside the (missing) lock directory.
-  std::string conf = dir_.Write("elsewhere.conf", "volume=/volume3\n");
+  const std::string elsewhere = dir_.Write("elsewhere.conf", "volume=/volume3\n");
   ASSERT_EQ(0, system(("rm -rf '" + dir_.path() + "/var'").c_str()));
-  ServiceSetting no_lock(conf);
+  ServiceSetting no_lock(elsewhere);
   EXPECT_EQ(-1, no_lock.Lock());
   ASSERT_EQ(0, no_lock.GetServiceVolume(&v));
   EXPECT_EQ("/volume3", v);
