@@ -45,13 +45,12 @@ class DaemonIpcTest : public ::testing::Test {
 };
 
 TEST_F(DaemonIpcTest, EveryCommandAsTheDaemonReceivesIt) {
-  const uint64_t big = 0x8000000000000001ULL;  // travels as 8 bytes
   EXPECT_EQ(0, RemoveSession(1));
   EXPECT_EQ(0, PauseSession(2));
   EXPECT_EQ(0, ResumeSession(3));
   EXPECT_EQ(0, RemoveWatchSession(4));
   EXPECT_EQ(0, PauseConnection(5));
-  EXPECT_EQ(0, UnlinkConnection(big));
+  EXPECT_EQ(0, UnlinkConnection(0x8000000000000001ULL));  // travels as 8 bytes
   EXPECT_EQ(0, ReloadSessionFilter(7));
   EXPECT_EQ(0, ReloadSessionConflictPolicy(8, "rename", true));
   EXPECT_EQ(0, AddEvent(9, "upload", "/a b/c", true));
