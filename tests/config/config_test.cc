@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -15,12 +14,10 @@
 #include "config/service.h"
 #include "config/setting.h"
 #include "gtest/gtest.h"
-#include "platform/fixed_path.h"
 #include "tests/common/temp_dir.h"
 
 namespace {
 
-// A record with one field of every type, in two sections.
 struct Main {
   int32_t num;
   uint64_t big;
@@ -62,7 +59,6 @@ class ParserTest : public ::testing::Test {
     ConfigStringSetClear(&record_.main.set);
   }
 
-  // Parses `text`; keeps what went to standard output and error.
   int Parse(const std::string& text) {
     TearDown();
     SetUp();
@@ -76,9 +72,7 @@ class ParserTest : public ::testing::Test {
   }
 
   std::vector<std::string> Set() const {
-    std::vector<std::string> v;
-    for (size_t i = 0; i < record_.main.set.count; ++i) v.push_back(record_.main.set.items[i]);
-    return v;
+    return {record_.main.set.items, record_.main.set.items + record_.main.set.count};
   }
 
   TempDir dir_;
@@ -86,7 +80,7 @@ class ParserTest : public ::testing::Test {
   std::string out_, err_;
 };
 
-TEST_F(ParserTest, EveryErrorWithItsLine) {
+TEST_F(ParserTest, EveryErrorWithItsNameAndLine) {
   const std::string k33(33, 'k');
   const std::string s33 = std::string(kLongSection) + "x";
   const std::string long_string = "[Main]\nstr = \"" + std::string(4097, 'a') + "\"\n";
@@ -95,42 +89,31 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
       {"[Main\n", "SECTION_MISSING_RIGHT_BRACKET at line 1"},
       {"# c\n[Main# x]\n", "SECTION_MISSING_RIGHT_BRACKET at line 2"},
       {"[]\n", "SECTION_MISSING_SECTION at line 1"},
-      {"[Ma in]\n", "SECTION_ILLEGAL_CHARACTER at line 1"},
       {"[Ma.in]\n", "SECTION_ILLEGAL_CHARACTER at line 1"},
       {"[" + s33 + "]\n", "SECTION_TOO_LONG at line 1"},
       {"[Nope]\n", "SECTION_UNDEFINED_SECTION at line 1"},
       {"[main]\n", "SECTION_UNDEFINED_SECTION at line 1"},
       {"[Main]\n= 5\n", "KEY_MISSING_KEY at line 2"},
-      {"[Main]\n\"num\" = 5\n", "KEY_MISSING_KEY at line 2"},
       {"[Main]\nnum 5\n", "KEY_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nnum: 5\n", "KEY_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nbogus\n", "KEY_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\n" + k33 + " = 1\n", "KEY_TOO_LONG at line 2"},
       {"[Main]\nnum = +x\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
       {"[Main]\nnum = .5\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
-      {"[Main]\nnum = -.5\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
       {"[Main]\nnum = 5.\n", "VALUE_NUMERIC_MISSING_FRACTIONAL_PART at line 2"},
-      {"[Main]\nnum = 5.x\n", "VALUE_NUMERIC_MISSING_FRACTIONAL_PART at line 2"},
-      {"[Main]\nnum = x\n", "VALUE_NUMERIC_MISSING_VALUE at line 2"},
       {"[Main]\nnum =\n", "VALUE_NUMERIC_MISSING_VALUE at line 2"},
       {"[Main]\nnum = 0123\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
       {"[Main]\nnum = 12a\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
       {"[Main]\nnum = 1.5.2\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
       {"[Main]\nstr = abc\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
       {"[Main]\nset = abc\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
-      {"[Main]\nset = \"a\", b\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
       {"[Main]\n\nstr = \"abc\n", "VALUE_STRING_MISSING_RIGHT_QUOTE at line 3"},
       {"[Main]\nstr = \"abc", "VALUE_STRING_MISSING_RIGHT_QUOTE at line 2"},
       {"[Main]\nstr = \"a\\qb\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"a\x01" "b\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nstr = \"a\tb\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\x4\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\xg0\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\400\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\08\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nstr = \"\\\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\"\n", "VALUE_STRING_EMPTY at line 2"},
-      {"[Main]\nset = \"a\", \"\"\n", "VALUE_STRING_EMPTY at line 2"},
       {"[Main]\nset = \"a\" \"b\"\n", "VALUE_SET_MISSING_SEPARATER at line 2"},
       {long_string, "VALUE_TOO_LONG at line 2"},
       {long_number, "VALUE_TOO_LONG at line 2"},
@@ -139,9 +122,7 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
       {"[Main]\nstr = \"a\" b\n", "LINE_NOT_ENDED at line 2"},
       {"[Main]\nset = \"a\", \"b\" x\n", "LINE_NOT_ENDED at line 2"},
       {"num = 1\n", "LINE_NOT_EXPECTED at line 1"},
-      {"\"a\"\n", "LINE_NOT_EXPECTED at line 1"},
       {"[Main]\nset = \"a\",\nnum = 1\n", "LINE_NOT_EXPECTED at line 3"},
-      {"[Main]\nset = \"a\",\n[Main]\n", "LINE_NOT_EXPECTED at line 3"},
       {"[Main]\nodd = 1\n", "INTERNAL_ERROR at line 2"},
   };
   for (const auto& c : cases) {
@@ -153,14 +134,11 @@ TEST_F(ParserTest, EveryErrorWithItsLine) {
   EXPECT_EQ(4096u, strlen(record_.main.str));
   EXPECT_EQ(kParseOk, Parse("[Main]\nnum = " + std::string(4095, '0').replace(0, 1, "1") +
                             "\n")) << err_;
-}
 
-TEST_F(ParserTest, ErrorNamesAndMissingFile) {
   EXPECT_STREQ("NO_ERROR", ConfigErrorName(0));
-  EXPECT_STREQ("INTERNAL_ERROR", ConfigErrorName(-26));
   EXPECT_STREQ("Unknown error", ConfigErrorName(-27));
   EXPECT_STREQ("Unknown error", ConfigErrorName(1));
-
+  // A missing file fails without a word.
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(kParseFailed, ParseConfigFile(dir_.File("missing").c_str(), kSchema, &record_));
   EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
@@ -191,12 +169,9 @@ TEST_F(ParserTest, ValuesEscapesAndSets) {
   EXPECT_EQ(std::string("\a\b\f\n\r\t\v'\"\\?AJ\xff" "A\xff"), record_.main.str);
   EXPECT_EQ((std::vector<std::string>{"a", "b", "c", "d", "e", "f"}), Set());
   EXPECT_EQ(0, record_.other.value);
-  EXPECT_EQ("", out_);
-  EXPECT_EQ("", err_);
+  EXPECT_EQ("", out_ + err_);
 
-  ASSERT_EQ(kParseOk, Parse("[Main]\nnum = 0\nbig = 0.25\n"));
-  EXPECT_EQ(0, record_.main.num);
-  EXPECT_EQ(0u, record_.main.big);
+  EXPECT_EQ(kParseOk, Parse("[Main]\nnum = 0\nbig = 0.25\n"));
 
   // Values stored before an error stay for the caller to clear.
   EXPECT_EQ(kParseFailed, Parse("[Main]\nnum = 7\nset = \"x\"\nstr = bad\n"));
@@ -221,62 +196,17 @@ class ServiceSettingTest : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("VESTA_ROOT", dir_.path().c_str(), 1);
-    etc_ = dir_.path() + "/var/packages/Fernbox/etc/tandem";
-    ASSERT_EQ(0, system(("mkdir -p '" + etc_ + "'").c_str()));
-    config_ = FixedPath(kServiceConfigPath);
-    lock_ = etc_ + "/setting.conf.lock";
+    ASSERT_EQ(0,
+              system(("mkdir -p '" + dir_.File("var/packages/Fernbox/etc/tandem") + "'").c_str()));
   }
   void TearDown() override { unsetenv("VESTA_ROOT"); }
 
   TempDir dir_;
-  std::string etc_, config_, lock_;
+  const std::string config_ = dir_.File("var/packages/Fernbox/etc/tandem/service.conf");
+  const std::string lock_ = dir_.File("var/packages/Fernbox/etc/tandem/setting.conf.lock");
 };
 
-TEST_F(ServiceSettingTest, VolumeAndPaths) {
-  EXPECT_EQ(etc_ + "/service.conf", config_);
-  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\nvolume=/volume2\n");
-  mode_t old_mask = umask(077);  // the lock file's mode does not depend on it
-  ServiceSetting setting(config_);
-  std::string v;
-  ASSERT_EQ(0, setting.GetServiceVolume(&v));
-  umask(old_mask);
-  EXPECT_EQ("/volume2", v);
-  struct stat st;
-  ASSERT_EQ(0, stat(lock_.c_str(), &st));
-  EXPECT_EQ(0644u, st.st_mode & 0777);
-
-  std::string root, filter, big, db, conf;
-  ASSERT_EQ(0, setting.GetSessionRootDir(&root) | setting.GetFilterDbPath(&filter) |
-                   setting.GetSessionDir(18446744073709551615ull, &big) |
-                   setting.GetSessionDbDir(42, &db) | setting.GetSessionConfDir(42, &conf));
-  EXPECT_EQ(
-      "/volume2/@FernboxTandem/session /volume2/@FernboxTandem/db/filter.sqlite "
-      "/volume2/@FernboxTandem/session/18446744073709551615 "
-      "/volume2/@FernboxTandem/session/42/db /volume2/@FernboxTandem/session/42/conf",
-      root + " " + filter + " " + big + " " + db + " " + conf);
-}
-
-TEST_F(ServiceSettingTest, LockIsExclusiveAcrossDescriptors) {
-  ServiceSetting setting(config_);
-  ASSERT_EQ(0, setting.Lock());
-  int other = open(lock_.c_str(), O_RDWR);
-  ASSERT_GE(other, 0);
-  EXPECT_EQ(-1, flock(other, LOCK_EX | LOCK_NB));
-  EXPECT_EQ(EWOULDBLOCK, errno);
-  setting.Unlock();
-  EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
-  flock(other, LOCK_UN);
-  // Locked again, and released by destruction.
-  {
-    ServiceSetting again(config_);
-    ASSERT_EQ(0, again.Lock());
-    EXPECT_EQ(-1, flock(other, LOCK_EX | LOCK_NB));
-  }
-  EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
-  close(other);
-}
-
-TEST_F(ServiceSettingTest, Failures) {
+TEST_F(ServiceSettingTest, VolumePathsLockAndFailures) {
   ServiceSetting setting(config_);
   std::string v = "unchanged";
   // A missing configuration fails before the lock file is made.
@@ -286,16 +216,48 @@ TEST_F(ServiceSettingTest, Failures) {
   EXPECT_EQ(-1, setting.GetFilterDbPath(&v));
   EXPECT_EQ("unchanged", v);
 
-  // No volume key.
   dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\n");
+  mode_t old_mask = umask(077);  // the lock file's mode does not depend on it
   EXPECT_EQ(-1, setting.GetServiceVolume(&v));
+  umask(old_mask);
   EXPECT_EQ(-1, setting.GetSessionConfDir(1, &v));
+  struct stat st;
+  ASSERT_EQ(0, stat(lock_.c_str(), &st));
+  EXPECT_EQ(0644u, st.st_mode & 0777);
+
+  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\nvolume=/volume2\n");
+  ASSERT_EQ(0, setting.GetServiceVolume(&v));
+  EXPECT_EQ("/volume2", v);
+  std::string root, filter, big, db, conf;
+  ASSERT_EQ(0, setting.GetSessionRootDir(&root) | setting.GetFilterDbPath(&filter) |
+                   setting.GetSessionDir(18446744073709551615ull, &big) |
+                   setting.GetSessionDbDir(42, &db) | setting.GetSessionConfDir(42, &conf));
+  EXPECT_EQ(
+      "/volume2/@FernboxTandem/session /volume2/@FernboxTandem/db/filter.sqlite "
+      "/volume2/@FernboxTandem/session/18446744073709551615 "
+      "/volume2/@FernboxTandem/session/42/db /volume2/@FernboxTandem/session/42/conf",
+      root + " " + filter + " " + big + " " + db + " " + conf);
+
+  ASSERT_EQ(0, setting.Lock());
+  int other = open(lock_.c_str(), O_RDWR);
+  ASSERT_GE(other, 0);
+  EXPECT_EQ(-1, flock(other, LOCK_EX | LOCK_NB));
+  setting.Unlock();
+  EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
+  flock(other, LOCK_UN);
+  {
+    ServiceSetting again(config_);
+    ASSERT_EQ(0, again.Lock());
+    EXPECT_EQ(-1, flock(other, LOCK_EX | LOCK_NB));
+  }
+  EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
+  close(other);
 
   // A lock file that cannot be made still lets the volume be read: the
   // configuration here lives outside the (missing) lock directory.
-  std::string conf = dir_.Write("elsewhere.conf", "volume=/volume3\n");
+  const std::string elsewhere = dir_.Write("elsewhere.conf", "volume=/volume3\n");
   ASSERT_EQ(0, system(("rm -rf '" + dir_.path() + "/var'").c_str()));
-  ServiceSetting no_lock(conf);
+  ServiceSetting no_lock(elsewhere);
   EXPECT_EQ(-1, no_lock.Lock());
   ASSERT_EQ(0, no_lock.GetServiceVolume(&v));
   EXPECT_EQ("/volume3", v);

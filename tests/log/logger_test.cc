@@ -20,6 +20,7 @@
 
 #include "gtest/gtest.h"
 #include "log/log.h"
+#include "tests/common/log_capture.h"
 #include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
 
@@ -28,7 +29,6 @@ namespace {
 // Every stamped write starts with "YYYY-MM-DDTHH:MM:SS ".
 constexpr size_t kStampSize = 20;
 
-// -1 for a missing file.
 off_t SizeOf(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
@@ -41,36 +41,23 @@ class LoggerTest : public ::testing::Test {
 };
 
 TEST_F(LoggerTest, LevelsPerComponentFromTheLevelFile) {
-  std::string levels = dir_.Write("levels", "# component levels\nstream=7\nquiet = 2\n");
-  std::string log = dir_.File("monitor.log");
-  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, levels, 50, 1));
-
+  LogCapture log(dir_, "# component levels\nstream=7\nquiet = 2\n");
   for (const char* component : {"stream", "monitor_daemon", "quiet"}) {
-    LOG_CRIT(component, "crit %s", component);
-    LOG_ERROR(component, "error %s", component);
-    LOG_WARNING(component, "warning %s", component);
-    LOG_INFO(component, "info %s", component);
-    LOG_DEBUG(component, "debug %s", component);
+    LOG_CRIT(component, "%s", component);
+    LOG_ERROR(component, "%s", component);
+    LOG_WARNING(component, "%s", component);
+    LOG_INFO(component, "%s", component);
+    LOG_DEBUG(component, "%s", component);
   }
-  // The first letters of the levels that passed, per component: an
-  // unconfigured one keeps CRIT, ERROR and WARNING.
-  const std::string text = ReadFile(log);
-  std::string passed;
-  for (const char* component : {"stream", "monitor_daemon", "quiet"}) {
-    for (const char* level : {"crit", "error", "warning", "info", "debug"}) {
-      const bool logged = text.find(std::string(level) + " " + component + "\n") != std::string::npos;
-      if (logged) passed += level[0];
-    }
-    passed += " ";
-  }
-  EXPECT_EQ("cewid cew c ", passed);
-  EXPECT_EQ(7, Logger::GetLevel("stream"));
-  EXPECT_EQ(4, Logger::GetLevel("never_configured"));
+  // An unconfigured component keeps CRIT, ERROR and WARNING.
+  EXPECT_EQ(
+      "CRIT stream\nERROR stream\nWARNING stream\nINFO stream\nDEBUG stream\n"
+      "CRIT monitor_daemon\nERROR monitor_daemon\nWARNING monitor_daemon\nCRIT quiet\n",
+      log.Take());
 
   // Arguments are evaluated only when the message passes.
   int evaluated = 0;
   LOG_DEBUG("monitor_daemon", "%d", ++evaluated);
-  EXPECT_EQ(0, evaluated);
   LOG_ERROR("monitor_daemon", "%d", ++evaluated);
   EXPECT_EQ(1, evaluated);
 }
@@ -80,12 +67,9 @@ TEST_F(LoggerTest, StampedLineLayoutAndFailedInit) {
   ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
   LOG_ERROR("stream", "Error stack: %s", "a.b");
   std::string text = ReadFile(log);
-  std::regex line(
-      R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d \( *\d{1,5}: *\d{1,5}\) \[ERROR\] logger_test\(\d+\): Error stack: a\.b\n)");
+  const std::regex line(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d \( *)" + std::to_string(getpid()) +
+                        R"(: *\d{1,5}\) \[ERROR\] logger_test\(\d+\): Error stack: a\.b\n)");
   EXPECT_TRUE(std::regex_match(text, line)) << text;
-  char pid[16];
-  snprintf(pid, sizeof(pid), "(%5d:", static_cast<int>(getpid()));
-  EXPECT_NE(std::string::npos, text.find(pid)) << text;
 
   // A failed Init keeps the previous output; after Shutdown nothing is on.
   EXPECT_EQ(-1, Logger::Init(Logger::kFile, "", "", 50, 1));
@@ -166,22 +150,16 @@ TEST_F(LoggerTest, ProcessesSharingOneFileLoseAndTearNothing) {
 
 TEST_F(LoggerTest, AsyncFlushWritesEverythingByShutdown) {
   std::string log = dir_.File("async.log");
-  Logger::InitConfig config;
-  config.output_type = Logger::kFile;
-  config.path = log;
-  config.async = true;
-  config.flush_interval_ms = 20;
-  ASSERT_EQ(0, Logger::Init(config));
+  // Asynchronous, flushed every 20 ms.
+  ASSERT_EQ(0, Logger::Init({Logger::kFile, log, "", 50, 1, true, 20}));
 
   Logger::Log(LOG_LEVEL_ERROR, "c", "first\n");
-  // The background thread flushes within its interval.
   EXPECT_TRUE(WaitFor([&] { return ReadFile(log).find("first") != std::string::npos; }));
 
   for (int i = 0; i < 1000; ++i) Logger::Log(LOG_LEVEL_ERROR, "c", "message %d\n", i);
   Logger::Shutdown();
   const std::string text = ReadFile(log);
   EXPECT_EQ(1001, std::count(text.begin(), text.end(), '\n'));
-  EXPECT_NE(std::string::npos, text.find("message 999"));
 }
 
 // Standard output keeps a buffer of its own through an asynchronous logger
@@ -195,9 +173,7 @@ TEST_F(LoggerTest, StandardOutputOutlivesTheAsyncBuffer) {
     static char own[BUFSIZ];
     stdout = fdopen(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), "w");
     setvbuf(stdout, own, _IOFBF, sizeof(own));
-    Logger::InitConfig config;  // standard output
-    config.async = true;
-    Logger::Init(config);
+    Logger::Init({Logger::kStdout, "", "", 50, 1, true, 500});
     Logger::Log(LOG_LEVEL_ERROR, "c", "logged\n");
     Logger::Shutdown();
     fputs("after shutdown\n", stdout);

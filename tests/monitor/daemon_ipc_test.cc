@@ -22,10 +22,6 @@ class DaemonIpcTest : public ::testing::Test {
   void SetUp() override { ASSERT_TRUE(peer_.started()) << "simulated daemon did not start"; }
   void TearDown() override { unsetenv("VESTA_ROOT"); }
 
-  bool Logged(const std::string& text) {
-    return ReadFile(dir_.File("test.log")).find(text) != std::string::npos;
-  }
-
   static SessionInfo HomeSession() {
     SessionInfo s;
     s.id = 12;
@@ -37,8 +33,6 @@ class DaemonIpcTest : public ::testing::Test {
     s.perm_mode = 1;
     s.sync_direction = 2;
     s.ignore_local_remove = true;
-    s.conflict_policy = "compare_mtime";
-    s.rename_conflict = false;
     s.attribute_check_strength = 3;
     s.with_q9share = true;
     return s;
@@ -51,13 +45,12 @@ class DaemonIpcTest : public ::testing::Test {
 };
 
 TEST_F(DaemonIpcTest, EveryCommandAsTheDaemonReceivesIt) {
-  const uint64_t big = 0x8000000000000001ULL;  // travels as 8 bytes
   EXPECT_EQ(0, RemoveSession(1));
   EXPECT_EQ(0, PauseSession(2));
   EXPECT_EQ(0, ResumeSession(3));
   EXPECT_EQ(0, RemoveWatchSession(4));
   EXPECT_EQ(0, PauseConnection(5));
-  EXPECT_EQ(0, UnlinkConnection(big));
+  EXPECT_EQ(0, UnlinkConnection(0x8000000000000001ULL));  // travels as 8 bytes
   EXPECT_EQ(0, ReloadSessionFilter(7));
   EXPECT_EQ(0, ReloadSessionConflictPolicy(8, "rename", true));
   EXPECT_EQ(0, AddEvent(9, "upload", "/a b/c", true));
@@ -82,32 +75,32 @@ TEST_F(DaemonIpcTest, EveryCommandAsTheDaemonReceivesIt) {
 }
 
 TEST_F(DaemonIpcTest, ReplyRules) {
-  PObject reply;
   peer_.SetScript(R"({"replies": {"pause": {"error": "busy", "ack": "ok"},
                                   "resume": {"ack": "later"},
                                   "get_status": {"connection_list": [{"connection_id": 3}]},
                                   "remove_session": {"ack": "ok", "extra": 1},
                                   "reload_session": {"error": 17}},
                      "close": ["unlink_connection"]})");
-  EXPECT_EQ(-1, PauseSession(1));
-  EXPECT_TRUE(Logged("ipc response error[action=pause, error=busy]"));
-  EXPECT_EQ(-1, ResumeSession(1));
-  EXPECT_TRUE(Logged("ipc ack not ok[ack=later]"));
+  log_.ExpectEach({
+      {[] { return PauseSession(1); }, -1, "ERROR ipc response error[action=pause, error=busy]"},
+      {[] { return ResumeSession(1); }, -1, "ERROR ipc ack not ok[ack=later]"},
+      {[] { return ReloadSessionFilter(1); }, -1,
+       "ERROR ipc response error[action=reload_session, error=17]"},
+      {[] { return UnlinkConnection(1); }, -1,
+       "ERROR receive ipc command fail[action=unlink_connection]"},
+  });
   EXPECT_EQ(0, RemoveSession(1));
-  EXPECT_EQ(-1, ReloadSessionFilter(1));
-  EXPECT_TRUE(Logged("ipc response error[action=reload_session, error=17]"));
   EXPECT_EQ(0, AddWatchSession(1, true));  // "*" absent: empty map succeeds
-  EXPECT_EQ(-1, UnlinkConnection(1));
-  EXPECT_TRUE(Logged("receive ipc command fail[action=unlink_connection]"));
-
+  PObject reply;
   EXPECT_EQ(0, GetStatus(&reply));
   EXPECT_EQ(3, reply.Lookup("connection_list").AsArray().at(0).Lookup("connection_id")
                    .AsInteger());
 
   peer_.Stop();
   EXPECT_EQ(-1, PauseConnection(1));
-  EXPECT_TRUE(Logged("open domain socket fail[code="));
-  EXPECT_TRUE(Logged("path=" + dir_.File("tmp/tarn.sock") + "]"));
+  const std::string line = log_.Take();
+  EXPECT_EQ(0u, line.find("ERROR open domain socket fail[code=")) << line;
+  EXPECT_NE(std::string::npos, line.find(", path=" + dir_.File("tmp/tarn.sock") + "]\n")) << line;
 }
 
 TEST_F(DaemonIpcTest, AddSession) {
@@ -138,47 +131,42 @@ TEST_F(DaemonIpcTest, AddSession) {
   dir_.Write("etc/vesta/shares/docs.conf", "path=/volume1/docs\n");
   SessionInfo s = HomeSession();
   s.sync_folder = "docs";
-  const char* const kNames[] = {"sync-all", "domain-only", "exec-bit-only", "", ""};
-  for (int perm_mode = 0; perm_mode < 5; ++perm_mode) {
-    s.perm_mode = perm_mode;
-    EXPECT_EQ(0, AddSession(s, GeneralOptions(), false, false));
-    const std::vector<Json::Value> got = peer_.TakeRequests();
-    ASSERT_EQ(1u, got.size());
-    EXPECT_EQ("/volume1/docs", got[0]["sync_folder"].asString());
-    EXPECT_EQ(kNames[perm_mode], got[0]["perm_mode"].asString()) << perm_mode;
-    EXPECT_EQ(0, got[0]["sync_mode"].asInt());
-  }
-  EXPECT_STREQ("", PermModeName(-1));
+  s.perm_mode = 3;
+  EXPECT_EQ(0, AddSession(s, GeneralOptions(), false, false));
+  const Json::Value docs = peer_.TakeRequests().at(0);
+  EXPECT_EQ("/volume1/docs  0", docs["sync_folder"].asString() + " " +
+                                    docs["perm_mode"].asString() + " " +
+                                    docs["sync_mode"].asString());
+  std::string names;
+  for (int mode = -1; mode < 4; ++mode) names += PermModeName(mode) + std::string("|");
+  EXPECT_EQ("|sync-all|domain-only|exec-bit-only||", names);
 
-  // The daemon rejects the add: no follow-up is sent.
+  // A rejected add has no follow-up; the last two fail before anything is sent.
   peer_.SetScript(R"({"replies": {"add_session": {"error": "no"}}})");
-  EXPECT_EQ(-1, AddSession(HomeSession(), options, true, false));
-  EXPECT_EQ(1u, peer_.TakeRequests().size());
-  EXPECT_TRUE(Logged("add session to daemon fail[id=12,path=team]"));
-
-  // Failures before anything is sent.
-  s.id = 77;
+  SessionInfo file = s, unknown = s;
+  file.id = 77;
   dir_.Write("volume1/@FernboxTandem/session/77", "a regular file");
-  EXPECT_EQ(-1, AddSession(s, options, true, false));
-  EXPECT_TRUE(Logged("create session folder fail"));
-  s.id = 78;
-  s.sync_folder = "no-such-share";
-  EXPECT_EQ(-1, AddSession(s, options, true, false));
-  EXPECT_TRUE(Logged("get share path fail[no-such-share]"));
-  EXPECT_TRUE(Logged("prepare PObject for adding session fail"));
-  EXPECT_TRUE(peer_.TakeRequests().empty());
+  unknown.sync_folder = "no-such-share";
+  log_.ExpectEach({
+      {[&] { return AddSession(HomeSession(), options, true, false); }, -1,
+       "ERROR add session to daemon fail[id=12,path=team]"},
+      {[&] { return AddSession(file, options, true, false); }, -1,
+       "ERROR create session folder fail"},
+      {[&] { return AddSession(unknown, options, true, false); }, -1,
+       "ERROR get share path fail[no-such-share]\nERROR prepare PObject for adding session fail"},
+  });
+  EXPECT_EQ(1u, peer_.TakeRequests().size());
 }
 
 TEST_F(DaemonIpcTest, ReloadConnectionWithAndWithoutSystemProxy) {
   ConnectionEntry c = SampleConnection();  // its own proxy is never used
   c.id = 9;
   c.username = "alice";
-  c.ssl_allow_untrust = false;
   Json::Value want = ParseJson(R"({"action": "reload_connection", "connection_id": 9,
       "server_name": "o'brien's server", "connection_mode": 5, "domain_name": "example.test",
       "server_ip": "10.0.0.7", "server_port": 6690, "nx_id": "NX1", "restore_id": "r1",
       "protocol_version": 70, "use_ssl": 1, "ssl_signature": "sig",
-      "ssl_allow_untrust": 0, "use_proxy": 1, "use_sys_proxy": 1, "proxy_ip": "",
+      "ssl_allow_untrust": 1, "use_proxy": 1, "use_sys_proxy": 1, "proxy_ip": "",
       "proxy_port": 0, "proxy_username": "", "proxy_password": "", "proxy_domain": "",
       "proxy_host": "", "tunnel_ip": "10.2.2.2", "tunnel_port": 65535,
       "session": "sess-token", "username": "alice", "computer_name": "pc",

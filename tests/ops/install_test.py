@@ -1,7 +1,5 @@
 #!/usr/bin/env python3
-"""The installed tree in a DESTDIR: every file with its mode, the systemd
-unit verified by systemd-analyze, both man pages rendered by man without a
-warning, and an edited configuration file kept by a second install.
+"""The tree installed in a DESTDIR, checked with systemd-analyze and man.
 
 Usage: install_test.py BUILD_DIR PREFIX
 """
@@ -17,15 +15,10 @@ import unittest
 BUILD = PREFIX = None
 
 DEFAULTS = {
-    "pid_file": "/var/run/vesta-monitord.pid",
-    "system_db_path": "/tmp/vesta-system-db.sqlite",
-    "socket_path": "/tmp/tarn-monitor.sock",
-    "log_level_file": "/volume1/log.debug",
-    "list_share_period": "300",
-    "disconnected_time_threadhold": "30",
-    "update_status_period": "5",
+    "pid_file": "/var/run/vesta-monitord.pid", "system_db_path": "/tmp/vesta-system-db.sqlite",
+    "socket_path": "/tmp/tarn-monitor.sock", "log_level_file": "/volume1/log.debug",
+    "list_share_period": "300", "disconnected_time_threadhold": "30", "update_status_period": "5",
 }
-
 
 def run(args, **kw):
     return subprocess.run(args, capture_output=True, text=True, timeout=60, **kw)
@@ -35,54 +28,39 @@ class InstallTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.dest = tempfile.mkdtemp(prefix="vesta-install-")
+        cls.addClassCleanup(shutil.rmtree, cls.dest, ignore_errors=True)
         cls.install()
-        sysconf = "/etc" if PREFIX == "/usr" else PREFIX + "/etc"
-        cls.conf = sysconf + "/vesta-monitor.conf"
+        cls.conf = ("/etc" if PREFIX == "/usr" else PREFIX + "/etc") + "/vesta-monitor.conf"
         cls.unit = PREFIX + "/lib/systemd/system/vesta-monitor.service"
         cls.man = PREFIX + "/share/man"
-
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.dest, ignore_errors=True)
 
     @classmethod
     def install(cls):
         r = run(["cmake", "--install", BUILD], env=dict(os.environ, DESTDIR=cls.dest))
         assert r.returncode == 0, r.stdout + r.stderr
 
-    def staged(self, path):
-        return self.dest + path
-
     def test_every_file_lands_with_its_mode(self):
-        expected = {
-            PREFIX + "/sbin/vesta-monitor": 0o755,
-            PREFIX + "/bin/vesta-monitorctl": 0o755,
-            self.man + "/man8/vesta-monitor.8": 0o644,
-            self.man + "/man1/vesta-monitorctl.1": 0o644,
-            self.unit: 0o644,
-            self.conf: 0o644,
-        }
-        found = {}
-        for d, _, names in os.walk(self.dest):
-            for n in names:
-                path = os.path.join(d, n)
-                found[path[len(self.dest):]] = os.stat(path).st_mode & 0o7777
+        expected = {PREFIX + "/sbin/vesta-monitor": 0o755, PREFIX + "/bin/vesta-monitorctl": 0o755,
+                    self.man + "/man8/vesta-monitor.8": 0o644, self.unit: 0o644, self.conf: 0o644,
+                    self.man + "/man1/vesta-monitorctl.1": 0o644}
+        found = {os.path.join(d, n)[len(self.dest):]: os.stat(os.path.join(d, n)).st_mode & 0o7777
+                 for d, _, names in os.walk(self.dest) for n in names}
         self.assertEqual(expected, found)
 
     def test_configuration_lists_every_key_with_its_default_and_survives_reinstall(self):
-        with open(self.staged(self.conf)) as f:
+        with open(self.dest + self.conf) as f:
             text = f.read()
         self.assertEqual(DEFAULTS, dict(re.findall(r"^#(\w+) = (\S+)$", text, re.M)))
-        with open(self.staged(self.conf), "a") as f:
+        with open(self.dest + self.conf, "a") as f:
             f.write("update_status_period = 2\n")
         self.install()
-        with open(self.staged(self.conf)) as f:
+        with open(self.dest + self.conf) as f:
             self.assertEqual(text + "update_status_period = 2\n", f.read())
 
     def test_unit_verifies(self):
         if not shutil.which("systemd-analyze"):
             self.skipTest("systemd-analyze is not installed: the unit is not verified")
-        with open(self.staged(self.unit)) as f:
+        with open(self.dest + self.unit) as f:
             unit = f.read()
         self.assertIn("ExecStart=%s/sbin/vesta-monitor %s\n" % (PREFIX, self.conf), unit)
         # systemd-analyze checks that ExecStart's program exists and that
@@ -91,14 +69,14 @@ class InstallTest(unittest.TestCase):
         with open(path, "w") as f:
             f.write(unit.replace("ExecStart=", "ExecStart=" + self.dest))
         r = run(["systemd-analyze", "verify", path],
-                env=dict(os.environ, MANPATH=self.staged(self.man)))
+                env=dict(os.environ, MANPATH=self.dest + self.man))
         os.remove(path)
         self.assertEqual((0, ""), (r.returncode, r.stdout + r.stderr))
 
     def test_man_pages_render_without_warnings(self):
         for page in ("/man8/vesta-monitor.8", "/man1/vesta-monitorctl.1"):
             with self.subTest(page=page):
-                r = run(["man", "--warnings", "-l", self.staged(self.man + page)],
+                r = run(["man", "--warnings", "-l", self.dest + self.man + page],
                         env=dict(os.environ, MANWIDTH="80"))
                 self.assertEqual("", r.stderr)
                 self.assertIn("SYNOPSIS", r.stdout)

@@ -1,7 +1,5 @@
 #!/usr/bin/env python3
-"""vesta-monitorctl status on a system database that the real daemon
-created: every stored error and status value in words, a read beside
-another process's uncommitted write, and a file left byte for byte.
+"""vesta-monitorctl status on a system database the real daemon created.
 
 Usage: status_test.py VESTA_MONITOR VESTA_MONITORCTL
 """
@@ -42,6 +40,7 @@ class StatusTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.box = box = system.Sandbox()
+        cls.addClassCleanup(box.cleanup)
         pid = box.start_and_wait()
         box.request({"action": "stop"})
         assert box.wait_gone(pid)[0]
@@ -61,10 +60,6 @@ class StatusTest(unittest.TestCase):
                        % (i + 1, 99 if i == 0 else 1 + i % 3, i + 1, status, error))
         subprocess.run(["sqlite3", cls.db], input="\n".join(sql), text=True, check=True,
                        timeout=30)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.box.cleanup()
 
     def status(self, *args):
         r = subprocess.run([CTL, "status", "--db", self.db] + list(args),

@@ -97,7 +97,6 @@ TEST(ConnFinderTest, SystemProxyFromItsFile) {
       // No proxy: the record is cleared.
       {"enabled=yes\nhost=10.0.0.1\n", -1, "00 :0 |||"},  // no port
       {"enabled=no\nhost=10.0.0.1\nport=3128\n", -1, "00 :0 |||"},
-      {"host=10.0.0.1\nport=3128\n", -1, "00 :0 |||"},  // enabled missing
       {"enabled=yes\nhost=\"\"\nport=3128\n", -1, "00 :0 |||"},
       {"enabled=perhaps\nhost=10.0.0.1\nport=3128\n", -1, "00 :0 |||"},
       {"", -1, "00 :0 |||"},

@@ -50,7 +50,6 @@ TEST(UserIsInListTest, UsersAndGroups) {
       {"alice", "", -1},
       {"alice", ",,alice,", 0},
       {"alice", "@staff", 0},          // group name in capitals in the user's list
-      {"alice", "bob,@Staff,carol", 0},
       {"alice", "@sta", -1},
       {"alice", "@", -1},
       {"alice", "@développeurs", 0},   // UTF-8 group, other case
