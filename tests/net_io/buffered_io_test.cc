@@ -37,7 +37,6 @@ class FakeClock : public cat::Clock {
   std::vector<uint64_t> sleeps;
 };
 
-// One scripted outcome of a Read or Write call.
 struct Step {
   ssize_t rc;  // >= 0: bytes (Read: taken from data); < 0: fail with err
   int err = 0;
@@ -57,8 +56,7 @@ struct Script {
   int read_calls = 0;
 };
 
-// Descriptor whose every call follows the script.  Derives from Socket so
-// that streams treat it as one.
+// A descriptor that follows the script; a Socket, so that streams treat it as one.
 class ScriptedSocket : public cat::Socket {
  public:
   explicit ScriptedSocket(std::shared_ptr<Script> s) : cat::Socket(1000), s_(std::move(s)) {}
@@ -72,29 +70,20 @@ class ScriptedSocket : public cat::Socket {
       s_->pattern -= k;
       return static_cast<ssize_t>(k);
     }
+    if (Failed(&s_->reads)) return -1;
     Step& step = s_->reads.front();
-    if (step.rc < 0) {
-      errno = step.err;
-      s_->reads.pop_front();
-      return -1;
-    }
-    size_t k = std::min(n, step.data.size());
-    memcpy(out, step.data.data(), k);
+    const size_t k = step.data.copy(out, n);
     step.data.erase(0, k);
     if (step.data.empty()) s_->reads.pop_front();
     return static_cast<ssize_t>(k);
   }
 
   ssize_t Write(const void* buffer, size_t n) override {
+    if (Failed(&s_->writes)) return -1;
     size_t k = n;
     if (!s_->writes.empty()) {
-      Step step = s_->writes.front();
+      k = std::min(n, static_cast<size_t>(s_->writes.front().rc));
       s_->writes.pop_front();
-      if (step.rc < 0) {
-        errno = step.err;
-        return -1;
-      }
-      k = std::min(n, static_cast<size_t>(step.rc));
     }
     s_->written.append(static_cast<const char*>(buffer), k);
     return static_cast<ssize_t>(k);
@@ -112,6 +101,14 @@ class ScriptedSocket : public cat::Socket {
   }
 
  private:
+  // Pops a failing first step of `steps`, setting errno: true when there was one.
+  static bool Failed(std::deque<Step>* steps) {
+    if (steps->empty() || steps->front().rc >= 0) return false;
+    errno = steps->front().err;
+    steps->pop_front();
+    return true;
+  }
+
   std::shared_ptr<Script> s_;
 };
 
@@ -181,8 +178,7 @@ TEST(BufferedIOTest, WritesStayBufferedUntilFlushAndSurviveShortWrites) {
   EXPECT_EQ(0, f.stream.Flush());
   EXPECT_EQ("abcdef", f.script->written);
 
-  // A large write: buffered bytes first, then the rest directly, through
-  // short writes and interruptions.
+  // A large write: buffered bytes, then the rest directly through short writes and EINTR.
   const std::string big = net_io_test::Pattern(30000);
   EXPECT_EQ(1, f.stream.Write("x", 1));
   f.script->writes = {{1, 0, ""}, {-1, EINTR, ""}, {100, 0, ""}, {-1, EAGAIN, ""}, {7000, 0, ""}};
@@ -272,9 +268,8 @@ TEST(BufferedIOTest, FileSendAndGenericReceiveReportFailures) {
   EXPECT_EQ(cat::kErrTooLarge, f.stream.GetError());
 }
 
-// After a 3-byte read, 8189 bytes of the file are buffered: they are stored
-// first, the rest lands through the mapping, which moves on in windows of
-// 128 MiB.
+// After a 3-byte read, 8189 bytes of the file are buffered: they are stored first,
+// the rest lands through the mapping, which moves on in windows of 128 MiB.
 TEST(BufferedIOTest, SocketReceiveStoresBufferedBytesThenMapsTheRestInWindows) {
   TempDir dir;
   for (uint64_t length : {uint64_t{300000}, (uint64_t{128} << 20) + 300007}) {
