@@ -49,12 +49,12 @@ class ProtoUITest : public ::testing::Test {
     server_->Take();
   }
 
-  static void Script(const std::string& json) { server_->SetScript(json); }
-  static std::vector<Json::Value> Take() { return server_->Take(); }
-
-  // `entry`'s request is `want` with the agent, once a `date` within a minute
-  // of now has been set to 0.
-  static void ExpectRequest(const Json::Value& entry, Json::Value want) {
+  // `entry` came over TLS or a UNIX socket as said, its request is `want` with the
+  // agent once a `date` within a minute of now has been set to 0.
+  static void ExpectRequest(const Json::Value& entry, Json::Value want, bool tls = false,
+                            bool unix_socket = false) {
+    EXPECT_EQ(std::make_pair(tls, unix_socket),
+              std::make_pair(entry["tls"].asBool(), entry["unix"].asBool()));
     want["agent"] = ParseJson(kAgent);
     Json::Value got = entry["request"];
     if (got.isMember("@proto")) {
@@ -107,17 +107,15 @@ TEST_F(ProtoUITest, AuthenticationAsTheServerReceivesIt) {
     ui.SetSudo(c.sudo_text, c.sudo_number);
     UserInfo info;
     EXPECT_EQ(0, ui.QueryUserInfo(&info, true));
-    std::vector<Json::Value> got = Take();
+    std::vector<Json::Value> got = server_->Take();
     ASSERT_EQ(1u, got.size());
-    EXPECT_FALSE(got[0]["tls"].asBool());
-    EXPECT_EQ(c.unix_socket, got[0]["unix"].asBool());
     Json::Value want = ParseJson(
         R"({"action": "query_user_info", "get_view": 1, "server_id": {"restore_id": "R"},
             "@proto": {"type": "header", "date": 0, "version": {"major": 7, "minor": 0},
                        "body-continue": 0}})");
     Json::Value members = ParseJson(c.members);
     for (const std::string& key : members.getMemberNames()) want[key] = members[key];
-    ExpectRequest(got[0], want);
+    ExpectRequest(got[0], want, false, c.unix_socket);
   }
   EXPECT_NE(std::string::npos, ReadFile(dir_->File("test.log")).find("Rsa key is not valid."));
 
@@ -128,7 +126,7 @@ TEST_F(ProtoUITest, AuthenticationAsTheServerReceivesIt) {
   ui.SetAuth("alice", "", "", pem, "fp", "");
   UserInfo info;
   ASSERT_EQ(0, ui.QueryUserInfo(&info, false));
-  std::vector<Json::Value> got = Take();
+  std::vector<Json::Value> got = server_->Take();
   ASSERT_EQ(1u, got.size());
   const Json::Value request = got[0]["request"];
   EXPECT_EQ("alice", request["username"].asString());
@@ -157,22 +155,21 @@ TEST_F(ProtoUITest, TlsSignatureAndChecks) {
   ProtoUI ui;
   Connect(&ui, true);
   ui.SetForward("10.0.0.9", 443, "https");
-  Script(R"({"replies": {"query_server_info": {"server_id": "S1", "host_name": "nas",
+  server_->SetScript(R"({"replies": {"query_server_info": {"server_id": "S1", "host_name": "nas",
              "package_version": {"major": 3, "minor": 1, "build": 12800},
              "kos": {"major": 7, "unique": "U"}}}})");
   std::string got_signature;
   ASSERT_EQ(0, ui.QuerySslSignature(&got_signature));
   EXPECT_EQ(signature, got_signature);
   EXPECT_EQ(net_io_test::CertFingerprint(dir_->File("server.crt")), ui.GetServerSignatureHash());
-  std::vector<Json::Value> got = Take();
+  std::vector<Json::Value> got = server_->Take();
   ASSERT_EQ(2u, got.size());
   ExpectRequest(got[0], ParseJson(R"({"action": "encrypt_channel"})"));
-  EXPECT_FALSE(got[0]["tls"].asBool());
   ExpectRequest(got[1], ParseJson(R"({"action": "query_server_info", "get_all": 1,
       "@proto": {"type": "header", "date": 0, "version": {"major": 7, "minor": 0},
                  "body-continue": 0,
-                 "x-forward": {"ip": "10.0.0.9", "port": 443, "proto": "https"}}})"));
-  EXPECT_TRUE(got[1]["tls"].asBool());
+                 "x-forward": {"ip": "10.0.0.9", "port": 443, "proto": "https"}}})"),
+                true);
 
   ServerInfo info;
   ASSERT_EQ(0, ui.QueryServerInfo(&info));
@@ -265,7 +262,7 @@ TEST_F(ProtoUITest, FailuresAndOddReplies) {
   UserInfo info;
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.reason);
-    Script(c.script);
+    server_->SetScript(c.script);
     Connect(&ui);
     if (std::string(c.address) != "server") ui.SetServer(c.address, 1);
     ui.SetSession(c.login ? "S" : "");
@@ -273,11 +270,11 @@ TEST_F(ProtoUITest, FailuresAndOddReplies) {
     EXPECT_EQ(c.code, ui.GetErrorCode());
     EXPECT_EQ(c.sub_code, ui.GetErrorSubCode());
     EXPECT_EQ(c.reason, ui.GetErrorReason());
-    EXPECT_EQ(c.requests, Take().size());
+    EXPECT_EQ(c.requests, server_->Take().size());
   }
   EXPECT_EQ(listing, RunCommand("ls -A / ."));
 
-  Script(R"({"keep_alive": {"query_user_info": 2}, "replies": {"query_user_info":
+  server_->SetScript(R"({"keep_alive": {"query_user_info": 2}, "replies": {"query_user_info":
       {"uid": 1026, "is_admin_group": 1, "enable_chat_notification": 0, "view_list": [
        {"view_id": 7, "name": "team", "privilege": "read-write", "version": 3},
        {"view_id": 8, "node_id": 80, "privilege": "read-only", "is_encryption": 1},
