@@ -20,8 +20,7 @@ namespace {
 
 using net_io_test::Sha256Of;
 
-// `a` and `b` joined over loopback TCP (`a` opened by host and port, `b`
-// adopting the accepted descriptor) or by a UNIX socket pair.
+// `a` and `b` joined by a UNIX socket pair or loopback TCP (`a` opened by host and port).
 void Connect(bool tcp, Channel* a, Channel* b) {
   if (tcp) {
     net_io_test::Listener listener;
@@ -154,10 +153,9 @@ TEST(ChannelTest, OpenTunesTheSocketAndKnowsThePeer) {
             address + ":" + std::to_string(port));
 }
 
-// The sender sends bytes [offset, offset + sent) of a file, after a small
-// header when asked; the receiver, whose file already holds the first
-// `offset` bytes, expects `expected` bytes at `offset`.  With a digest the
-// send digests and the receive copies; without, the receive maps the file.
+// The sender sends bytes [offset, offset + sent) of a file, after a header when asked;
+// the receiver, whose file holds the first `offset` bytes, expects `expected` bytes at
+// `offset`.  With a digest the send digests and the receive copies; else it maps the file.
 TEST(ChannelTest, FileTransfers) {
   const struct {
     bool tcp, digest, header;
@@ -207,8 +205,7 @@ TEST(ChannelTest, FileTransfers) {
   }
 }
 
-// A receive past a 1 MiB file size limit, or into a full device, in both
-// receive modes.
+// A receive past a 1 MiB file size limit, or into a full device, in both receive modes.
 TEST(ChannelTest, FileTooLargeAndDiskFullHaveTheirOwnCodes) {
   TempDir dir;
   const struct {

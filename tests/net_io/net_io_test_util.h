@@ -84,8 +84,7 @@ inline std::string Sha256Of(const std::string& path, unsigned long long offset =
   return RunCommand(cmd + " | sha256sum").substr(0, 64);
 }
 
-// Byte `i` of an endless stream that names its own position: a byte stored
-// at the wrong place shows.
+// Byte `i` of an endless stream that names its own position: a misplaced byte shows.
 inline char PatternByte(uint64_t i) { return static_cast<char>(i >> (8 * (i % 8)) ^ i % 251); }
 
 inline std::string Pattern(size_t n) {

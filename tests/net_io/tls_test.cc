@@ -88,8 +88,7 @@ TEST_F(TlsTest, ChainHostOrSignatureChecks) {
     EXPECT_EQ(c.result, ConnectTls(&ch, c.server)) << c.server << " / " << c.host;
     EXPECT_EQ(c.result == 0, ch.IsSSL());
   }
-  // A bundle without the CA, and none at all.  (The server serves one
-  // channel at a time: each is closed before the next.)
+  // A bundle without the CA, and none at all (each channel closes before the next).
   for (const char* bundle : {"self.crt", "no-such-bundle.crt"}) {
     Channel::SetCAPath(Cert(bundle));
     Channel ch;
