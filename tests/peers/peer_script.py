@@ -1,6 +1,5 @@
-"""What the simulated peers share: the JSON script they answer from (read
-again for every request), their record (one JSON line per request), their
-UNIX socket, ready file and way out on SIGTERM and SIGINT."""
+"""What the simulated peers share: their script, record, UNIX socket, ready
+file and way out on SIGTERM and SIGINT."""
 
 import json
 import os
@@ -26,8 +25,7 @@ def load_script(path, who):
 
 
 def to_json(value):
-    """A decoded value made JSON-friendly: bytes that are no UTF-8 as
-    {"buffer": HEX}, buffers and files as {"file": HEX}."""
+    """A decoded value as JSON: bytes as {"buffer": HEX}, buffers and files as {"file": HEX}."""
     if isinstance(value, dict):
         return {k: to_json(v) for k, v in value.items()}
     if isinstance(value, list):

@@ -41,13 +41,11 @@ COMMANDS = {22: "encrypt_channel", 25: "query_server_info", 17: "query_user_info
 
 def from_json(value):
     """A scripted reply as a wire value ({"$binary": TEXT} as a file)."""
+    if isinstance(value, dict) and list(value) == ["$binary"]:
+        return pstream.Binary(value["$binary"].encode("utf-8"))
     if isinstance(value, dict):
-        if list(value) == ["$binary"]:
-            return pstream.Binary(value["$binary"].encode("utf-8"))
         return {k: from_json(v) for k, v in value.items()}
-    if isinstance(value, list):
-        return [from_json(v) for v in value]
-    return value
+    return [from_json(v) for v in value] if isinstance(value, list) else value
 
 
 def serve_one(conn, args, is_unix):
@@ -69,8 +67,7 @@ def serve_one(conn, args, is_unix):
             action = COMMANDS.get(command, "cmd%d" % command)
             script = load_script(args.script, "remote_server")
             if action in script.get("close_after_header", []):
-                # End our side at once but take in what the client still
-                # sends, so its request never meets a reset connection.
+                # Take in what the client still sends: no reset meets its request.
                 conn.shutdown(socket.SHUT_WR)
                 while conn.recv(65536):
                     pass
