@@ -73,11 +73,9 @@ TEST(ChannelTest, ClosedChannelAndBadArguments) {
 TEST(ChannelTest, BigEndianIntegersExactReadsAndDigests) {
   Channel a, b;
   Connect(false, &a, &b);
-  ASSERT_EQ(0, a.WriteUInt8(0xAB));
-  ASSERT_EQ(0, a.WriteUInt16(0x0102));
-  ASSERT_EQ(0, a.WriteUInt32(0x03040506));
-  ASSERT_EQ(0, a.WriteUInt64(0x0708090A0B0C0D0EULL));
-  ASSERT_EQ(0, a.Flush(0));
+  ASSERT_TRUE(a.WriteUInt8(0xAB) == 0 && a.WriteUInt16(0x0102) == 0 &&
+              a.WriteUInt32(0x03040506) == 0 && a.WriteUInt64(0x0708090A0B0C0D0EULL) == 0 &&
+              a.Flush(0) == 0);
   const std::string wire("\xAB\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0A\x0B\x0C\x0D\x0E", 15);
   std::string raw(15, '\0');
   ASSERT_EQ(15, read(b.GetFd(), &raw[0], 15));  // beside the channel
