@@ -7,14 +7,14 @@ query_user_info, 22 encrypt_channel (then TLS with --cert/--key; without them
 or on --unix the connection closes), any other N "cmd<N>". A bad header is
 recorded as {"bad_header": HEX}, then the connection closes.
 
-Script (JSON, read again for every request):
+Script (--script FILE, JSON, read again for every request):
     {"replies": {"query_user_info": {"uid": 1026}, "*": {}},
      "keep_alive": {"query_user_info": 2}, "close_after_header": ["query_server_info"]}
 "replies": an action's reply ("*" for any other; else {}); {"$binary": TEXT} is
 sent as a binary holding TEXT. "keep_alive": that many {"type": "keep_alive"}
 replies first. "close_after_header": no reply; the server ends its side.
 
-Record: a JSON line per request, {"command": 25, "tls": true, "unix": false,
+Record (--record FILE): a JSON line per request, {"command": 25, "tls": true, "unix": false,
 "request": {...}}, or {"bad_request": TEXT} / {"tls_error": TEXT}.
 Listens on TCP --host and --port (0: a free one, written to --ready FILE) and
 on the UNIX socket --unix PATH when given. The wire codec is pstream.py.
@@ -108,12 +108,8 @@ def main():
     p = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     p.add_argument("--host", default="127.0.0.1")
     p.add_argument("--port", type=int, default=6690)
-    p.add_argument("--unix", default="")
-    p.add_argument("--cert", default="")
-    p.add_argument("--key", default="")
-    p.add_argument("--script", default="")
-    p.add_argument("--record", default="")
-    p.add_argument("--ready", default="", help="file written once listening: the TCP port")
+    for name in ("unix", "cert", "key", "script", "record", "ready"):
+        p.add_argument("--" + name, default="")
     args = p.parse_args()
     args.tls = None
     if args.cert:
