@@ -1,5 +1,4 @@
-// The buffered stream, bandwidth control, host matching and connecting; fakes
-// of the descriptor and the clock make EINTR, short writes and silence happen on cue.
+// The buffered stream over fakes of the descriptor and clock; bandwidth, hosts, connects.
 #include "net/cat/buffered_io.h"
 
 #include <errno.h>
@@ -278,10 +277,9 @@ TEST(BufferedIOTest, SocketReceiveStoresBufferedBytesThenMapsTheRestInWindows) {
     ASSERT_EQ(3, f.stream.Read(head, 3));
     EXPECT_EQ(8189u, f.stream.BufferedReadBytes());
     const std::string path = dir.Write("dst", std::string(10, 'Z'));
-    int out = open(path.c_str(), O_RDWR);
-    cat::File file(out);
+    cat::File file(open(path.c_str(), O_RDWR));
     EXPECT_EQ(static_cast<int64_t>(length), f.stream.RecvFile(file, 5, length));
-    close(out);
+    file.Close();
     EXPECT_EQ(8192u + length, f.controller.read_total);  // buffered bytes reported again
     const std::string got = ReadFile(path);
     ASSERT_EQ(5 + length, got.size());

@@ -1,5 +1,4 @@
-// Channel over a UNIX socket pair and loopback TCP; files cross in both
-// transfer modes and are compared by the sha256sum tool.
+// Channel over a UNIX socket pair and loopback TCP; files compared by the sha256sum tool.
 #include "net/channel.h"
 
 #include <fcntl.h>

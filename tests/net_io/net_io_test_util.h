@@ -1,5 +1,4 @@
-// Wire test helpers: loopback listeners, openssl's view of a certificate,
-// patterned data, a file size limit.
+// Wire test helpers: loopback listeners, certificates, patterned data, a file size limit.
 #ifndef VESTA_TESTS_NET_IO_NET_IO_TEST_UTIL_H_
 #define VESTA_TESTS_NET_IO_NET_IO_TEST_UTIL_H_
 

@@ -1,5 +1,4 @@
-// The remote-server client against tests/peers/remote_server.py (own wire
-// codec); keys, certificates and the signature check come from openssl.
+// The remote-server client against tests/peers/remote_server.py; keys and checks by openssl.
 #include <time.h>
 
 #include <string>

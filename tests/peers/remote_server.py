@@ -3,21 +3,20 @@
 
 Per request: an 8-byte header (magic 0x25521814, version 70, command, payload
 length; big-endian), then one request map. Commands 25 query_server_info, 17
-query_user_info, 22 encrypt_channel (then TLS with --cert/--key; without them
-or on --unix the connection closes), any other N "cmd<N>". A bad header is
-recorded as {"bad_header": HEX}, then the connection closes.
+query_user_info, 22 encrypt_channel (then TLS with --cert/--key, not on --unix),
+any other N "cmd<N>".
 
-Script (--script FILE, JSON, read again for every request):
+Script (--script FILE, read again for every request):
     {"replies": {"query_user_info": {"uid": 1026}, "*": {}},
      "keep_alive": {"query_user_info": 2}, "close_after_header": ["query_server_info"]}
-"replies": an action's reply ("*" for any other; else {}); {"$binary": TEXT} is
-sent as a binary holding TEXT. "keep_alive": that many {"type": "keep_alive"}
-replies first. "close_after_header": no reply; the server ends its side.
+replies: an action's reply ("*" for any other; else {}), {"$binary": TEXT} sent as a
+binary; keep_alive: that many {"type": "keep_alive"} first; close_after_header: no
+reply, the server ends its side after the header.
 
-Record (--record FILE): a JSON line per request, {"command": 25, "tls": true, "unix": false,
-"request": {...}}, or {"bad_request": TEXT} / {"tls_error": TEXT}.
-Listens on TCP --host and --port (0: a free one, written to --ready FILE) and
-on the UNIX socket --unix PATH when given. The wire codec is pstream.py.
+Record (--record FILE): a JSON line per request, {"command": 25, "tls": true, "unix":
+false, "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
+Listens on TCP --host and --port (0: a free one, written to --ready FILE) and on
+the UNIX socket --unix PATH when given. The wire codec is pstream.py.
 """
 
 import argparse
