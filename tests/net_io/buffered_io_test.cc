@@ -315,7 +315,6 @@ TEST(BufferedIOTest, HandOverMovesTheDescriptorAndSettings) {
   EXPECT_NE(nullptr, on_file.GetIO());  // unchanged on failure
 }
 
-// A rate limiter with fixed rates and allowances.
 class FixedLimiter : public cat::RateLimiter {
  public:
   uint64_t GetRate(Direction d) override { return rate[d]; }
@@ -436,8 +435,7 @@ TEST(SocketOpsTest, HangingConnectEndsAtTheLimitOrOnCancel) {
   // Two empty 800 ms polls count 1.6 s >= 1 s: never sooner.
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
 
-  // The flag is set once the connect is under way; without it the test
-  // would outlast its ctest time-out.
+  // The flag is set once the connect is under way: unset, it would outlast ctest's limit.
   std::atomic<int> cancel{0};
   std::thread canceller([&] {
     for (int i = 0; i < 3000 && ConnectsInProgress(listener.port()) == 0; ++i) usleep(10000);

@@ -35,7 +35,6 @@ int Connect(bool tcp, Channel* a, Channel* b) {
   return 0;
 }
 
-// Counts what the channel reports, as a stream's transfer reporter would.
 class CountingReporter : public Channel::ProgressReporter {
  public:
   void Update(uint64_t bytes) override { total += bytes; }

@@ -114,10 +114,7 @@ def main():
     if args.cert:
         args.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         args.tls.load_cert_chain(args.cert, args.key)
-    tcp = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-    tcp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    tcp.bind((args.host, args.port))
-    tcp.listen(16)
+    tcp = socket.create_server((args.host, args.port), backlog=16)
     if args.unix:
         unix = listen_unix(args.unix)
         threading.Thread(target=accept_loop, args=(unix, args, True), daemon=True).start()
