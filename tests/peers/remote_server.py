@@ -15,8 +15,8 @@ reply, the server ends its side after the header.
 
 Record (--record FILE): a JSON line per request, {"command": 25, "tls": true, "unix":
 false, "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
-Listens on TCP --host and --port (0: a free one, written to --ready FILE) and on
-the UNIX socket --unix PATH when given. The wire codec is pstream.py.
+Listens on 127.0.0.1 at TCP --port (0: a free one, written to --ready FILE) and
+on the UNIX socket --unix PATH when given. The wire codec is pstream.py.
 """
 
 import argparse
@@ -105,7 +105,6 @@ def accept_loop(server, args, is_unix):
 
 def main():
     p = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    p.add_argument("--host", default="127.0.0.1")
     p.add_argument("--port", type=int, default=6690)
     for name in ("unix", "cert", "key", "script", "record", "ready"):
         p.add_argument("--" + name, default="")
@@ -114,7 +113,7 @@ def main():
     if args.cert:
         args.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         args.tls.load_cert_chain(args.cert, args.key)
-    tcp = socket.create_server((args.host, args.port), backlog=16)
+    tcp = socket.create_server(("127.0.0.1", args.port), backlog=16)
     if args.unix:
         unix = listen_unix(args.unix)
         threading.Thread(target=accept_loop, args=(unix, args, True), daemon=True).start()
