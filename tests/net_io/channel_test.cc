@@ -1,6 +1,4 @@
-// Channel over real descriptors: a UNIX socket pair and loopback TCP.  Files
-// cross in both transfer modes and are compared by the sha256sum tool; a
-// lowered file size limit shows the file-too-large code.
+// Channel over a UNIX socket pair and loopback TCP; files compared by the sha256sum tool.
 #include "net/channel.h"
 
 #include <fcntl.h>
@@ -21,22 +19,22 @@ namespace {
 
 using net_io_test::Sha256Of;
 
-// `a` and `b` joined over loopback TCP (`a` opened by host and port, `b`
-// adopting the accepted descriptor) or by a UNIX socket pair.
-void Connect(bool tcp, Channel* a, Channel* b) {
+// `a` and `b` joined by a UNIX socket pair or loopback TCP (`a` opened by host and
+// port, which is returned).
+int Connect(bool tcp, Channel* a, Channel* b) {
   if (tcp) {
     net_io_test::Listener listener;
-    ASSERT_EQ(0, a->Open("127.0.0.1", listener.port()));
-    ASSERT_EQ(0, b->Open(listener.Accept(), true));
-    return;
+    EXPECT_EQ(0, a->Open("127.0.0.1", listener.port()));
+    EXPECT_EQ(0, b->Open(listener.Accept(), true));
+    return listener.port();
   }
   int fds[2];
-  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
-  ASSERT_EQ(0, a->Open(fds[0], true));
-  ASSERT_EQ(0, b->Open(fds[1], true));
+  EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+  EXPECT_EQ(0, a->Open(fds[0], true));
+  EXPECT_EQ(0, b->Open(fds[1], true));
+  return 0;
 }
 
-// Counts what the channel reports, as a stream's transfer reporter would.
 class CountingReporter : public Channel::ProgressReporter {
  public:
   void Update(uint64_t bytes) override { total += bytes; }
@@ -46,7 +44,6 @@ class CountingReporter : public Channel::ProgressReporter {
 
 TEST(ChannelTest, ClosedChannelAndBadArguments) {
   Channel ch;
-  EXPECT_TRUE(ch.IsClosed());
   EXPECT_FALSE(ch.IsGood());
   char buf[4];
   size_t received = 99;
@@ -75,11 +72,9 @@ TEST(ChannelTest, ClosedChannelAndBadArguments) {
 TEST(ChannelTest, BigEndianIntegersExactReadsAndDigests) {
   Channel a, b;
   Connect(false, &a, &b);
-  ASSERT_EQ(0, a.WriteUInt8(0xAB));
-  ASSERT_EQ(0, a.WriteUInt16(0x0102));
-  ASSERT_EQ(0, a.WriteUInt32(0x03040506));
-  ASSERT_EQ(0, a.WriteUInt64(0x0708090A0B0C0D0EULL));
-  ASSERT_EQ(0, a.Flush(0));
+  ASSERT_TRUE(a.WriteUInt8(0xAB) == 0 && a.WriteUInt16(0x0102) == 0 &&
+              a.WriteUInt32(0x03040506) == 0 && a.WriteUInt64(0x0708090A0B0C0D0EULL) == 0 &&
+              a.Flush(0) == 0);
   const std::string wire("\xAB\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0A\x0B\x0C\x0D\x0E", 15);
   std::string raw(15, '\0');
   ASSERT_EQ(15, read(b.GetFd(), &raw[0], 15));  // beside the channel
@@ -127,7 +122,7 @@ TEST(ChannelTest, BigEndianIntegersExactReadsAndDigests) {
 
 TEST(ChannelTest, OpenTunesTheSocketAndKnowsThePeer) {
   Channel client, server;
-  Connect(true, &client, &server);
+  const int listener_port = Connect(true, &client, &server);
   ASSERT_EQ(0, client.SetNoDelay(true));
   const struct {
     int fd, level, name, value;
@@ -147,18 +142,13 @@ TEST(ChannelTest, OpenTunesTheSocketAndKnowsThePeer) {
   }
   std::string address;
   int port = 0;
-  ASSERT_EQ(0, server.GetPeerInfo(&address, &port));
-  struct sockaddr_in local = {};
-  socklen_t len = sizeof(local);
-  ASSERT_EQ(0, getsockname(client.GetFd(), reinterpret_cast<struct sockaddr*>(&local), &len));
-  EXPECT_EQ("127.0.0.1:" + std::to_string(ntohs(local.sin_port)),
-            address + ":" + std::to_string(port));
+  ASSERT_EQ(0, client.GetPeerInfo(&address, &port));
+  EXPECT_EQ("127.0.0.1:" + std::to_string(listener_port), address + ":" + std::to_string(port));
 }
 
-// The sender sends bytes [offset, offset + sent) of a file, after a small
-// header when asked; the receiver, whose file already holds the first
-// `offset` bytes, expects `expected` bytes at `offset`.  With a digest the
-// send digests and the receive copies; without, the receive maps the file.
+// The sender sends bytes [offset, offset + sent) of a file, after a header when asked;
+// the receiver, whose file holds the first `offset` bytes, expects `expected` bytes at
+// `offset`.  With a digest the send digests and the receive copies; else it maps the file.
 TEST(ChannelTest, FileTransfers) {
   const struct {
     bool tcp, digest, header;
@@ -206,19 +196,9 @@ TEST(ChannelTest, FileTransfers) {
     const std::string digest = c.digest ? Sha256Of(src, c.offset, c.sent) : "";
     EXPECT_EQ(digest + digest, sent_digest + b.GetHash());
   }
-  // The copying receive also discards into /dev/null.
-  Channel a, b;
-  Connect(false, &a, &b);
-  ASSERT_TRUE(a.Write("0123456789", 10) == 0 && a.Flush(0) == 0);
-  int null_fd = open("/dev/null", O_WRONLY);
-  CountingReporter discard;
-  EXPECT_EQ(0, b.RecvFileCopying(null_fd, 0, 10, &discard));
-  EXPECT_EQ(10u, discard.GetBytes());
-  close(null_fd);
 }
 
-// A receive past a 1 MiB file size limit, or into a full device, in both
-// receive modes.
+// A receive past a 1 MiB file size limit, or into a full device, in both receive modes.
 TEST(ChannelTest, FileTooLargeAndDiskFullHaveTheirOwnCodes) {
   TempDir dir;
   const struct {
@@ -264,7 +244,6 @@ TEST(ChannelTest, SilentPeerTimesOutAndCancelStopsAConnect) {
   Channel ch;
   ch.SetCancelFlag(&cancel);
   EXPECT_EQ(-2, ch.Open("127.0.0.1", listener.port()));
-  EXPECT_EQ(-1, ch.Connect("127.0.0.1", listener.port()));
   cancel = 0;
   EXPECT_EQ(0, ch.Open("127.0.0.1", listener.port()));
   int accepted = listener.Accept();

@@ -1,5 +1,4 @@
-// Helpers of the wire tests: loopback listeners, the openssl tool's view of
-// a certificate, patterned test data and a file size limit.
+// Wire test helpers: loopback listeners, certificates, patterned data, a file size limit.
 #ifndef VESTA_TESTS_NET_IO_NET_IO_TEST_UTIL_H_
 #define VESTA_TESTS_NET_IO_NET_IO_TEST_UTIL_H_
 
@@ -84,8 +83,7 @@ inline std::string Sha256Of(const std::string& path, unsigned long long offset =
   return RunCommand(cmd + " | sha256sum").substr(0, 64);
 }
 
-// Byte `i` of an endless stream that names its own position: a byte stored
-// at the wrong place shows.
+// Byte `i` of an endless stream that names its own position: a misplaced byte shows.
 inline char PatternByte(uint64_t i) { return static_cast<char>(i >> (8 * (i % 8)) ^ i % 251); }
 
 inline std::string Pattern(size_t n) {

@@ -1,8 +1,4 @@
-// TLS against real peers: `openssl s_server` answers the client side,
-// `openssl s_client` drives the server side.  Certificates come from
-// make_certs.sh, expected signatures and hashes from `openssl x509`, never
-// from the code under test.  Certificates and servers are made once for the
-// suite.
+// TLS against openssl s_server and s_client; expected signatures from openssl x509.
 #include <future>
 #include <map>
 #include <memory>
@@ -72,13 +68,10 @@ TEST_F(TlsTest, ChainHostOrSignatureChecks) {
   } kCases[] = {
       {"server", false, "server.test", "", 0},
       {"server", false, "alt.example.org", "", 0},
-      {"server", false, "ALT.example.ORG", "", 0},
       {"server", false, "", "", 0},
       {"server", false, "wrong.test", "", -24},
       {"server", false, "127.0.0.1", "", -24},  // IP entries are not names
       {"wild", false, "a.wild.test", "", 0},
-      {"wild", false, "wild.test", "", 0},
-      {"wild", false, "a.b.wild.test", "", -24},
       {"cnonly", false, "cn-only.test", "", 0},
       {"cnonly", false, "other.test", "", -24},
       {"self", false, "", "", -24},                       // not signed by the CA
@@ -93,36 +86,21 @@ TEST_F(TlsTest, ChainHostOrSignatureChecks) {
     ch.SetExpectedSignature(*c.signature ? net_io_test::CertSignature(Cert(c.signature)) : "");
     EXPECT_EQ(c.result, ConnectTls(&ch, c.server)) << c.server << " / " << c.host;
     EXPECT_EQ(c.result == 0, ch.IsSSL());
+    if (c.result != 0) continue;
+    EXPECT_EQ(0, ch.ConvertToSSLChannel(false));  // already TLS: nothing changes
+    EXPECT_EQ(net_io_test::CertFingerprint(Cert(c.server + std::string(".crt"))),
+              ch.GetSslSignatureHash());
+    ch.Close();
+    EXPECT_EQ("", ch.GetSslSignatureHash());
   }
-  // A bundle without the CA, and none at all.  (The server serves one
-  // channel at a time: each is closed before the next.)
-  for (const char* bundle : {"self.crt", "no-such-bundle.crt"}) {
-    Channel::SetCAPath(Cert(bundle));
-    Channel ch;
-    ch.SetTrustBySignature(false);
-    EXPECT_EQ(-24, ConnectTls(&ch, "server")) << bundle;
-  }
-}
-
-TEST_F(TlsTest, ClientAndServerSidesCarryData) {
+  Channel::SetCAPath(Cert("no-such-bundle.crt"));  // no bundle trusts nothing
   Channel ch;
   ch.SetTrustBySignature(false);
-  ch.SetExpectedHost("server.test");
-  ASSERT_EQ(0, ConnectTls(&ch, "server"));
-  std::string signature;
-  EXPECT_EQ(0, ch.GetSslSignature(&signature));
-  EXPECT_EQ(net_io_test::CertSignature(Cert("server.crt")), signature);
-  EXPECT_EQ(net_io_test::CertFingerprint(Cert("server.crt")), ch.GetSslSignatureHash());
-  EXPECT_EQ(64u, ch.GetSslSignatureHash().size());
-  EXPECT_EQ(0, ch.ConvertToSSLChannel(false));  // already TLS: nothing changes
-  EXPECT_TRUE(ch.IsSSL());
-  char buf[10];
-  ASSERT_TRUE(ch.Write("hello tls\n", 10) == 0 && ch.Flush(0) == 0 && ch.Read(buf, 10) == 0);
-  EXPECT_EQ("slt olleh\n", std::string(buf, 10));
-  EXPECT_EQ(0, ch.Close());
-  EXPECT_EQ("", ch.GetSslSignatureHash());
+  EXPECT_EQ(-24, ConnectTls(&ch, "server"));
+}
 
-  // The server side.  (Each client ends once its channel has closed.)
+// The server side.  (Each client ends once its channel has closed.)
+TEST_F(TlsTest, ServerSideCarriesDataUnderItsCipherList) {
   Channel::m_cert_path = Cert("server.crt");
   Channel::m_key_path = Cert("server.key");
   Channel::m_server_cipher_list = "ECDHE-RSA-AES128-GCM-SHA256";

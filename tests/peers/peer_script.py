@@ -1,7 +1,7 @@
-"""What the simulated peers share: the JSON script they answer from (read
-again for every request), their record (one JSON line per request), their
-UNIX socket, ready file and way out on SIGTERM and SIGINT."""
+"""What the simulated peers share: their script, record, UNIX socket, ready
+file and way out on SIGTERM and SIGINT."""
 
+import contextlib
 import json
 import os
 import signal
@@ -26,8 +26,7 @@ def load_script(path, who):
 
 
 def to_json(value):
-    """A decoded value made JSON-friendly: bytes that are no UTF-8 as
-    {"buffer": HEX}, buffers and files as {"file": HEX}."""
+    """A decoded value as JSON: bytes as {"buffer": HEX}, buffers and files as {"file": HEX}."""
     if isinstance(value, dict):
         return {k: to_json(v) for k, v in value.items()}
     if isinstance(value, list):
@@ -51,19 +50,14 @@ def listen_unix(path):
     os.makedirs(os.path.dirname(path) or ".", exist_ok=True)
     if os.path.exists(path):
         os.unlink(path)
-    server = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    server.bind(path)
-    server.listen(16)
-    return server
+    return socket.create_server(path, family=socket.AF_UNIX, backlog=16)
 
 
 def exit_on_signals(socket_path):
     """SIGTERM and SIGINT remove `socket_path` ("" = none) and end the process."""
     def stop(_signo, _frame):
-        try:
+        with contextlib.suppress(OSError):  # none, or gone
             os.unlink(socket_path)
-        except OSError:  # none, or gone
-            pass
         os._exit(0)
 
     signal.signal(signal.SIGTERM, stop)

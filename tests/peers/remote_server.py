@@ -1,31 +1,22 @@
 #!/usr/bin/env python3
 """A simulated remote storage server for tests and the sandbox.
 
-Per request: an 8-byte header (magic 0x25521814, version 70, command,
-payload length; big-endian), then one request map, recorded and answered by
-a script.  Commands 25 query_server_info, 17 query_user_info, 22
-encrypt_channel (answered, then TLS with --cert/--key; without them or on
---unix the connection closes), any other N is "cmd<N>".  A header with
-another magic or version is recorded as {"bad_header": HEX}, then closed.
+Per request: an 8-byte header (magic 0x25521814, version 70, command, payload
+length; big-endian), then one request map. Commands 25 query_server_info, 17
+query_user_info, 22 encrypt_channel (then TLS with --cert/--key, not on --unix),
+any other N "cmd<N>".
 
-Script (JSON, read again for every request):
-
+Script (--script FILE, read again for every request):
     {"replies": {"query_user_info": {"uid": 1026}, "*": {}},
-     "keep_alive": {"query_user_info": 2},
-     "close_after_header": ["query_server_info"]}
+     "keep_alive": {"query_user_info": 2}, "close_after_header": ["query_server_info"]}
+replies: an action's reply ("*" for any other; else {}), {"$binary": TEXT} sent as a
+binary; keep_alive: that many {"type": "keep_alive"} first; close_after_header: no
+reply, the server ends its side after the header.
 
-"replies": an action's reply ("*" for any other; else {}); {"$binary": TEXT}
-in it is sent as a binary holding TEXT.  "keep_alive": that many
-{"type": "keep_alive"} replies first.  "close_after_header": no reply, the
-server ends its side after the header and drains the rest.
-
-Record (--record): one JSON line per request, {"command": 25, "tls": true,
-"unix": false, "request": {...}}; {"bad_request": TEXT} for a request that
-cannot be decoded, {"tls_error": TEXT} for a failed switch.
-
-Listens on TCP --host and --port (0: a free one, written to --ready FILE),
-and on the UNIX socket --unix PATH when given.  Standard library only; the
-wire codec is tests/peers/pstream.py.
+Record (--record FILE): a JSON line per request, {"command": 25, "tls": true, "unix":
+false, "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
+Listens on 127.0.0.1 at TCP --port (0: a free one, written to --ready FILE) and
+on the UNIX socket --unix PATH when given. The wire codec is pstream.py.
 """
 
 import argparse
@@ -49,13 +40,11 @@ COMMANDS = {22: "encrypt_channel", 25: "query_server_info", 17: "query_user_info
 
 def from_json(value):
     """A scripted reply as a wire value ({"$binary": TEXT} as a file)."""
+    if isinstance(value, dict) and list(value) == ["$binary"]:
+        return pstream.Binary(value["$binary"].encode("utf-8"))
     if isinstance(value, dict):
-        if list(value) == ["$binary"]:
-            return pstream.Binary(value["$binary"].encode("utf-8"))
         return {k: from_json(v) for k, v in value.items()}
-    if isinstance(value, list):
-        return [from_json(v) for v in value]
-    return value
+    return [from_json(v) for v in value] if isinstance(value, list) else value
 
 
 def serve_one(conn, args, is_unix):
@@ -77,8 +66,7 @@ def serve_one(conn, args, is_unix):
             action = COMMANDS.get(command, "cmd%d" % command)
             script = load_script(args.script, "remote_server")
             if action in script.get("close_after_header", []):
-                # End our side at once but take in what the client still
-                # sends, so its request never meets a reset connection.
+                # Take in what the client still sends: no reset meets its request.
                 conn.shutdown(socket.SHUT_WR)
                 while conn.recv(65536):
                     pass
@@ -117,23 +105,15 @@ def accept_loop(server, args, is_unix):
 
 def main():
     p = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    p.add_argument("--host", default="127.0.0.1")
     p.add_argument("--port", type=int, default=6690)
-    p.add_argument("--unix", default="")
-    p.add_argument("--cert", default="")
-    p.add_argument("--key", default="")
-    p.add_argument("--script", default="")
-    p.add_argument("--record", default="")
-    p.add_argument("--ready", default="", help="file written once listening: the TCP port")
+    for name in ("unix", "cert", "key", "script", "record", "ready"):
+        p.add_argument("--" + name, default="")
     args = p.parse_args()
     args.tls = None
     if args.cert:
         args.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         args.tls.load_cert_chain(args.cert, args.key)
-    tcp = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-    tcp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    tcp.bind((args.host, args.port))
-    tcp.listen(16)
+    tcp = socket.create_server(("127.0.0.1", args.port), backlog=16)
     if args.unix:
         unix = listen_unix(args.unix)
         threading.Thread(target=accept_loop, args=(unix, args, True), daemon=True).start()
