@@ -54,7 +54,8 @@ class WorkersTest(unittest.TestCase):
         box.sql(CONNECTION % ("127.0.0.1", self.server_port, 0, 0) +
                 "INSERT INTO session_table (id, conn_id, view_id, share_name, remote_path,"
                 " is_daemon_enable, status, error) VALUES (1, 1, 100, 'team', '/', 1, 0, 0),"
-                " (2, 1, 200, 'vault', '/', 1, 3, -8), (3, 1, 300, 'gone', '/', 1, 0, 0);")
+                " (2, 1, 200, 'vault', '/', 1, 3, -8), (3, 1, 300, 'gone', '/', 1, 0, 0);"
+                "UPDATE session_table SET is_read_only = 1 WHERE id = 2;")
         box.script("remote_server", {"replies": {"query_user_info": {"uid": 1026, "view_list": [
             {"view_id": 100, "node_id": 0, "name": "photo", "privilege": "read-only",
              "version": 2},
@@ -83,6 +84,7 @@ class WorkersTest(unittest.TestCase):
         self.assertIn({"action": "resume", "session_id": 2}, box.requests("sync_daemon"))
         self.assertEqual("1026", box.sql("SELECT user_uid FROM connection_table;"))
         self.assertEqual("100|100|photo|1|0\n200|7|vault|2|1", box.sql(views))
+        self.assertEqual([], [line for line in box.log_text().splitlines() if "[ERROR]" in line])
 
         # An unchanged list rewrites no row.
         box.sql("UPDATE server_view_table SET name = 'kept' WHERE view_id = 100;")
