@@ -36,9 +36,10 @@ class WorkersTest(unittest.TestCase):
         box.sql(CONNECTION % ("192.0.2.10", 6690, 1, -1))
         self.report(status="disconnected")
         self.assertTrue(mst.wait_for(lambda: "Connection #1 has been added" in box.log_text()))
-        self.report(server_ip="192.0.2.99", server_port=6691)
+        self.report(server_ip="192.0.2.99", server_port=6691, connection_mode=17)
         self.assertTrue(mst.wait_for(lambda: box.sql(row) == "0|0|192.0.2.99:6691", limit=10),
                         box.sql(row))
+        self.assertEqual("17|1", box.sql("SELECT conn_mode, use_proxy FROM connection_table;"))
 
         # Another server behind the address: paused with -5, notified once.
         self.report(server_ip="192.0.2.99", server_port=6691, nx_id="OTHER")
