@@ -251,6 +251,7 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   s.sync_folder = "/volume1/a";
   s.share_name = "it's";
   s.conflict_policy = "rename";
+  s.q9_share_id = "q9";
   s.is_read_only = s.is_daemon_enable = s.ignore_local_remove = s.rename_conflict = true;
   s.with_q9share = s.is_encryption = s.is_mounted = s.sync_temp_file = true;
   s.use_windows_cloud_file_api = s.is_shared_with_me = true;
@@ -324,7 +325,7 @@ TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
   uint64_t first = AddConnection("NX1", 0);
   uint64_t second = AddConnection("NX1", 1);
   Sql("UPDATE connection_table SET hopgate_mode = 'relay', linked = 1, status = 2, error = -3, "
-      "username = 'bob', user_uid = 1026 WHERE id = " + std::to_string(second));
+      "username = 'bob', user_uid = 1026, user_gid = 100 WHERE id = " + std::to_string(second));
 
   ConnectionEntry e = SampleConnection();
   ASSERT_EQ(0, SystemDB::updateConnectionEntry(&e, e.proxy, e.tunnel));
@@ -342,6 +343,7 @@ TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
   want.status = 2;
   want.error = -3;
   want.user_uid = 1026;
+  want.user_gid = 100;
   EXPECT_EQ(want, got);  // resolved_address too: reset to ""
   EXPECT_EQ("1|1|1|0|1|1",
             Sql("SELECT use_ssl, ssl_allow_untrust, use_proxy, use_system_proxy, use_tunnel, "
