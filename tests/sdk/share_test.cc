@@ -178,6 +178,7 @@ TEST(PrivilegeTest, EveryRuleOfThePrivilegeAndGroups) {
       {"d770", "", a.alice, kRW, true},
       {"d770", "", a.owner, kRW, true},
       {"d750", "", a.alice, kRO, true},
+      {"d770", "", a.owner, kRW, true},
       {"d770", "", a.bob, kNone, true},
       {"d770", "forbidden=yes\n", a.owner, kNone, true},
       {"d770", "", "vt-no-such-user", kNone, true},
