@@ -7,6 +7,7 @@
 #include <future>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "db/system-db.h"
@@ -203,6 +204,23 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
   // An empty report drops every connection and its cached views.
   EXPECT_EQ(0, d.UpdateStatusFrom(PObject()));
   EXPECT_TRUE(d.connection_status_list.empty() && d.server_view_cache.empty());
+}
+
+// A connection the daemon reports ahead of a known one joins the listing
+// schedule at once, like one reported after it.
+TEST_F(WorkerTest, ConnectionAddedAheadOfAKnownOneIsScheduled) {
+  Sql(std::string(kConnectionRow) +
+      "INSERT INTO connection_table (id, conn_mode, package_version, "
+      "protocol_version, status) VALUES (5, 1, 10000, 70, 0);");
+  WatchedMonitor d;
+  d.connection_status_list = {{5, 0, 0, 0}};
+  PObject report = DaemonStatus("connected");
+  PObject five = report["connection_list"].AsArray()[0];
+  five["connection_id"] = 5;
+  report["connection_list"].MutableArray().push_back(five);
+  EXPECT_EQ(0, d.UpdateStatusFrom(report));
+  // Both scheduled (-1 would be unknown), neither listed yet.
+  EXPECT_EQ(std::make_pair(0, 0), std::make_pair(LastListed(&d, 1), LastListed(&d, 5)));
 }
 
 TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
