@@ -364,6 +364,8 @@ TEST_F(ShareAttributesTest, PlatformCallsFailWithTheirCode) {
   } kCalls[] = {
       {[&] { return ZEPHShareGet("p", nullptr); }, KLIB_ERR_BAD_PARAMETER},
       {[&] { return ZEPHShareGet("../p", &raw); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareGet(".", &raw); }, KLIB_ERR_BAD_PARAMETER},
+      {[&] { return ZEPHShareGet("..", &raw); }, KLIB_ERR_BAD_PARAMETER},
       {[&] { return ZEPHShareGet("absent", &raw); }, KLIB_ERR_NO_SUCH_SHARE},
       {[&] { return ZEPHShareGet("broken", &raw); }, KLIB_ERR_FILE},
       {[&] { return ZEPHShareGet("relative", &raw); }, KLIB_ERR_BAD_VALUE},
