@@ -359,7 +359,8 @@ def mutate_file(path, args, listed):
         if c and c[1].strip() == entry[3]:
             recheck[c] = entry
         else:
-            stale.append((entry, "the line no longer holds this text" if c else "no such mutant on the line"))
+            why = "the line no longer holds this text" if c else "that line has no such change: it moved or changed"
+            stale.append((entry, why))
     todo = sorted(set(chosen) | set(recheck))
     print("%s: %d mutants of %d points picked by seeds %s, %d listed as equivalent" % (
         path, len(chosen), len(found), ",".join(args.seeds), len(recheck)), flush=True)
@@ -390,11 +391,12 @@ def mutate_file(path, args, listed):
             else:  # only a survivor that an entry names exactly is excused
                 verdict = "equivalent" if c in recheck else "survived"
             verdicts[c] = verdict
+            note = "" if c in chosen else ", not picked"
             if c in recheck and verdict != "equivalent":
                 stale.append((recheck[c], "its mutant is now " + verdict))
+                note += ", listed as equivalent: stale"
             print("  [%d/%d] %s:%d %s -> %s: %s%s (%.0f s)" % (
-                i, len(todo), path, no, line.strip(), what, verdict,
-                "" if c in chosen else ", listed, not picked", time.monotonic() - t), flush=True)
+                i, len(todo), path, no, line.strip(), what, verdict, note, time.monotonic() - t), flush=True)
     finally:
         with open(full, "w") as f:
             f.write(original)
