@@ -263,7 +263,8 @@ def check_jail(build):
         if os.path.exists(f):
             os.remove(f)
     if broken:
-        sys.exit("the namespace does not isolate (a jailed command %s); no mutant is run" % ", ".join(broken))
+        sys.exit("the namespace does not isolate (a jailed command %s); no mutant is run"
+                 % ", ".join(broken))
 
 
 def run(cmd, log, timeout=None):
@@ -312,17 +313,15 @@ class Area:
         """0 when the tests pass; a failing test gets a second run (flakes).
         The clean run goes on past failures and leaves out, from then on, the
         tests that fail without a mutant (e.g. those that add real accounts)."""
-        skip = ["-E", "^(%s)$" % "|".join(map(re.escape, self.skipped))] if self.skipped else []
-        rc = run(["ctest", "--test-dir", self.args.build, "-R", self.tests, "-j", str(self.args.jobs),
-                  "--no-tests=error", "--repeat", "until-pass:2"] + skip + ([] if clean else ["--stop-on-failure"]),
-                 self.log, timeout)
+        ctest = ["ctest", "--test-dir", self.args.build, "-R", self.tests, "--no-tests=error"]
+        skip = lambda: ["-E", "^(%s)$" % "|".join(map(re.escape, self.skipped))] if self.skipped else []
+        rc = run(ctest + skip() + ["-j", str(self.args.jobs), "--repeat", "until-pass:2"]
+                 + ([] if clean else ["--stop-on-failure"]), self.log, timeout)
         failed = os.path.join(self.args.build, "Testing", "Temporary", "LastTestsFailed.log")
         if clean and rc != 0 and os.path.exists(failed):
             with open(failed) as f:  # lines "number:name"
                 self.skipped = [line.strip().split(":", 1)[1] for line in f if ":" in line]
-            # Measured, if any test is left to judge the mutants.
-            rc = run(["ctest", "--test-dir", self.args.build, "--show-only", "-R", self.tests, "--no-tests=error",
-                      "-E", "^(%s)$" % "|".join(map(re.escape, self.skipped))], self.log)
+            rc = run(ctest + skip() + ["--show-only"], self.log)  # fails when no test is left
         return rc
 
 
@@ -359,7 +358,8 @@ def mutate_file(path, args, listed):
         if c and c[1].strip() == entry[3]:
             recheck[c] = entry
         else:
-            why = "the line no longer holds this text" if c else "that line has no such change: it moved or changed"
+            why = ("the line no longer holds this text" if c else
+                   "no such change on the line: moved or changed")
             stale.append((entry, why))
     todo = sorted(set(chosen) | set(recheck))
     print("%s: %d mutants of %d points picked by seeds %s, %d listed as equivalent" % (
@@ -395,8 +395,8 @@ def mutate_file(path, args, listed):
             if c in recheck and verdict != "equivalent":
                 stale.append((recheck[c], "its mutant is now " + verdict))
                 note += ", listed as equivalent: stale"
-            print("  [%d/%d] %s:%d %s -> %s: %s%s (%.0f s)" % (
-                i, len(todo), path, no, line.strip(), what, verdict, note, time.monotonic() - t), flush=True)
+            print("  [%d/%d] %s:%d %s -> %s: %s%s (%.0f s)" % (i, len(todo), path, no, line.strip(), what,
+                  verdict, note, time.monotonic() - t), flush=True)
     finally:
         with open(full, "w") as f:
             f.write(original)
@@ -422,21 +422,24 @@ def table(results):
         verdicts = [v for r in rs for _, v in r["picked"]]
         n = {v: verdicts.count(v) for v in ("not built", "caught", "equivalent", "survived")}
         viable = len(verdicts) - n["not built"]
-        print(form % (name, len(verdicts), n["not built"], viable, n["caught"], n["equivalent"], n["survived"],
-                      "%.1f%%" % (100.0 * n["caught"] / max(viable, 1)),
+        print(form % (name, len(verdicts), n["not built"], viable, n["caught"], n["equivalent"],
+                      n["survived"], "%.1f%%" % (100.0 * n["caught"] / max(viable, 1)),
                       "%.1f%%" % (100.0 * n["caught"] / max(viable - n["equivalent"], 1)),
                       sum(len(r["stale"]) for r in rs)))
     for path, r in results:
         if r is None:
             print("%s: not measured" % path)
-    for title, lines in (
-            ("survived", ["%s:%d %s -> %s" % (p, c[0], c[1].strip(), c[3])
-                          for p, r in rows for c, v in r["picked"] if v == "survived"]),
-            ("equivalent, re-checked", ["%s:%d %s: %s" % (p, c[0], c[3], e[4])
-                                        for p, r in rows for c, e in r["equivalent"]]),
-            ("stale entries", ["%s:%d %s: %s" % (e[0], e[1], e[2], why) for _, r in rows for e, why in r["stale"]]),
-            ("tests left out: they fail without a mutant in the namespace",
-             ["%s: %s" % (p, " ".join(r["skipped"])) for p, r in rows if r["skipped"]])):
+    survived, equivalent, stale, left_out = [], [], [], []
+    for p, r in rows:
+        survived += ["%s:%d %s -> %s" % (p, c[0], c[1].strip(), c[3])
+                     for c, v in r["picked"] if v == "survived"]
+        without = " (judged without the tests left out)" if r["skipped"] else ""
+        equivalent += ["%s:%d %s: %s%s" % (p, c[0], c[3], e[4], without) for c, e in r["equivalent"]]
+        stale += ["%s:%d %s: %s" % (e[0], e[1], e[2], why) for e, why in r["stale"]]
+        left_out += ["%s: %s" % (p, " ".join(r["skipped"]))] if r["skipped"] else []
+    for title, lines in (("survived", survived), ("equivalent, re-checked", equivalent),
+                         ("stale entries", stale),
+                         ("tests left out: they fail without a mutant in the namespace", left_out)):
         if lines:
             print("\n%s (%d):" % (title, len(lines)))
             print("\n".join("  " + line for line in lines))
@@ -468,8 +471,8 @@ def main():
                 found = candidates(f.read())
             chosen, keys = picked(found, args), {e[1:3] for e in listed if e[0] == path}
             for c in found:
-                print("%s%s %s:%d %s -> %s" % ("*" if c in chosen else " ", "=" if (c[0], c[3]) in keys else " ",
-                                               path, c[0], c[1].strip(), c[3]))
+                marks = ("*" if c in chosen else " ") + ("=" if (c[0], c[3]) in keys else " ")
+                print("%s %s:%d %s -> %s" % (marks, path, c[0], c[1].strip(), c[3]))
         return
     # Outside the build dir, which the namespace may write; one run at a time.
     os.makedirs(args.backup, exist_ok=True)
@@ -487,7 +490,8 @@ def main():
     subprocess.run(["chown", "-R", "%d:%d" % (NS_ID, NS_ID), args.build], check=True)
     check_jail(args.build)
     # Warnings stay warnings: a mutant that leaves a variable unused is a mutant.
-    if run(["cmake", "-S", ROOT, "-B", args.build, "-DVESTA_WERROR=OFF"], os.path.join(args.build, "mutate.log")):
+    log = os.path.join(args.build, "mutate.log")
+    if run(["cmake", "-S", ROOT, "-B", args.build, "-DVESTA_WERROR=OFF"], log):
         sys.exit("cmake failed to configure %s (see its mutate.log)" % args.build)
     results = [(path, mutate_file(path, args, listed)) for path in args.files]
     print("\nseeds %s, at most %d mutants per file and seed" % (",".join(args.seeds), args.n))
