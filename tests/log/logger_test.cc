@@ -106,6 +106,15 @@ TEST_F(LoggerTest, RotatesExactlyWhenTheCounterPassesTheLimit) {
   EXPECT_EQ(static_cast<off_t>(kStampSize + 5), SizeOf(log));
 }
 
+// A log found past 2 GiB rotates at the first line like any log past the limit.
+TEST_F(LoggerTest, LogPastTwoGibRotatesAtTheFirstLine) {
+  const std::string log = dir_.File("big.log");
+  ASSERT_EQ(0, truncate(dir_.Write("big.log", "").c_str(), off_t{3} << 30));
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
+  Logger::Log(LOG_LEVEL_ERROR, "c", "z");
+  EXPECT_EQ((off_t{3} << 30) + kStampSize + 1, SizeOf(log + "_0"));
+}
+
 // Two processes forked after Init write one file through several
 // rotations; every line must survive exactly once and whole.
 TEST_F(LoggerTest, ProcessesSharingOneFileLoseAndTearNothing) {
