@@ -89,6 +89,7 @@ class Sandbox:
         self.log = os.path.join(self.volume, "@FernboxTandem/log/tarn_monitor.log")
         self.peers = []
         self.seen = {}
+        self.daemon_env = {}  # further environment of the daemon alone
 
     def write_conf(self):
         with open(self.conf, "w") as f:
@@ -102,7 +103,8 @@ class Sandbox:
 
     def start(self):
         """Runs the binary; it returns once it has detached."""
-        return subprocess.run(command(BINARY, self.conf), env=self.env(), timeout=20).returncode
+        return subprocess.run(command(BINARY, self.conf), env=dict(self.env(), **self.daemon_env),
+                              timeout=20).returncode
 
     def start_and_wait(self):
         """Starts the daemon, waits until it serves, returns its pid."""
