@@ -110,13 +110,18 @@ class WorkersTest(unittest.TestCase):
             self.assertEqual(before, box.sql(sessions), reply)
 
 
-@unittest.skipIf(mst.EMULATOR or not FAKETIME, "libfaketime of the host cannot enter an emulated"
-                 " daemon (the worker tests' clock stands in 2038 there), or is not installed")
+@unittest.skipIf(mst.EMULATOR, "the host's libfaketime cannot enter an emulated daemon; the"
+                 " worker unit tests' clock stands in 2038 there")
 class WorkersIn2038Test(WorkersTest):
     """The same scenarios with the daemon's clock started in June 2038, past
     the end of 32-bit time: connections are still followed, listed on
     schedule and listed at once on "refresh_session"."""
     daemon_env = {"LD_PRELOAD": ":".join(FAKETIME[:1]), "FAKETIME": "@2038-06-01 00:00:00"}
+
+    def setUp(self):
+        self.assertTrue(FAKETIME, "libfaketime is missing (Debian's faketime package)")
+        super().setUp()
+        self.assertTrue(self.box.log_text().startswith("2038-"), self.box.log_text()[:40])
 
 
 if __name__ == "__main__":
