@@ -8,7 +8,8 @@ CMAKE_FLAGS ?=
 PREFIX ?= /usr/local
 DESTDIR ?=
 
-.PHONY: setup build test run install bench fuzz check-sanitize clean
+.PHONY: setup build test run install bench fuzz check-sanitize clean \
+        setup-armhf build-armhf test-armhf deb
 
 setup:
 	@tools/setup.sh
@@ -31,6 +32,43 @@ install: setup
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build $(BUILD) -j $(JOBS) --target vesta-monitor vesta-monitorctl
 	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix $(PREFIX)
+
+# ARM hard-float: cross-built with cmake/arm-linux-gnueabihf.cmake against
+# Debian's armhf libraries unpacked into a sysroot under build-armhf/, and
+# run under qemu-user (tools/setup-armhf.sh installs what is missing).
+ARMHF_BUILD = build-armhf
+ARMHF_SYSROOT = $(CURDIR)/$(ARMHF_BUILD)/sysroot
+ARMHF_CMAKE = -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake \
+              -DVESTA_ARMHF_SYSROOT=$(ARMHF_SYSROOT)
+
+setup-armhf:
+	@tools/setup-armhf.sh $(ARMHF_SYSROOT)
+
+$(ARMHF_BUILD)/CMakeCache.txt:
+	cmake -S . -B $(ARMHF_BUILD) $(ARMHF_CMAKE) $(CMAKE_FLAGS)
+
+build-armhf: setup-armhf $(ARMHF_BUILD)/CMakeCache.txt
+	cmake --build $(ARMHF_BUILD) -j $(JOBS)
+
+# The whole suite but the fuzz targets, every program under the emulator.
+test-armhf: build-armhf
+	cd $(ARMHF_BUILD) && ctest --output-on-failure -j $(JOBS) -LE fuzz
+
+# vesta-monitor_<version>_<arch>.deb in the build folder: the host's
+# architecture, or ARM hard-float with ARCH=armhf (tools/make-deb.sh).  The
+# folder is configured with the prefix /usr, as `make install PREFIX=/usr`.
+ARCH ?= $(shell dpkg --print-architecture)
+ifeq ($(ARCH),armhf)
+deb: setup-armhf
+	cmake -S . -B $(ARMHF_BUILD) $(ARMHF_CMAKE) $(CMAKE_FLAGS) -DCMAKE_INSTALL_PREFIX=/usr
+	cmake --build $(ARMHF_BUILD) -j $(JOBS) --target vesta-monitor vesta-monitorctl
+	tools/make-deb.sh $(ARMHF_BUILD) armhf
+else
+deb: setup
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) -DCMAKE_INSTALL_PREFIX=/usr
+	cmake --build $(BUILD) -j $(JOBS) --target vesta-monitor vesta-monitorctl
+	tools/make-deb.sh $(BUILD) $(ARCH)
+endif
 
 bench: setup
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release

@@ -7,6 +7,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -257,7 +258,9 @@ int Logger::OpenFile() {
     fprintf(log_fp, "stat(%s): %s (%d)\n", config.path.c_str(), strerror(err), err);
     *log_size = 0;
   } else {
-    *log_size = static_cast<int32_t>(st.st_size);
+    // A file already past the limit rotates at the first line; the cap
+    // keeps one past 2 GiB from wrapping the 32-bit counter.
+    *log_size = static_cast<int32_t>(std::min<int64_t>(st.st_size, int64_t{kRotateSize} + 1));
   }
   return 0;
 }

@@ -174,12 +174,11 @@ void MonitorDaemon::ListShareThreadLoop() {
   }
 }
 
-bool MonitorDaemon::FindDueConnection(int32_t now, ListShareScheduleEntry* due) {
+bool MonitorDaemon::FindDueConnection(int64_t now, ListShareScheduleEntry* due) {
   MutexLock lock(&state_mutex);
   const int32_t period = list_share_period.load();
   for (const ListShareScheduleEntry& e : list_share_schedule) {
-    // 64-bit sum: last_listed + period must not wrap for a period near 2^31.
-    if (e.conn_status != 1 && static_cast<int64_t>(now) >= int64_t{e.last_listed} + period) {
+    if (e.conn_status != 1 && now >= e.last_listed + period) {
       *due = e;
       return true;
     }
@@ -195,7 +194,7 @@ void MonitorDaemon::UpdateListShareConnections() {
     return;
   }
   MutexLock lock(&state_mutex);
-  std::map<uint64_t, int32_t> last_listed;
+  std::map<uint64_t, int64_t> last_listed;
   for (const ListShareScheduleEntry& e : list_share_schedule) last_listed[e.conn_id] = e.last_listed;
   std::list<ListShareScheduleEntry> schedule;
   for (const ConnectionEntry& c : connections) {
@@ -281,7 +280,7 @@ void MonitorDaemon::EraseServerViews(uint64_t conn_id) {
   server_view_cache.erase(conn_id);
 }
 
-void MonitorDaemon::MarkListed(uint64_t conn_id, int32_t now) {
+void MonitorDaemon::MarkListed(uint64_t conn_id, int64_t now) {
   MutexLock lock(&state_mutex);
   for (ListShareScheduleEntry& e : list_share_schedule) {
     if (e.conn_id == conn_id) {

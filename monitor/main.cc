@@ -12,6 +12,9 @@ int main(int argc, char** argv) {
   MonitorDaemon daemon;
   if (argc > 1) daemon.LoadConfig(argv[1]);
   signal(SIGPIPE, IgnorePipe);
+  // A write past the file-size limit (RLIMIT_FSIZE) fails with EFBIG, which
+  // the file transfers report, instead of ending the daemon.
+  signal(SIGXFSZ, SIG_IGN);
   daemon.Run();
   return 0;
 }

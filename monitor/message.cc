@@ -9,7 +9,6 @@
 
 using monitor::kComponent;
 using monitor::MutexLock;
-using monitor::Now;
 using monitor::kDisconnectedThreshold;
 using monitor::kFastListSharePeriod;
 
@@ -89,7 +88,7 @@ int MonitorDaemon::EnableFastMonitor(const PObject& /*request*/, PObject* /*repl
   LOG_DEBUG(kComponent, "Enable fast monitor");
   list_share_period.store(kFastListSharePeriod);
   disconnected_time_threadhold.store(kDisconnectedThreshold);
-  fast_monitor_since.store(Now());
+  fast_monitor_since.store(CurrentTime());
   return 0;
 }
 

@@ -25,7 +25,8 @@ constexpr int32_t kDisconnectedThreshold = 30;
 inline unsigned long long LogId(uint64_t id) { return static_cast<unsigned long long>(id); }
 
 // Seconds since the epoch, as the schedule and the status list keep them.
-inline int32_t Now() { return static_cast<int32_t>(time(nullptr)); }
+static_assert(sizeof(time_t) == 8, "time_t must be 64-bit (_TIME_BITS=64 on 32-bit targets)");
+inline int64_t Now() { return time(nullptr); }
 
 // Holds a pthread mutex for one scope.
 class MutexLock {

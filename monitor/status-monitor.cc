@@ -104,14 +104,14 @@ void MonitorDaemon::StatusThreadLoop() {
   }
 }
 
-void MonitorDaemon::EndFastMonitorIfDue(int32_t now) {
+void MonitorDaemon::EndFastMonitorIfDue(int64_t now) {
   if (now <= fast_monitor_since.load() + kFastMonitorSeconds) return;
   fast_monitor_since.store(0);
   list_share_period.store(kListSharePeriod);
   disconnected_time_threadhold.store(kDisconnectedThreshold);
 }
 
-int32_t MonitorDaemon::CurrentTime() const { return monitor::Now(); }
+int64_t MonitorDaemon::CurrentTime() const { return monitor::Now(); }
 
 int MonitorDaemon::UpdateStatus() {
   PObject status;
@@ -282,15 +282,15 @@ int MonitorDaemon::CheckConnectionInfo(const ConnectionEntry& stored, Connection
 // connected again, with status and error cleared, when the daemon says so.
 int MonitorDaemon::TransitStatus(int old_status, int new_status, const ConnectionEntry& reported,
                                  ConnectionStatusEntry* entry) {
-  const int32_t now = CurrentTime();
+  const int64_t now = CurrentTime();
   if (new_status == kDaemonLost) {
     if (entry->disconnected_since == 0) {
       LOG_INFO(kComponent, "Switch connection %llu (%s) to connecting status", LogId(reported.id),
                reported.server_name.c_str());
       entry->disconnected_since = now;
       entry->monitor_state = kStateConnecting;
-    } else if (static_cast<uint32_t>(now - entry->disconnected_since) <
-               static_cast<uint32_t>(disconnected_time_threadhold.load())) {
+    } else if (static_cast<uint64_t>(now - entry->disconnected_since) <
+               static_cast<uint64_t>(int64_t{disconnected_time_threadhold.load()})) {
       entry->monitor_state = kStateConnecting;
     } else {
       if (reported.error == 0) {

@@ -13,6 +13,9 @@
 // schedule (and update_status_period when the status thread reads it); it is
 // always taken before view_cache_mutex, which guards the server-view cache.
 // The periods, the threshold and fast_monitor_since are plain words.
+//
+// Times are 64-bit seconds since the epoch on every target, so that the
+// schedule and the status list keep working after January 2038.
 #ifndef VESTA_MONITOR_VESTA_MONITOR_H_
 #define VESTA_MONITOR_VESTA_MONITOR_H_
 
@@ -39,7 +42,7 @@ class Notifier;
 // The sync daemon's last reported view of one connection.
 struct ConnectionStatusEntry {
   uint64_t conn_id = 0;
-  int32_t disconnected_since = 0;  // seconds since the epoch; 0 = not counting
+  int64_t disconnected_since = 0;  // seconds since the epoch; 0 = not counting
   int32_t monitor_state = 0;       // 0 connected, 1 connecting, 2 disconnected
   int32_t daemon_status = 0;       // 0 "connected", else 2
 };
@@ -47,7 +50,7 @@ struct ConnectionStatusEntry {
 // When one connection's shared folders are next listed.
 struct ListShareScheduleEntry {
   uint64_t conn_id = 0;
-  int32_t last_listed = 0;  // seconds since the epoch; 0 = as soon as possible
+  int64_t last_listed = 0;  // seconds since the epoch; 0 = as soon as possible
   int32_t conn_status = 0;  // status column when the schedule was built; 1 = do not list
 };
 
@@ -135,11 +138,11 @@ class MonitorDaemon : public Daemon {
   void EraseServerViews(uint64_t conn_id);
   // The first schedule entry that may be listed and is due at `now`;
   // false when none is.  Takes state_mutex.
-  bool FindDueConnection(int32_t now, ListShareScheduleEntry* due);
+  bool FindDueConnection(int64_t now, ListShareScheduleEntry* due);
 
   // Seconds since the epoch, as the workers read the clock.  Virtual so that
   // tests can step over the thresholds without waiting for them.
-  virtual int32_t CurrentTime() const;
+  virtual int64_t CurrentTime() const;
 
   // Bodies of the two workers; `arg` is the MonitorDaemon.
   static void* StatusThreadMain(void* arg);
@@ -153,7 +156,7 @@ class MonitorDaemon : public Daemon {
   std::atomic<int32_t> list_share_period{300};            // seconds
   std::atomic<int32_t> disconnected_time_threadhold{30};  // seconds
   std::atomic<int32_t> update_status_period{5};           // seconds
-  std::atomic<int32_t> fast_monitor_since{0};             // epoch seconds; 0 = off
+  std::atomic<int64_t> fast_monitor_since{0};             // epoch seconds; 0 = off
 
   pthread_mutex_t state_mutex;
   pthread_mutex_t view_cache_mutex;
@@ -183,8 +186,8 @@ class MonitorDaemon : public Daemon {
   void StatusThreadLoop();
   void ListShareThreadLoop();
   // Ends fast monitoring once it has lasted 30 s (also when it is off).
-  void EndFastMonitorIfDue(int32_t now);
-  void MarkListed(uint64_t conn_id, int32_t now);
+  void EndFastMonitorIfDue(int64_t now);
+  void MarkListed(uint64_t conn_id, int64_t now);
   // Stores `views` for `conn_id` unless the cache holds an equal list; true
   // when it stored them.  Takes view_cache_mutex.
   bool CacheServerViews(uint64_t conn_id, const std::vector<ServerViewEntry>& views);

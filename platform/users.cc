@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "log/log.h"
+#include "platform/dir_reader.h"
 #include "platform/fixed_path.h"
 #include "platform/flags.h"
 #include "platform/holders.h"
@@ -88,10 +89,6 @@ std::string GroupNameOf(gid_t gid) {
   return entry.gr_name;
 }
 
-struct DirClose {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
 // Finds `user` in an "acl_mask" list ("alice:0x1fff,bob:0x75").
 bool MaskInList(const std::string& list, const std::string& user, uint32_t* mask) {
   size_t begin = 0;
@@ -116,13 +113,19 @@ bool MaskInList(const std::string& list, const std::string& user, uint32_t* mask
   return false;
 }
 
-// A mask named for `user` by a share whose path or encryption path is `path`.
-bool ExplicitMask(const std::string& path, const std::string& user, uint32_t* mask) {
-  std::unique_ptr<DIR, DirClose> dir(opendir(FixedPath(kSharesDir).c_str()));
-  if (!dir) return false;
+// A mask named for `user` by a share whose path or encryption path is
+// `path`: 1 and the mask, 0 when no share names one, -1 when the shares
+// could not all be read, since a mask left unread would let the folder's
+// own mode bits grant more than the mask allows.
+int ExplicitMask(const std::string& path, const std::string& user, uint32_t* mask) {
+  const std::string shares_dir = FixedPath(kSharesDir);
+  DirReader dir(opendir(shares_dir.c_str()));
+  if (!dir.valid() && errno == ENOENT) return 0;  // no shared folders at all
   static const std::string kSuffix = ".conf";
-  while (struct dirent* e = readdir(dir.get())) {
-    std::string file = e->d_name;
+  const char* name = nullptr;
+  int listed = -1;
+  while (dir.valid() && (listed = dir.Next(&name)) == 1) {
+    std::string file = name;
     if (file.size() <= kSuffix.size() ||
         file.compare(file.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) {
       continue;
@@ -136,9 +139,14 @@ bool ExplicitMask(const std::string& path, const std::string& user, uint32_t* ma
         (KLIBShareEncryptPathGet(share.get(), enc_path, sizeof(enc_path)) != 0 || path != enc_path)) {
       continue;
     }
-    if (MaskInList(KlibValueOf(share->keys, "acl_mask"), user, mask)) return true;
+    if (MaskInList(KlibValueOf(share->keys, "acl_mask"), user, mask)) return 1;
   }
-  return false;
+  if (listed < 0) {
+    const int err = errno;
+    LOG_ERROR("platform", "cannot list the shared folders in '%s': %s (%d)", shares_dir.c_str(),
+              std::strerror(err), err);
+  }
+  return listed;
 }
 
 uint32_t MaskOfModeBits(mode_t rwx) {
@@ -192,7 +200,11 @@ int ZEPHACLPermCalc(const char* path, const char* user, uint32_t* mask) {
     KLIB_SET_ERR(KLIB_ERR_SYSTEM);
     return -1;
   }
-  if (ExplicitMask(path, user, mask)) return 0;
+  const int named = ExplicitMask(path, user, mask);
+  if (named != 0) {
+    if (named < 0) KLIB_SET_ERR(KLIB_ERR_SYSTEM);
+    return named < 0 ? -1 : 0;
+  }
   if (st.st_uid == u.uid) {
     *mask = ZEPH_ACL_FULL;
     return 0;

@@ -29,7 +29,9 @@ struct PObjectMember {
   PObject second;
 };
 
-class PObjectMap {
+// Aligned as a member, so that New's members may follow the map in its block
+// on every ABI (on 32-bit ARM the map alone is 20 bytes).
+class alignas(PObjectMember) PObjectMap {
  public:
   using key_type = PObjectKey;
   using mapped_type = PObject;

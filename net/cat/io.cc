@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 
 namespace cat {
 
@@ -34,7 +35,14 @@ std::unique_ptr<IOBase> File::Clone() const {
   return std::make_unique<File>(fd_);
 }
 
+// A 32-bit off_t would cut an offset past 4 GiB down to its low bits.
+static_assert(sizeof(off_t) == 8, "off_t must be 64-bit (_FILE_OFFSET_BITS=64 on 32-bit targets)");
+
 int File::Seek(uint64_t offset) {
+  if (offset > static_cast<uint64_t>(INT64_MAX)) {
+    errno = EOVERFLOW;
+    return -1;
+  }
   return ::lseek(fd_, static_cast<off_t>(offset), SEEK_SET) < 0 ? -1 : 0;
 }
 

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "log/log.h"
+#include "platform/dir_reader.h"
 #include "platform/normalize_path.h"
 
 namespace {
@@ -186,28 +187,25 @@ int FillProperty(const std::string& path, const std::string& table, const FsProb
 
 // ---- removal ----
 
-struct DirClose {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
 int RemoveAt(int parent_fd, const char* name);
 
 // Removes every entry of the directory open at `dir_fd`, which the walk
 // takes over and closes.  Subdirectories are entered by descriptor, never
 // by a path, so a directory swapped for a symbolic link behind the walk's
-// back cannot lead it out of the tree.
+// back cannot lead it out of the tree.  A listing that fails is a failure.
 int RemoveEntries(int dir_fd) {
-  std::unique_ptr<DIR, DirClose> dir(fdopendir(dir_fd));
-  if (!dir) {
+  DirReader dir(fdopendir(dir_fd));
+  if (!dir.valid()) {
     close(dir_fd);
     return -1;
   }
   int result = 0;
-  while (struct dirent* e = readdir(dir.get())) {
-    if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-    if (RemoveAt(dirfd(dir.get()), e->d_name) != 0) result = -1;
+  const char* name = nullptr;
+  int listed;
+  while ((listed = dir.Next(&name)) == 1) {
+    if (RemoveAt(dir.fd(), name) != 0) result = -1;
   }
-  return result;
+  return listed < 0 ? -1 : result;
 }
 
 // Removes `name` of the directory `parent_fd` (AT_FDCWD for a path): a

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <regex>
 #include <set>
@@ -104,6 +106,15 @@ TEST_F(LoggerTest, RotatesExactlyWhenTheCounterPassesTheLimit) {
   EXPECT_EQ(static_cast<off_t>(kStampSize + 5), SizeOf(log));
 }
 
+// A log found past 2 GiB rotates at the first line like any log past the limit.
+TEST_F(LoggerTest, LogPastTwoGibRotatesAtTheFirstLine) {
+  const std::string log = dir_.File("big.log");
+  ASSERT_EQ(0, truncate(dir_.Write("big.log", "").c_str(), off_t{3} << 30));
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
+  Logger::Log(LOG_LEVEL_ERROR, "c", "z");
+  EXPECT_EQ((off_t{3} << 30) + kStampSize + 1, SizeOf(log + "_0"));
+}
+
 // Two processes forked after Init write one file through several
 // rotations; every line must survive exactly once and whole.
 TEST_F(LoggerTest, ProcessesSharingOneFileLoseAndTearNothing) {
@@ -188,18 +199,26 @@ TEST_F(LoggerTest, StandardOutputOutlivesTheAsyncBuffer) {
       << ReadFile(out);
 }
 
-// Whether thread `tid` of this process waits in flock now, and how many
-// times it has gone to sleep so far.
+// Whether a flock on the file `lock` waits now (a blocked request, "->" in
+// /proc/locks), and how many times thread `tid` of this process has gone to
+// sleep so far.  Neither reads a syscall number, which under an emulator is
+// the host's.
 struct TaskState {
   bool in_flock;
-  long sleeps;
+  int64_t sleeps;
 };
-TaskState StateOf(pid_t tid) {
-  const std::string task = "/proc/self/task/" + std::to_string(tid) + "/";
-  const std::string call = ReadFile(task + "syscall"), status = ReadFile(task + "status");
+TaskState StateOf(pid_t tid, const std::string& lock) {
+  struct stat st = {};
+  stat(lock.c_str(), &st);
+  const std::string inode = ":" + std::to_string(st.st_ino) + " ";
+  std::istringstream locks(ReadFile("/proc/locks"));
+  bool waiting = false;
+  for (std::string line; std::getline(locks, line);) {
+    waiting |= line.find("-> FLOCK") != std::string::npos && line.find(inode) != std::string::npos;
+  }
+  const std::string status = ReadFile("/proc/self/task/" + std::to_string(tid) + "/status");
   const size_t at = status.find("\nvoluntary_ctxt_switches:");
-  return {call.compare(0, call.find(' '), std::to_string(SYS_flock)) == 0,
-          at == std::string::npos ? -1 : atol(status.c_str() + at + 25)};
+  return {waiting, at == std::string::npos ? -1 : atoll(status.c_str() + at + 25)};
 }
 
 // A signal that ends the wait for another process's lock (the daemon's
@@ -219,12 +238,12 @@ TEST_F(LoggerTest, SignalDuringTheLockWaitKeepsWaiting) {
     Logger::Log(LOG_LEVEL_ERROR, "c", "written\n");
     returned = true;
   });
-  EXPECT_TRUE(WaitFor([&] { return StateOf(tid).in_flock; }));
-  const long sleeps = StateOf(tid).sleeps;
+  EXPECT_TRUE(WaitFor([&] { return StateOf(tid, log + ".lock").in_flock; }));
+  const int64_t sleeps = StateOf(tid, log + ".lock").sleeps;
   pthread_kill(writer.native_handle(), SIGUSR2);
   // Woken by the signal, the writer either writes at once or waits again.
   EXPECT_TRUE(WaitFor([&] {
-    const TaskState now = StateOf(tid);
+    const TaskState now = StateOf(tid, log + ".lock");
     return returned || (now.in_flock && now.sleeps > sleeps);
   }));
   EXPECT_FALSE(returned);

@@ -20,9 +20,12 @@
 
 namespace {
 
-int32_t LastListed(MonitorDaemon* d, uint64_t conn_id) {
+// 2038-06-01T00:00:00Z, past the end of 32-bit time: the workers' clock.
+constexpr int64_t kJune2038 = 2158963200;
+
+int64_t LastListed(MonitorDaemon* d, uint64_t conn_id) {
   pthread_mutex_lock(&d->state_mutex);
-  int32_t value = -1;
+  int64_t value = -1;
   for (const ListShareScheduleEntry& e : d->list_share_schedule) {
     if (e.conn_id == conn_id) value = e.last_listed;
   }
@@ -58,12 +61,12 @@ class WatchedMonitor : public MonitorDaemon {
     errors.push_back(code * 10 + (previous != nullptr));
     return 0;
   }
-  int32_t CurrentTime() const override {
+  int64_t CurrentTime() const override {
     ++clock_reads;
     return now;
   }
 
-  std::atomic<int32_t> now{1000};
+  std::atomic<int64_t> now{kJune2038};
   mutable std::atomic<int> clock_reads{0};
   std::vector<int> errors;  // code * 10 + 1 when the previous record was given
 };
@@ -88,32 +91,32 @@ PObject DaemonStatus(const std::string& status, const char* key = "", const PObj
 TEST_F(WorkerTest, ListsDueConnectionsAndStopsOnSigterm) {
   Sql("INSERT INTO connection_table (id, session, status) VALUES (4, 's', 0);"
       "INSERT INTO connection_table (id, session, status) VALUES (5, 's', 1);");
-  MonitorDaemon d;
+  WatchedMonitor d;  // the clock stands in June 2038
   d.update_status_period = 30;
   ASSERT_EQ(0, d.StartWorkerThreads());
   EXPECT_TRUE(d.status_thread_running && d.list_share_thread_running);
   // Right after start every listable connection is due; status 1 never is.
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) > 0; }));
+  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) == kJune2038; }));
   EXPECT_EQ(0, LastListed(&d, 5));
   // A second start leaves the running workers alone.
   EXPECT_EQ(0, d.StartWorkerThreads());
 
-  // "refresh_session" makes a listed connection due again at once; the
-  // period is long, so only the refresh can explain a new listing.
+  // Listed again once the period has passed; "refresh_session" makes a
+  // listed connection due at once, which alone explains the last listing.
   d.list_share_period = 3600;
-  pthread_mutex_lock(&d.state_mutex);
-  d.list_share_schedule.front().last_listed = 1;
-  pthread_mutex_unlock(&d.state_mutex);
+  d.now = kJune2038 + 3600;
+  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) == d.now; }));
+  d.now += 1;
   PObject refresh, reply;
   refresh["action"] = "refresh_session";
   refresh["conn_id"] = 4;
   EXPECT_EQ(0, d.Dispatch(refresh, &reply));
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) > 1; }));
+  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) == d.now; }));
   EXPECT_TRUE(reply.IsNull());
 
   // An id that is not scheduled rebuilds the schedule from the database,
   // keeping the last-listed time of the connections that stay.
-  const int32_t listed = LastListed(&d, 4);
+  const int64_t listed = LastListed(&d, 4);
   Sql("INSERT INTO connection_table (id, session, status) VALUES (6, 's', 0);");
   refresh["conn_id"] = 6;
   d.Dispatch(refresh, &reply);
@@ -152,19 +155,18 @@ TEST_F(WorkerTest, FastMonitorEndsAfterThirtySeconds) {
   d.Dispatch(request, &reply);
   EXPECT_EQ(10, d.list_share_period.load());
   EXPECT_EQ(30, d.disconnected_time_threadhold.load());
-  EXPECT_GE(d.fast_monitor_since.load(), static_cast<int32_t>(time(nullptr)) - 1);
+  EXPECT_EQ(kJune2038, d.fast_monitor_since.load());
 
   // Status passes back to back on the test's clock, read once per pass (no
   // sync daemon answers): on for 30 s, off one second later.
-  d.fast_monitor_since = 1000;
-  d.now = 1030;
+  d.now = kJune2038 + 30;
   d.disconnected_time_threadhold = 9;
   d.update_status_period = 0;
   d.status_thread_running = true;
   std::thread status(&MonitorDaemon::StatusThreadMain, static_cast<MonitorDaemon*>(&d));
-  EXPECT_TRUE(WaitFor([&] { return d.clock_reads.load() >= 2; }));  // one pass has ended
+  EXPECT_TRUE(WaitFor([&] { return d.clock_reads.load() >= 3; }));  // a pass has ended
   EXPECT_EQ(10, d.list_share_period.load());
-  d.now = 1031;
+  d.now = kJune2038 + 31;
   EXPECT_TRUE(WaitFor([&] { return d.fast_monitor_since.load() == 0; }));
   d.status_thread_running = false;
   status.join();
@@ -190,7 +192,7 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
   for (const auto& step : steps) {
     SCOPED_TRACE(step.second);
     Sql("UPDATE connection_table SET error = " + std::to_string(step.stored_error) + ";");
-    d.now = 1000 + step.second;
+    d.now = kJune2038 + step.second;
     EXPECT_EQ(0, d.UpdateStatusFrom(DaemonStatus(step.status)));
     EXPECT_EQ(step.monitor_state, d.connection_status_list.front().monitor_state);
     EXPECT_EQ(step.errors, d.errors.size());
@@ -220,7 +222,8 @@ TEST_F(WorkerTest, ConnectionAddedAheadOfAKnownOneIsScheduled) {
   report["connection_list"].MutableArray().push_back(five);
   EXPECT_EQ(0, d.UpdateStatusFrom(report));
   // Both scheduled (-1 would be unknown), neither listed yet.
-  EXPECT_EQ(std::make_pair(0, 0), std::make_pair(LastListed(&d, 1), LastListed(&d, 5)));
+  EXPECT_EQ(std::make_pair(int64_t{0}, int64_t{0}),
+            std::make_pair(LastListed(&d, 1), LastListed(&d, 5)));
 }
 
 TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {

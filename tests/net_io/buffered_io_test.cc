@@ -256,8 +256,18 @@ TEST(BufferedIOTest, FileSendAndGenericReceiveReportFailures) {
   }
   close(fd);
 
-  // The generic copy (a socket maps the file instead) past a file size limit;
-  // a full device is met on this path by the channel's tests.
+  // The generic copy (a socket maps the file instead) at an offset past 4 GiB,
+  // kept whole on every ABI; then past a file size limit (a full device is
+  // met on this path by the channel's tests).
+  const uint64_t far = (uint64_t{4} << 30) + 5;
+  Fixture g;
+  g.script->pattern = 5;
+  cat::File sparse(open(dir.File("sparse").c_str(), O_RDWR | O_CREAT, 0644));
+  EXPECT_EQ(5, g.stream.BufferedIOBase::RecvFile(sparse, far, 5));
+  char got[5] = {};
+  EXPECT_EQ(5, pread(sparse.fd(), got, 5, static_cast<off_t>(far)));
+  EXPECT_EQ(net_io_test::Pattern(5), std::string(got, 5));
+  sparse.Close();
   Fixture f;
   f.script->pattern = 200000;
   cat::File file(open(dir.File("dst").c_str(), O_RDWR | O_CREAT, 0644));

@@ -62,7 +62,7 @@ class StatusTest(unittest.TestCase):
                        timeout=30)
 
     def status(self, *args):
-        r = subprocess.run([CTL, "status", "--db", self.db] + list(args),
+        r = subprocess.run(system.command(CTL, "status", "--db", self.db, *args),
                            capture_output=True, text=True, timeout=30)
         self.assertEqual(0, r.returncode, r.stderr)
         return r.stdout
@@ -106,7 +106,8 @@ class StatusTest(unittest.TestCase):
         self.assertFalse(os.path.exists(self.db + "-journal"))
 
         missing = os.path.join(self.box.root, "none.sqlite")
-        r = subprocess.run([CTL, "status", "--db", missing], capture_output=True, timeout=30)
+        r = subprocess.run(system.command(CTL, "status", "--db", missing), capture_output=True,
+                           timeout=30)
         self.assertEqual(1, r.returncode)
         self.assertFalse(os.path.exists(missing))
 

@@ -11,6 +11,7 @@ decoders (the echo answers {"error": code}).
 import hashlib
 import os
 import random
+import shlex
 import shutil
 import socket
 import subprocess
@@ -115,7 +116,9 @@ def main():
     work = tempfile.mkdtemp(prefix="vesta-cross-")
     sock_path = os.path.join(work, "echo.sock")
     os.mkdir(os.path.join(work, "files"))
-    peer = subprocess.Popen([echo, sock_path, os.path.join(work, "files")])
+    # A cross build's echo runs under the emulator that VESTA_EMULATOR names.
+    emulator = shlex.split(os.environ.get("VESTA_EMULATOR", ""))
+    peer = subprocess.Popen(emulator + [echo, sock_path, os.path.join(work, "files")])
     failures = 0
     try:
         values = EDGES + [gen_value(rng) for _ in range(count)]

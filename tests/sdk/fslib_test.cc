@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -18,9 +19,9 @@
 namespace {
 
 // statfs magic numbers, typed here from the kernel's list.
-constexpr long kExt4Magic = 0xEF53;
-constexpr long kBtrfsMagic = 0x9123683E;
-constexpr long kEcryptfsMagic = 0xF15F;
+constexpr uint32_t kExt4Magic = 0xEF53;
+constexpr uint32_t kBtrfsMagic = 0x9123683E;
+constexpr uint32_t kEcryptfsMagic = 0xF15F;
 
 // A file system made of named paths, each with a device number and a
 // file-system magic.  Paths not added do not exist.
@@ -28,7 +29,7 @@ class FakeProbe : public FsProbe {
  public:
   FakeProbe() { Add({"/"}, 1, kExt4Magic); }
 
-  void Add(std::initializer_list<const char*> paths, dev_t dev, long magic) {
+  void Add(std::initializer_list<const char*> paths, dev_t dev, uint32_t magic) {
     for (const char* path : paths) nodes_[path] = {dev, magic};
   }
 
@@ -44,12 +45,13 @@ class FakeProbe : public FsProbe {
     const Node* node = Find(path);
     if (node == nullptr) return -1;
     *st = {};
-    st->f_type = node->second;
+    // f_type is a signed word, 32-bit on 32-bit targets: the magic's bits.
+    st->f_type = static_cast<decltype(st->f_type)>(node->second);
     return 0;
   }
 
  private:
-  using Node = std::pair<dev_t, long>;  // device and file-system magic
+  using Node = std::pair<dev_t, uint32_t>;  // device and file-system magic
   const Node* Find(const std::string& path) const {
     auto it = nodes_.find(path);
     errno = ENOENT;

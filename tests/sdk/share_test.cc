@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -19,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/dir_reader.h"
 #include "platform/holders.h"
 #include "platform/users.h"
 #include "sdk/sdk-cpp.h"
@@ -29,6 +31,12 @@ namespace {
 
 // Privilege codes, typed here independently.
 constexpr int kRO = 1, kRW = 2, kNone = 4, kFull = 8;
+
+// A listing that fails as on a 64-bit directory offset without 64-bit offsets.
+struct dirent* FailingReaddir(DIR* /*dir*/) {
+  errno = EOVERFLOW;
+  return nullptr;
+}
 
 // Retries for up to 5 s while another process holds the account database.
 bool Run(const std::string& command) {
@@ -122,7 +130,8 @@ TEST(PrivilegeTest, EveryRuleOfThePrivilegeAndGroups) {
     const char* dir;
     std::string keys, user;
     int want;
-    bool loose = false;  // the privilege of the loose calculation
+    bool loose = false;     // the privilege of the loose calculation
+    bool unlisted = false;  // listing the shares' folder fails
   } kCases[] = {
       // ACL-only shares: the user lists do not count.
       {"d750", acl + "deny_users=" + a.alice + "\n", a.alice, kRO},
@@ -175,6 +184,9 @@ TEST(PrivilegeTest, EveryRuleOfThePrivilegeAndGroups) {
       // Every read bit (0x74) is read, for both; the mask's user matches in any case.
       {"d700", "acl_mask=\"" + upper_alice + ":0x74\"\n" + rw(a.alice), a.alice, kRO},
       {"d700", "acl_mask=\"" + upper_alice + ":0x74\"\n" + rw(a.alice), a.alice, kRO, true},
+      // A mask that cannot be read fails the calculation: the mode bits
+      // would grant more.
+      {"d770", "acl_mask=\"" + a.alice + ":0x74\"\n" + rw(a.alice), a.alice, kNone, false, true},
       {"d770", "", a.alice, kRW, true},
       {"d770", "", a.owner, kRW, true},
       {"d750", "", a.alice, kRO, true},
@@ -185,11 +197,13 @@ TEST(PrivilegeTest, EveryRuleOfThePrivilegeAndGroups) {
   };
   for (const auto& c : kCases) {
     files.Write("s", Dir(c.dir), c.keys);
+    DirReader::read_entry = c.unlisted ? FailingReaddir : readdir;
     std::shared_ptr<SDK::Share> share = SDK::GetShare("s");
     ASSERT_TRUE(share) << c.keys;
     EXPECT_EQ(c.want, c.loose ? share->GetLoosePrivilege(c.user) : share->GetPrivilege(c.user))
         << c.dir << " " << c.user << ": " << c.keys;
   }
+  DirReader::read_entry = readdir;
 
   KlibSzList* groups = nullptr;
   ASSERT_EQ(0, KLIBGroupInfoListGet(a.alice.c_str(), &groups));

@@ -2,6 +2,7 @@
 """The status and share-listing threads of the real binary against scripted
 peers.  Usage: workers_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
+import glob
 import os
 import sys
 import unittest
@@ -18,12 +19,18 @@ REPORTED = {"connection_id": 1, "status": "connected", "server_ip": "192.0.2.10"
             "protocol_version": 70}
 
 
+FAKETIME = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
+
+
 class WorkersTest(unittest.TestCase):
+    daemon_env = {}
+
     def setUp(self):
         box = self.box = mst.Sandbox()
         self.addCleanup(box.cleanup)
         box.start_peer("sync_daemon")
         self.server_port = int(box.start_peer("remote_server", "--port", "0"))
+        box.daemon_env = self.daemon_env
         box.start_and_wait()
 
     def report(self, **changes):
@@ -101,6 +108,20 @@ class WorkersTest(unittest.TestCase):
             before = box.sql(sessions)
             self.assertTrue(listed(listings() + 2))
             self.assertEqual(before, box.sql(sessions), reply)
+
+
+@unittest.skipIf(mst.EMULATOR, "the host's libfaketime cannot enter an emulated daemon; the"
+                 " worker unit tests' clock stands in 2038 there")
+class WorkersIn2038Test(WorkersTest):
+    """The same scenarios with the daemon's clock started in June 2038, past
+    the end of 32-bit time: connections are still followed, listed on
+    schedule and listed at once on "refresh_session"."""
+    daemon_env = {"LD_PRELOAD": ":".join(FAKETIME[:1]), "FAKETIME": "@2038-06-01 00:00:00"}
+
+    def setUp(self):
+        self.assertTrue(FAKETIME, "libfaketime is missing (Debian's faketime package)")
+        super().setUp()
+        self.assertTrue(self.box.log_text().startswith("2038-"), self.box.log_text()[:40])
 
 
 if __name__ == "__main__":
