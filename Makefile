@@ -6,9 +6,10 @@ CMAKE_FLAGS ?=
 # Where `make install` puts the programs; DESTDIR stages the whole tree
 # (make install DESTDIR=/tmp/stage PREFIX=/usr).
 PREFIX ?= /usr/local
+comma := ,
 DESTDIR ?=
 
-.PHONY: setup build test run install bench fuzz check-sanitize clean \
+.PHONY: setup build test run install bench fuzz check-sanitize soak clean \
         setup-armhf build-armhf test-armhf deb
 
 setup:
@@ -90,6 +91,20 @@ check-sanitize: setup
 	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVESTA_SANITIZE=thread
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -LE fuzz
+
+# A seeded fault-injection soak of the real daemon (tools/soak/soak.py):
+# SOAK_SECONDS long (default 300), SOAK_SEED (default random; printed first,
+# replays the run).  SANITIZE=1 soaks the AddressSanitizer +
+# UndefinedBehaviorSanitizer build of build-asan/ instead.
+SOAK_SECONDS ?= 300
+SOAK_SEED ?=
+SANITIZE ?=
+SOAK_BUILD = $(if $(filter 1,$(SANITIZE)),build-asan,$(BUILD))
+soak: setup
+	$(if $(filter 1,$(SANITIZE)),cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVESTA_SANITIZE=address$(comma)undefined,cmake -S . -B $(BUILD) $(CMAKE_FLAGS))
+	cmake --build $(SOAK_BUILD) -j $(JOBS) --target vesta-monitor
+	python3 tools/soak/soak.py $(SOAK_BUILD)/monitor/vesta-monitor --seconds $(SOAK_SECONDS) \
+	  $(if $(SOAK_SEED),--seed $(SOAK_SEED)) $(if $(filter 1,$(SANITIZE)),--sanitize)
 
 clean:
 	rm -rf build build-*

@@ -97,6 +97,7 @@ class Checker:
         self.log_pos = {}        # inode -> bytes of that log file checked
         self.reported_files = set()
         self.probes = 0
+        self.refusals = 0        # probes refused in a row
 
     def bound(self, t0, t1, base):
         return base + self.faults.hold_between(t0, t1) + self.slack
@@ -108,32 +109,55 @@ class Checker:
         if not up:
             return
         t0 = time.monotonic()
-        try:
-            s = clients.connect(self.box.socket, 1)
-            s.sendall(clients.pstream.encode(clients.PROBE))
-        except OSError:
-            return self.check_still_up(epoch)
-        with s:
-            while True:
-                try:
-                    reply = clients.pstream.recv_value(s)
-                    break
-                except OSError as e:
-                    if not isinstance(e, TimeoutError):
-                        return self.check_still_up(epoch)
-                except clients.pstream.PStreamError:
-                    return self.check_still_up(epoch)
-                now = time.monotonic()
-                if self.state.snapshot()[1] != epoch:
+        s = None
+        while s is None:
+            try:
+                s = clients.connect(self.box.socket, 5)
+            except TimeoutError:  # the backlog is full: the main thread is held
+                if self.late(t0, epoch):
                     return
-                if now - t0 > self.bound(t0, now, REQUEST_DEADLINE):
-                    return self.report.violation(
-                        "request answered within its deadline",
-                        "no answer after %.1f s (bound %.1f s)"
-                        % (now - t0, self.bound(t0, now, REQUEST_DEADLINE)))
+            except OSError as e:
+                return self.refused(epoch, e)
+        self.refusals = 0
+        with s:
+            try:
+                s.sendall(clients.pstream.encode(clients.PROBE))
+                s.settimeout(1)
+                while True:
+                    try:
+                        reply = clients.pstream.recv_value(s)
+                        break
+                    except TimeoutError:
+                        if self.late(t0, epoch):
+                            return
+            except (OSError, clients.pstream.PStreamError):
+                return self.check_still_up(epoch)
         self.probes += 1
         if reply is not None:
             self.report.violation("request answered", "probe answered %r" % (reply,))
+
+    def late(self, t0, epoch):
+        """True when the probe sent at `t0` is to be given up: the daemon
+        restarted meanwhile, or it is late (a violation)."""
+        now = time.monotonic()
+        if self.state.snapshot()[1] != epoch:
+            return True
+        bound = self.bound(t0, now, REQUEST_DEADLINE)
+        if now - t0 <= bound:
+            return False
+        self.report.violation("request answered within its deadline",
+                              "no answer after %.1f s (bound %.1f s)" % (now - t0, bound))
+        return True
+
+    def refused(self, epoch, error):
+        """A running daemon may refuse a connection while it restarts, not for long."""
+        self.check_still_up(epoch)
+        up, now_epoch, pid = self.state.snapshot()
+        if up and now_epoch == epoch and alive(pid):
+            self.refusals += 1
+            if self.refusals >= 5:
+                self.report.violation("daemon keeps serving",
+                                      "its socket refused 5 probes in a row: %s" % error)
 
     def check_still_up(self, epoch):
         time.sleep(0.5)
@@ -221,17 +245,20 @@ class Checker:
 
     def after_kill(self, rows, skip_filters):
         """The database and filter files as the kill left them."""
-        with connect(self.box.db) as c:
-            check = c.execute("PRAGMA integrity_check").fetchall()
-            if check != [("ok",)]:
-                return self.report.violation("integrity after SIGKILL", repr(check[:5]))
-            for table, before in rows.items():
-                after = sorted(map(repr, c.execute("SELECT * FROM %s" % table)))
-                if after != before:
-                    lost = sorted(set(before) - set(after))
-                    return self.report.violation(
-                        "no committed row lost after SIGKILL",
-                        "%s: %d rows differ, e.g. %s" % (table, len(lost), lost[:3]))
+        try:
+            with connect(self.box.db) as c:
+                check = c.execute("PRAGMA integrity_check").fetchall()
+                if check != [("ok",)]:
+                    return self.report.violation("integrity after SIGKILL", repr(check[:5]))
+                after = {t: sorted(map(repr, c.execute("SELECT * FROM %s" % t))) for t in rows}
+        except sqlite3.Error as e:
+            return self.report.violation("integrity after SIGKILL", repr(e))
+        for table, before in rows.items():
+            if after[table] != before:
+                lost = sorted(set(before) - set(after[table]))
+                return self.report.violation(
+                    "no committed row lost after SIGKILL",
+                    "%s: %d rows differ, e.g. %s" % (table, len(lost), lost[:3]))
         for sid in self.box_sessions():
             if sid not in skip_filters:
                 self.check_filter(self.box.filter_file(sid))

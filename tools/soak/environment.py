@@ -41,6 +41,13 @@ class Sandbox:
     def __init__(self, sanitize):
         self.root = tempfile.mkdtemp(prefix="vesta-soak-")
         self.mounts = []
+        try:
+            self.make(sanitize)
+        except BaseException:
+            self.remove()
+            raise
+
+    def make(self, sanitize):
         r = self.root
         self.volume = os.path.join(r, "volume1")
         self.logdir = os.path.join(self.volume, "@FernboxTandem/log")

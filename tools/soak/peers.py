@@ -69,9 +69,11 @@ class Faults:
         return None
 
     def hold_between(self, t0, t1):
-        """What the windows that overlap [t0, t1] may hold the main thread."""
+        """What the windows that overlap [t0, t1] may hold the main thread; a
+        window counts until its hold has passed after its end (what it held
+        up is still being served)."""
         with self.lock:
-            return sum(w.hold for w in self.windows if w.start <= t1 and w.end >= t0)
+            return sum(w.hold for w in self.windows if w.start <= t1 and w.end + w.hold >= t0)
 
     def finish_all(self):
         with self.lock:

@@ -171,8 +171,11 @@ def make(seed, seconds, kinds=None):
     rate = sum(KINDS[k][0] for k in names) / 60.0
     entries, t = [], 3.0
     while True:
-        kind = first.pop(0) if first else rng.choices(names, [KINDS[k][0] for k in names])[0]
-        t += 1.5 if first else rng.expovariate(rate)
+        if first:
+            kind, t = first.pop(0), t + 1.5
+        else:
+            kind = rng.choices(names, [KINDS[k][0] for k in names])[0]
+            t += rng.expovariate(rate)
         if t >= seconds - 2:
             return entries
         entries.append(Entry(len(entries) + 1, round(t, 1), kind, KINDS[kind][1](rng)))

@@ -366,16 +366,21 @@ class Soak:
             pid = self.start_daemon()
         except RuntimeError as e:
             return self.report.violation("restart", str(e))
-        with open(self.box.pid_file) as f:
-            named = f.read().strip()
+        try:
+            with open(self.box.pid_file) as f:
+                named = f.read().strip()
+        except OSError as e:
+            named = str(e)
         if named != str(pid) or self.daemon.running() != [pid]:
             self.report.violation("pid file names the new process",
                                   "pid file %r, running %s" % (named, self.daemon.running()))
 
     def do_ui_reset(self, p, _kind):
+        self.in_thread(self.ui_reset, p["conn"], len(self.done))
+
+    def ui_reset(self, cid, n):
         """Re-links a connection with its server as it first was, resumes its
         sessions, and commits a marker row."""
-        cid = p["conn"]
         o = self.original[cid]
         with self.writer:
             if self.box.dbdir in self.box.mounts:
@@ -394,7 +399,7 @@ class Soak:
                     db.execute("UPDATE session_table SET error = 0, status = 1, "
                                "is_daemon_enable = 1 WHERE conn_id = ?", (cid,))
                     db.execute("INSERT INTO system_table (key, value) VALUES (?, ?)",
-                               ("soak_marker_%d" % len(self.done), str(self.seed)))
+                               ("soak_marker_%d" % n, str(self.seed)))
                     db.execute("COMMIT")
             except sqlite3.Error:
                 return  # locked by a fault: the back end would try again later
