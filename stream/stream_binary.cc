@@ -13,7 +13,9 @@
 #include "stream/stream-util.h"
 #include "stream/stream.h"
 
+using stream_util::BlockCost;
 using stream_util::kComponent;
+using stream_util::StdStringCost;
 using stream_util::ULL;
 
 namespace {
@@ -129,23 +131,27 @@ int PStream::WriteBinaryEx(const PObject::binary_ex_type& binary) {
     // Without an algorithm the stream's own binary digest, if any, applies.
     stream_util::HashAlgoScope scope(algo.empty() ? nullptr : &binary_hash_algo_, algo);
     if (!algo.empty()) last_hash_.clear();
+    key_path_.push_back("binary");
     rc = WriteString("binary");
     if (rc == kOk) rc = WriteBinary(PObject::binary_type{binary.offset, binary.length, binary.path});
     if (rc != kOk) {
-      error_keys_.emplace_back("binary");
+      LogErrorStack();
       return rc;
     }
+    key_path_.pop_back();
     if (!algo.empty()) {
       sent_hash.swap(last_hash_);
       last_hash_.clear();
     }
   }
+  key_path_.push_back("send_hash");
   rc = WriteString("send_hash");
   if (rc == kOk) rc = WriteString(sent_hash);
   if (rc != kOk) {
-    error_keys_.emplace_back("send_hash");
+    LogErrorStack();
     return rc;
   }
+  key_path_.pop_back();
   --depth_;
   if (dump_) LOG_DEBUG(kComponent, "%s}", Indent());
   return WriteBytes(&close, 1);
@@ -158,7 +164,12 @@ int PStream::ReadBinary(PObject* target) {
     LOG_ERROR(kComponent, "istream not supported receive binary file.");
     return kErrChannel;
   }
-  int rc = Need(8);
+  // The record, and the path of a fresh file under binary_dir.
+  const uint64_t path_length =
+      target->AsBinary().path.empty() ? binary_dir_.size() + 1 + kTemporaryNameLength : 0;
+  int rc = Charge((target->IsBinary() ? 0 : BlockCost(sizeof(PObject::binary_type))) +
+                  StdStringCost(path_length));
+  if (rc == kOk) rc = Need(8);
   if (rc != kOk) return rc;
   const uint64_t length = Channel::GetUInt64(in_pos_);
   in_pos_ += 8;
