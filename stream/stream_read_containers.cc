@@ -3,8 +3,7 @@
 // in place: a repeated key decodes into the member its first occurrence
 // made, so no member ever moves and nothing is rebuilt.  Keys arrive in
 // order from our own encoder, so the usual member is added at the end
-// without a search; any other order costs a search in the tree.
-#include <iterator>
+// after one comparison; any other order costs a search in the tree.
 #include <string>
 #include <tuple>
 
@@ -93,14 +92,14 @@ int PStream::ReadMap(PObject* target) {
     std::string_view key;
     rc = ReadKey(&key);
     if (rc != kOk) break;
-    auto at = members.end();
-    if (!members.empty() && !(std::prev(at)->first < key)) at = members.lower_bound(key);
-    if (at == members.end() || at->first != key) {
-      rc = Charge(MemberCost(key.size()));
-      if (rc != kOk) break;
-      at = members.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(key),
-                                std::forward_as_tuple());
-    }
+    // Charged as a new member; a repeated key finds the member its first
+    // occurrence made, and the node made to look for it is gone again.
+    rc = Charge(MemberCost(key.size()));
+    if (rc != kOk) break;
+    const size_t held = members.size();
+    const auto at = members.emplace_hint(members.end(), std::piecewise_construct,
+                                         std::forward_as_tuple(key), std::forward_as_tuple());
+    if (members.size() == held) Refund(MemberCost(key.size()));
     key_path_.push_back(at->first);
     rc = ReadTaggedValue(&at->second);
     if (rc != kOk) break;
