@@ -111,7 +111,7 @@ int PStream::Finish(int rc) {
   Commit();
   key_path_.clear();
   error_logged_ = false;
-  std::string().swap(scratch_);
+  std::vector<char>().swap(scratch_);
   depth_ = 0;
   ResetProgress();
   pending_length_ = 0;

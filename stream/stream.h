@@ -29,8 +29,9 @@
 // charges every block that decoding allocates -- each element as the C
 // allocator holds it, the decoder's own scratch included -- before it is
 // allocated, in 64-bit arithmetic, and fails as soon as the charges would
-// pass the cap; what it allocates beyond its charges is bounded by the depth
-// (the key path), so a decode's peak heap stays under twice the cap.
+// pass the cap.  Beyond its charges it holds only the key path (views, at
+// most kMaxDepth) and, on failure, the error stack joined from keys it has
+// charged; so the peak heap of a decode stays under twice the cap.
 //
 // Files: a received binary lands where its target names (resuming at the
 // target's offset), else under binary_dir with a fresh name.  The binary of
@@ -275,7 +276,7 @@ class PStream {
   bool error_logged_ = false;      // this call's error stack is logged
   int depth_ = 0;                  // open arrays, maps and binary_ex
   bool dump_ = false;              // DEBUG enabled for `stream` at Begin
-  std::string scratch_;            // a text longer than the window; charged
+  std::vector<char> scratch_;      // a text longer than the window; charged
                                    // as it grows, released by Finish
 
   mutable std::mutex progress_mutex_;  // guards the pair below

@@ -100,13 +100,14 @@ int PStream::ReadText(size_t length, std::string_view* text) {
     return kOk;
   }
   if (length > scratch_.capacity()) {
-    int rc = Charge(StdStringCost(length));
+    int rc = Charge(BlockCost(length));
     if (rc != kOk) return rc;
+    scratch_.reserve(length);  // exactly that
   }
   scratch_.resize(length);
-  int rc = ReadBytes(&scratch_[0], length);
+  int rc = ReadBytes(scratch_.data(), length);
   if (rc != kOk) return rc;
-  *text = scratch_;
+  *text = std::string_view(scratch_.data(), length);
   return kOk;
 }
 
