@@ -334,14 +334,12 @@ int PStream::WriteMap(const PObject::map_type& members) {
     std::string_view key = member.first;
     // Keys with a leading '_' travel without it ("_agent" as "agent").
     if (!key.empty() && key[0] == '_') key.remove_prefix(1);
-    key_path_.push_back(key);
     rc = WriteString(key);
     if (rc == kOk) rc = WriteValue(member.second);
     if (rc != kOk) {
-      LogErrorStack();
+      key_path_.insert(key_path_.begin(), key);
       return rc;
     }
-    key_path_.pop_back();
   }
   --depth_;
   if (dump_) LOG_DEBUG(kComponent, "%s}", Indent());

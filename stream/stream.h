@@ -246,8 +246,8 @@ class PStream {
   void RemoveOwnFile(const PObject& member) const;
   int EnterContainer(char mark);
   // Logs the key path of a failure, once per Send or Recv: called by the
-  // innermost container that sees it fail, while every key on the path is
-  // still alive, and by Finish for a failure outside any container.
+  // innermost container being read that sees it fail, while every key on
+  // the path is still alive, and by Finish for any other failure.
   void LogErrorStack();
 
   static constexpr size_t kStageSize = 16;
@@ -269,9 +269,10 @@ class PStream {
   uint64_t size_cap_ = 0;             // bytes; 0 = none
   uint64_t budget_ = 0;               // bytes left under the cap
 
-  // The keys under which the value being written or read lies, outermost
-  // first: views of the keys in the value itself (a map member stays put)
-  // or in the frame reading a binary_ex.  Decoding, at most kMaxDepth long.
+  // The keys under which the value being read lies, outermost first: views
+  // of the keys in the value itself (a map member stays put) or in the frame
+  // reading a binary_ex, at most kMaxDepth.  Writing, only a failure fills
+  // it, on the way out, with views of the keys of the value sent.
   std::vector<std::string_view> key_path_;
   bool error_logged_ = false;      // this call's error stack is logged
   int depth_ = 0;                  // open arrays, maps and binary_ex

@@ -131,27 +131,23 @@ int PStream::WriteBinaryEx(const PObject::binary_ex_type& binary) {
     // Without an algorithm the stream's own binary digest, if any, applies.
     stream_util::HashAlgoScope scope(algo.empty() ? nullptr : &binary_hash_algo_, algo);
     if (!algo.empty()) last_hash_.clear();
-    key_path_.push_back("binary");
     rc = WriteString("binary");
     if (rc == kOk) rc = WriteBinary(PObject::binary_type{binary.offset, binary.length, binary.path});
     if (rc != kOk) {
-      LogErrorStack();
+      key_path_.insert(key_path_.begin(), "binary");
       return rc;
     }
-    key_path_.pop_back();
     if (!algo.empty()) {
       sent_hash.swap(last_hash_);
       last_hash_.clear();
     }
   }
-  key_path_.push_back("send_hash");
   rc = WriteString("send_hash");
   if (rc == kOk) rc = WriteString(sent_hash);
   if (rc != kOk) {
-    LogErrorStack();
+    key_path_.insert(key_path_.begin(), "send_hash");
     return rc;
   }
-  key_path_.pop_back();
   --depth_;
   if (dump_) LOG_DEBUG(kComponent, "%s}", Indent());
   return WriteBytes(&close, 1);
