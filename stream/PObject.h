@@ -14,8 +14,9 @@
 // A map is a std::map from key to member, ordered bytewise: it behaves as
 // one.  A reference to a member stays valid while other keys come and go
 // (the decoder merging into the map included) and ends when that member is
-// erased or the map released, so `m["a"] = m["e"]` is sound.  An array is a
-// std::vector, with a vector's rules for references.
+// erased or the map released, so `m["a"] = m["e"]` is sound; one kept past
+// its end reads freed memory, which AddressSanitizer builds report.  An
+// array is a std::vector, with a vector's rules for references.
 //
 // Reading never fails and never allocates: asking a value for a kind it does
 // not hold yields 0, an empty string or one of the shared empty values below.

@@ -99,12 +99,11 @@ int PStream::ReadText(size_t length, std::string_view* text) {
     in_pos_ += length;
     return kOk;
   }
-  if (length > scratch_.capacity()) {
+  if (length > scratch_.size()) {
     int rc = Charge(BlockCost(length));
     if (rc != kOk) return rc;
-    scratch_.reserve(length);  // exactly that
+    scratch_ = std::vector<char>(length);  // a block of exactly that
   }
-  scratch_.resize(length);
   int rc = ReadBytes(scratch_.data(), length);
   if (rc != kOk) return rc;
   *text = std::string_view(scratch_.data(), length);
