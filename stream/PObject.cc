@@ -118,9 +118,8 @@ int64_t PObject::Integer() const {
 
 namespace {
 
-// A string too long for the slot: one block, its length then its text and
-// a terminating zero.
-size_t TextBlockSize(size_t n) { return sizeof(size_t) + n + 1; }
+// A string too long for the slot: one block, its length then its text.
+size_t TextBlockSize(size_t n) { return sizeof(size_t) + n; }
 
 char* NewText(std::string_view text) {
   const size_t n = text.size();
@@ -128,7 +127,6 @@ char* NewText(std::string_view text) {
   if (block == nullptr) throw std::bad_alloc();
   memcpy(block, &n, sizeof(n));
   if (n > 0) memcpy(block + sizeof(size_t), text.data(), n);
-  block[sizeof(size_t) + n] = 0;
   return block;
 }
 

@@ -126,7 +126,7 @@ class PObject {
   // Longest string held inside the slot.
   static constexpr size_t kInlineStringMax = 15;
   // Bytes a string value of `text` takes outside the slot: 0 when it sits
-  // inside, else its block (length, text, terminating zero).
+  // inside, else its block (length, then text).
   static size_t StringBlockSize(std::string_view text);
 
   PObject() noexcept : type_(kNull) { memset(slot_, 0, kSlotSize); }

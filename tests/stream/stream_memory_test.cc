@@ -98,10 +98,12 @@ std::string Key(int i) {
 
 TEST(PStreamMemoryTest, PeakHeapOfTheCostliestShapesStaysUnderTwiceTheCap) {
   if (!VESTA_COUNT_ALLOCATIONS) GTEST_SKIP() << "a sanitizer owns the allocator";
-  std::string reverse_keys = Hex("42"), merges = Hex("42"), long_keys = Hex("42"), deep_long_keys;
+  std::string reverse_keys = Hex("42"), merges = Hex("42"), changes = Hex("42");
+  std::string long_keys = Hex("42"), deep_long_keys;
   for (int i = 400000; i > 0; --i) reverse_keys += WireString(Key(i)) + Hex("00 00");
   for (int i = 0; i < 300000; ++i) {
     merges += WireString("k") + Hex("42") + WireString(Key(i)) + Hex("00 00 40");
+    changes += WireString("k") + WireString(std::string(40, 's')) + WireString("k") + Hex("42 40");
   }
   for (int i = 0; i < 300; ++i) long_keys += WireString(Key(i) + std::string(65527, 'k')) + Hex("00 00");
   for (int i = 0; i < 127; ++i) deep_long_keys += Hex("42") + WireString(std::string(65535, 'a' + i % 26));
@@ -114,6 +116,7 @@ TEST(PStreamMemoryTest, PeakHeapOfTheCostliestShapesStaysUnderTwiceTheCap) {
       {"nulls", ArrayOf(Repeat(Hex("00 00"), 1000000))},
       {"keys in reverse order", reverse_keys + Hex("40")},
       {"a repeated key merging maps", merges + Hex("40")},
+      {"a repeated key changing kind", changes + Hex("40")},
       {"3 million empty arrays", ArrayOf(Repeat(Hex("41 40"), 3000000))},
       {"arrays nested 127 deep",
        ArrayOf(Repeat(std::string(127, '\x41') + std::string(127, '\x40'), 2000))},
