@@ -106,7 +106,7 @@ TEST(ConnFinderTest, SystemProxyFromItsFile) {
   for (const auto& c : kCases) {
     dir.Write("etc/vesta/proxy.conf", c.file);
     if (c.file.empty()) unlink(dir.File("etc/vesta/proxy.conf").c_str());
-    ProxyInfo p{true, true, "stale", 1, "stale", "stale", "stale", "stale"};
+    ProxyInfo p{true, true, "stale", 1, "stale", "stale", "stale", "stale", ""};
     EXPECT_EQ(c.result, GetSystemProxy(&p)) << c.file;
     const std::string got = std::to_string(p.use_proxy) + std::to_string(p.use_system_proxy) + " " +
                             p.proxy_ip + ":" + std::to_string(p.proxy_port) + " " + p.proxy_domain +
