@@ -104,6 +104,12 @@ TEST(PidFile, WrittenAndRead) {
   ASSERT_EQ(1, Daemon::IsRunning(path, &pid));
   EXPECT_EQ(getpid(), pid);
   EXPECT_EQ(-1, Daemon::WritePidFile(dir.File("no/such/dir.pid")));
+  // A link at the path, even one planted after the start's own check, is
+  // refused and its target left as it was.
+  const std::string target = dir.Write("target", "kept");
+  ASSERT_EQ(0, symlink(target.c_str(), dir.File("link.pid").c_str()));
+  EXPECT_EQ(-1, Daemon::WritePidFile(dir.File("link.pid")));
+  EXPECT_EQ("kept", ReadFile(target));
   // Signal 0 to 0, -1 or minus a group id reaches live processes: no pid.
   // (A pid of a process that has ended: the system test's stale pid file.)
   for (const std::string& text :
