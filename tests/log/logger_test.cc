@@ -188,19 +188,37 @@ TEST_F(LoggerTest, StandardOutputOutlivesTheAsyncBuffer) {
       << ReadFile(out);
 }
 
-// Whether thread `tid` of this process waits in flock now, and how many
-// times it has gone to sleep so far.
+// Whether thread `tid` of this process waits in flock or on a futex (a
+// mutex) now, and how many times it has gone to sleep so far.
 struct TaskState {
   bool in_flock;
+  bool in_futex;
   long sleeps;
 };
 TaskState StateOf(pid_t tid) {
   const std::string task = "/proc/self/task/" + std::to_string(tid) + "/";
   const std::string call = ReadFile(task + "syscall"), status = ReadFile(task + "status");
+  const std::string number = call.substr(0, call.find(' '));
   const size_t at = status.find("\nvoluntary_ctxt_switches:");
-  return {call.compare(0, call.find(' '), std::to_string(SYS_flock)) == 0,
+  return {number == std::to_string(SYS_flock), number == std::to_string(SYS_futex),
           at == std::string::npos ? -1 : atol(status.c_str() + at + 25)};
 }
+
+// Runs Logger::Log("text") on a thread of its own, which says its id.
+class Writer {
+ public:
+  explicit Writer(const char* text)
+      : thread_([this, text] {
+          tid_ = static_cast<pid_t>(syscall(SYS_gettid));
+          Logger::Log(LOG_LEVEL_ERROR, "c", "%s\n", text);
+        }) {}
+  ~Writer() { thread_.join(); }
+  TaskState State() const { return tid_ != 0 ? StateOf(tid_) : TaskState{false, false, 0}; }
+
+ private:
+  std::atomic<pid_t> tid_{0};
+  std::thread thread_;
+};
 
 // A signal that ends the wait for another process's lock (the daemon's
 // handlers do not restart system calls) does not let the message through.
@@ -234,6 +252,63 @@ TEST_F(LoggerTest, SignalDuringTheLockWaitKeepsWaiting) {
   EXPECT_NE(std::string::npos, ReadFile(log).find("written"));
   sigaction(SIGUSR2, &saved, nullptr);
   close(other);
+}
+
+// Links planted at the log's names are refused or moved, never written
+// through: at the path before Init; at the path when another process has
+// rotated (the reopen); at the numbered names when this process rotates.
+TEST_F(LoggerTest, PlantedLinksAreNeverWrittenThrough) {
+  const std::string victim = dir_.Write("victim", "kept");
+  const std::string log = dir_.File("l.log");
+  ASSERT_EQ(0, symlink(victim.c_str(), log.c_str()));
+  EXPECT_EQ(-1, Logger::Init(Logger::kFile, log, "", 3, 2));
+  ASSERT_EQ(0, unlink(log.c_str()));
+
+  dir_.Write("l.log", std::string(Logger::kRotateSize, 'x'));
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 3, 2));
+  for (const char* slot : {"l.log_0", "l.log_1"}) {
+    ASSERT_EQ(0, symlink(victim.c_str(), dir_.File(slot).c_str()));
+  }
+  Logger::Log(LOG_LEVEL_ERROR, "c", "rotates\n");
+  EXPECT_EQ(0, SizeOf(log));  // a new regular file
+  EXPECT_EQ(std::string::npos, ReadFile(log + "_0").find("kept"));
+
+  // Another process rotated, and a link took the file's place.
+  ASSERT_EQ(0, rename(log.c_str(), (log + "_0").c_str()));
+  ASSERT_EQ(0, symlink(victim.c_str(), log.c_str()));
+  ++*Logger::log_rotated_count_shared;
+  Logger::Log(LOG_LEVEL_ERROR, "c", "dropped\n");
+  EXPECT_EQ("kept", ReadFile(victim));
+}
+
+// A writer that waits for the lock while the thread holding it finds its
+// stream gone (another process rotated, and the new file cannot be opened)
+// must see that under the lock and drop its message, not close the stream
+// a second time.
+TEST_F(LoggerTest, AWaitingWriterSurvivesAFailedReopen) {
+  const std::string log = dir_.File("race.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 2));
+  int other = open((log + ".lock").c_str(), O_RDWR);  // as another process would
+  ASSERT_EQ(0, flock(other, LOCK_EX));
+  {
+    Writer holder("first");  // takes the mutex, then waits in flock
+    EXPECT_TRUE(WaitFor([&] { return holder.State().in_flock; }));
+    Writer waiter("second");  // has seen the stream, waits for the mutex
+    EXPECT_TRUE(WaitFor([&] { return waiter.State().in_futex; }));
+    // The other process, in a process of its own as the counter is shared.
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      rename(log.c_str(), (log + "_0").c_str());
+      mkdir(log.c_str(), 0755);
+      ++*Logger::log_rotated_count_shared;
+      _exit(0);
+    }
+    ASSERT_EQ(pid, waitpid(pid, nullptr, 0));
+    flock(other, LOCK_UN);
+  }
+  close(other);
+  EXPECT_EQ("", ReadFile(log + "_0"));
 }
 
 }  // namespace
