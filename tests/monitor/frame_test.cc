@@ -119,6 +119,32 @@ TEST(PidFile, WrittenAndRead) {
   }
 }
 
+// socket_allowed_uids: anything but decimal uids separated by commas is
+// refused whole, so that a list meant to restrict never serves everyone.
+TEST(AllowedUids, ListsAndRefusals) {
+  const struct {
+    const char* text;
+    int result;
+    std::vector<uint32_t> uids;
+  } kCases[] = {
+      {"", 0, {}},  // every local user
+      {"0", 0, {0}},
+      {" 0 ,\t1000", 0, {0, 1000}},
+      {"4294967295", -1, {}},  // (uid_t)-1 is nobody
+      {"99999999999", -1, {}},
+      {"0,", -1, {}},
+      {"0,,1", -1, {}},
+      {"0;1000", -1, {}},
+      {"-1", -1, {}},
+      {"root", -1, {}},
+  };
+  for (const auto& c : kCases) {
+    std::vector<uint32_t> uids = {7};
+    EXPECT_EQ(c.result, MonitorDaemon::ParseAllowedUids(c.text, &uids)) << c.text;
+    EXPECT_EQ(c.uids, uids) << c.text;
+  }
+}
+
 TEST(Signals, HandlersChangeOnlyTheirWord) {
   ASSERT_EQ(0, Daemon::SetSignalHandler(SIGUSR1, Daemon::increaseLogLevel));
   ASSERT_EQ(0, Daemon::SetSignalHandler(SIGUSR2, Daemon::decreateLogLevel));

@@ -90,9 +90,13 @@ class Sandbox:
     def env(self):
         return dict(os.environ, VESTA_ROOT=self.root)
 
+    def argv(self, prefix=()):
+        """The daemon's command line, after `prefix` (a tracer)."""
+        return list(prefix) + [BINARY, self.conf]
+
     def start(self):
         """Runs the binary; it returns once it has detached."""
-        return subprocess.run([BINARY, self.conf], env=self.env(), timeout=20).returncode
+        return subprocess.run(self.argv(), env=self.env(), timeout=20).returncode
 
     def start_and_wait(self):
         """Starts the daemon, waits until it serves, returns its pid."""
