@@ -40,7 +40,7 @@ using monitor::kComponent;
 constexpr int kListenBacklog = 8;
 
 // The largest uid socket_allowed_uids may name: (uid_t)-1 is no user.
-constexpr unsigned long long kMaxUid = 4294967294ull;
+constexpr uint64_t kMaxUid = 4294967294u;
 
 // One element of socket_allowed_uids: a decimal uid, blanks around it.
 bool ParseUid(const std::string& item, uint32_t* uid) {
@@ -51,7 +51,7 @@ bool ParseUid(const std::string& item, uint32_t* uid) {
   if (digits.size() > 10 || digits.find_first_not_of("0123456789") != std::string::npos) {
     return false;
   }
-  const unsigned long long value = std::stoull(digits);
+  const uint64_t value = std::stoull(digits);
   if (value > kMaxUid) return false;
   *uid = static_cast<uint32_t>(value);
   return true;
