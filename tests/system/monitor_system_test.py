@@ -101,9 +101,13 @@ class Sandbox:
     def env(self):
         return dict(os.environ, VESTA_ROOT=self.root)
 
+    def argv(self, prefix=()):
+        """The daemon's command line, after `prefix` (a tracer)."""
+        return list(prefix) + command(BINARY, self.conf)
+
     def start(self):
         """Runs the binary; it returns once it has detached."""
-        return subprocess.run(command(BINARY, self.conf), env=dict(self.env(), **self.daemon_env),
+        return subprocess.run(self.argv(), env=dict(self.env(), **self.daemon_env),
                               timeout=20).returncode
 
     def start_and_wait(self):
