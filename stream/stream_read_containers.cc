@@ -300,12 +300,14 @@ int PStream::ReadMap(const Target& target) {
       if (!index.sorted) index.position->emplace(members_[slot].first.str(), slot);
     }
     rc = Need(1);
+    const bool hidden = dump_ && HideSecret(members_[at].first.view());
     if (rc == kOk) {
       const uint8_t tag = *in_pos_++;
       if (!ReadShortScalar(tag, &members_[at].second)) {
         rc = ReadRunValue(tag, Target{nullptr, &members_, nullptr, at});
       }
     }
+    dump_ |= hidden;
     if (rc != kOk) {
       error_keys_.emplace_back(members_[at].first.view());
       break;
