@@ -36,9 +36,11 @@ def wait_for(predicate, limit=5.0, step=0.02):
     return predicate()
 
 
-def vm_rss_kib(pid):
+def vm_rss_kib(pid, field="VmRSS"):
+    """The process's resident size (or another field of /proc/PID/status, such as
+    its peak VmHWM) in KiB."""
     with open("/proc/%d/status" % pid) as f:
-        return int(next(line for line in f if line.startswith("VmRSS:")).split()[1])
+        return int(next(line for line in f if line.startswith(field + ":")).split()[1])
 
 
 def sanitized_binary():
