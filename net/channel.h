@@ -10,9 +10,9 @@
 // pass, file transfers with progress reports, TCP tuning and the identity of
 // the peer (address, certificate signature and its SHA-256 hash).
 //
-// Threads: a Channel is used by one thread at a time.  The only thing another
-// thread may touch is the cancel flag handed to SetCancelFlag; every wait
-// tests it between steps.  The class-wide paths and the server cipher list
+// Threads: a Channel is used by one thread at a time.  The only things another
+// thread may touch are the flags handed to SetCancelFlag and SetRunFlag;
+// every wait, connects included, tests them between steps.  The class-wide paths and the server cipher list
 // are set once, before any channel is opened, and read without a lock.
 //
 // Results: 0 for success, otherwise one of the negative codes below.  A
