@@ -21,6 +21,7 @@
 #include "log/log.h"
 #include "monitor/monitor-util.h"
 #include "net/channel.h"
+#include "net/proto-ui.h"
 #include "platform/fixed_path.h"
 #include "sdk/sdk-cpp.h"
 
@@ -92,6 +93,8 @@ MonitorDaemon::MonitorDaemon() {
   notifier.reset(new SDK::Notifier("app:app_name", "ZEPH.ZUI.FernboxTandem.Instance",
                                    "@administrators", ""));
   Channel::m_ca_path = ca_path;
+  // A stop ends every exchange with a remote server, on any thread.
+  ProtoUI::m_run_flag = &daemon_run;
 }
 
 MonitorDaemon::~MonitorDaemon() {

@@ -114,8 +114,9 @@ class MonitorDaemon : public Daemon {
   // 36; nullptr everywhere else.  Called from the main thread and from the
   // status thread (which holds state_mutex meanwhile); keeps no state.
   // A connection upgrade that re-synchronises waits 3 s on the calling
-  // thread; clearing daemon_run and sending that thread SIGTERM cuts the
-  // wait short and leaves the upgrade to the next start.
+  // thread; SIGTERM sent to that thread cuts the wait short, and the
+  // upgrade is carried out in full.  Every remote server asked on the way
+  // is cancelled once daemon_run is cleared.
   // Returns the error handler's result.  Virtual so that tests can watch
   // the status monitor's findings.
   virtual int HandleError(const ConnectionEntry& connection, const SessionInfo& session, int code,

@@ -10,6 +10,7 @@
 #include <random>
 
 #include "log/log.h"
+#include "stream/redact.h"
 #include "stream/stream-util.h"
 
 using stream_util::kComponent;
@@ -335,7 +336,9 @@ int PStream::WriteMap(const PObject::map_type& members) {
     // Keys with a leading '_' travel without it ("_agent" as "agent").
     if (!key.empty() && key[0] == '_') key.remove_prefix(1);
     rc = WriteString(key);
+    const bool hidden = dump_ && rc == kOk && HideSecret(key);
     if (rc == kOk) rc = WriteValue(member.second);
+    dump_ |= hidden;
     if (rc != kOk) {
       key_path_.insert(key_path_.begin(), key);
       return rc;
@@ -344,6 +347,13 @@ int PStream::WriteMap(const PObject::map_type& members) {
   --depth_;
   if (dump_) LOG_DEBUG(kComponent, "%s}", Indent());
   return WriteBytes(&close, 1);
+}
+
+bool PStream::HideSecret(std::string_view key) {
+  if (!IsSecretKey(key)) return false;
+  LOG_DEBUG(kComponent, "%s\"%s\"", Indent(), kRedacted);
+  dump_ = false;
+  return true;
 }
 
 // ---- temporary names ----

@@ -186,6 +186,10 @@ class PStream {
   int WriteMap(const PObject::map_type& members);
   int WriteBinary(const PObject::binary_type& binary);
   int WriteBinaryEx(const PObject::binary_ex_type& binary);
+  // Called while dumping, for the value of map member `key`: when the key
+  // names a secret (stream/redact.h), dumps kRedacted instead and turns the
+  // dump off; true then, and the caller turns it on again after the value.
+  bool HideSecret(std::string_view key);
   // Appends to the pending bytes; they go to the channel when the block is
   // full, before a file and at the end of Send.
   int WriteBytes(const void* data, size_t n) {

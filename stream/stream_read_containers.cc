@@ -101,7 +101,9 @@ int PStream::ReadMap(PObject* target) {
                                          std::forward_as_tuple(key), std::forward_as_tuple());
     if (members.size() == held) Refund(MemberCost(key.size()));
     key_path_.push_back(at->first);
+    const bool hidden = dump_ && HideSecret(at->first);
     rc = ReadTaggedValue(&at->second);
+    dump_ |= hidden;
     if (rc != kOk) break;
     key_path_.pop_back();
   }

@@ -46,9 +46,11 @@ def command(program, *args):
     return EMULATOR + [program] + list(args)
 
 
-def vm_rss_kib(pid):
+def vm_rss_kib(pid, field="VmRSS"):
+    """The process's resident size (or another field of /proc/PID/status, such as
+    its peak VmHWM) in KiB."""
     with open("/proc/%d/status" % pid) as f:
-        return int(next(line for line in f if line.startswith("VmRSS:")).split()[1])
+        return int(next(line for line in f if line.startswith(field + ":")).split()[1])
 
 
 def sanitized_binary():
