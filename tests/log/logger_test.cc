@@ -219,8 +219,7 @@ TaskState StateOf(pid_t tid, const std::string& lock) {
   }
   const std::string task = "/proc/self/task/" + std::to_string(tid) + "/";
   const std::string status = ReadFile(task + "status");
-  const size_t at = status.find("
-voluntary_ctxt_switches:");
+  const size_t at = status.find("\nvoluntary_ctxt_switches:");
   return {waiting, ReadFile(task + "wchan").find("futex") != std::string::npos,
           at == std::string::npos ? -1 : atoll(status.c_str() + at + 25)};
 }
