@@ -10,6 +10,7 @@
 
 #include "platform/fixed_path.h"
 #include "platform/klib.h"
+#include "platform/safe_file.h"
 
 namespace {
 
@@ -36,15 +37,9 @@ class ScopedSettingLock {
 
 // Opens the lock file read-write.  One this call creates gets mode 0644
 // whatever the umask, since the package's other programs open it too; an
-// existing one keeps its mode.
+// existing one keeps its mode.  A link at its path is refused.
 int OpenLockFile(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kLockFileMode);
-  if (fd >= 0) {
-    fchmod(fd, kLockFileMode);
-    return fd;
-  }
-  if (errno != EEXIST) return -1;
-  return open(path.c_str(), O_RDWR | O_CLOEXEC);
+  return OpenFileNoFollow(path, O_RDWR, kLockFileMode);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 
 #include "db/sqlite-guards.h"
 #include "log/log.h"
+#include "platform/safe_file.h"
 #include "sdk/fslib/fslib.h"
 
 namespace {
@@ -178,17 +179,19 @@ void WriteConfig(FILE* f, const FilterConfig& c) {
   fputc('\n', f);
 }
 
-// Writes `c` into the new file `fd`, gives it `mode`, flushes it to the
-// disk and closes it.  0, or -1 when any of these failed.
-int WriteToDisk(int fd, mode_t mode, const FilterConfig& c) {
-  FILE* f = fdopen(fd, "w");
-  if (f == nullptr) {
-    close(fd);
-    return -1;
-  }
+// The text of `c` as the writer above lays it out.  -1 when the memory for
+// it could not be had.
+int RenderConfig(const FilterConfig& c, std::string* text) {
+  char* buffer = nullptr;
+  size_t size = 0;
+  FILE* f = open_memstream(&buffer, &size);
+  if (f == nullptr) return -1;
   WriteConfig(f, c);
-  const bool flushed = fchmod(fd, mode) == 0 && fflush(f) == 0 && !ferror(f) && fsync(fd) == 0;
-  return fclose(f) == 0 && flushed ? 0 : -1;
+  const bool written = fflush(f) == 0 && !ferror(f);
+  fclose(f);
+  if (written) text->assign(buffer, size);
+  free(buffer);
+  return written ? 0 : -1;
 }
 
 }  // namespace
@@ -290,19 +293,15 @@ int FilterFile::Load(const std::string& path) {
 
 int FilterFile::Write(const std::string& path) {
   std::lock_guard<std::mutex> lock(mutex_);
-  // The new text goes to a file of its own beside the old one and replaces
-  // it by a rename only once every byte has reached the disk: a crash or a
-  // full disk leaves the old file or the new one, never a cut one.
-  std::string temp = path + ".XXXXXX";
-  const int fd = mkostemp(&temp[0], O_CLOEXEC);
-  if (fd < 0) return -1;
+  // A crash or a full disk leaves the old file or the new one, never a cut
+  // one; a link at the path is refused.
+  std::string text;
+  if (RenderConfig(config_, &text) != 0) return -1;
   struct stat old;
-  const mode_t mode = stat(path.c_str(), &old) == 0 ? (old.st_mode & 07777) : kNewFilterFileMode;
-  if (WriteToDisk(fd, mode, config_) != 0 || rename(temp.c_str(), path.c_str()) != 0) {
-    unlink(temp.c_str());
-    return -1;
-  }
-  return 0;
+  const mode_t mode = lstat(path.c_str(), &old) == 0 && S_ISREG(old.st_mode)
+                          ? (old.st_mode & 07777)
+                          : kNewFilterFileMode;
+  return ReplaceFile(path, text, mode);
 }
 
 int FilterFile::SetMaximum(int which, uint64_t value) {

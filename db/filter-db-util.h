@@ -103,8 +103,9 @@ class FilterFile {
   int Load(const std::string& path);
   // Replaces the file at `path` with the config: written to a temporary
   // file in the same directory ("path.XXXXXX", with the old file's mode, or
-  // 0644), synced, then renamed over `path`.  0, or -1 when any step fails;
-  // `path` is then as it was and the temporary file is gone.
+  // 0644), synced, then renamed over `path` (platform/safe_file.h).  0, or
+  // -1 when any step fails or a link sits at `path`; `path` is then as it
+  // was and the temporary file is gone.
   int Write(const std::string& path);
   // Sets Common max_length (kFilterMaxLength) or max_path (kFilterMaxPath).
   // -1 for any other `which`.

@@ -18,12 +18,18 @@ struct ProxyInfo {
   std::string proxy_password;  // plain text in memory, encrypted when stored
   std::string proxy_domain;
   std::string proxy_host;
+  // The stored column as read, when it could not be decoded (no cipher, or
+  // no base64); proxy_password is then "".  Written back as it was unless
+  // proxy_password is set: a password this process cannot read is never
+  // stored as ''.  Empty for a password that decoded.
+  std::string undecoded_password;
 
   bool operator==(const ProxyInfo& o) const {
     return use_proxy == o.use_proxy && use_system_proxy == o.use_system_proxy &&
            proxy_ip == o.proxy_ip && proxy_port == o.proxy_port &&
            proxy_username == o.proxy_username && proxy_password == o.proxy_password &&
-           proxy_domain == o.proxy_domain && proxy_host == o.proxy_host;
+           proxy_domain == o.proxy_domain && proxy_host == o.proxy_host &&
+           undecoded_password == o.undecoded_password;
   }
 };
 

@@ -1,6 +1,7 @@
 // The stored form of the proxy password: Blowfish CFB-64, then base64.
 #include "db/system-db.h"
 
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/provider.h>
 
@@ -17,14 +18,19 @@ const unsigned char kProxyPasswordKey[4] = {0x5c, 0x3a, 0x9e, 0x71};
 
 // Blowfish lives in OpenSSL's legacy provider; a library context of our own
 // holds it (with the default provider) so the rest of the process keeps the
-// default set-up.  Created once, kept for the process's life.
+// default set-up.  Created once, kept for the process's life; null when
+// either provider could not be loaded.
 OSSL_LIB_CTX* CipherContext() {
-  static OSSL_LIB_CTX* ctx = [] {
+  static OSSL_LIB_CTX* const ctx = [] {
     OSSL_LIB_CTX* c = OSSL_LIB_CTX_new();
-    if (c != nullptr) {
-      OSSL_PROVIDER_load(c, "legacy");
-      OSSL_PROVIDER_load(c, "default");
+    if (c != nullptr && (OSSL_PROVIDER_load(c, "legacy") == nullptr ||
+                         OSSL_PROVIDER_load(c, "default") == nullptr)) {
+      OSSL_LIB_CTX_free(c);
+      c = nullptr;
     }
+    // A failed load leaves its errors queued on this thread, where a later
+    // TLS call would take them for its own.
+    ERR_clear_error();
     return c;
   }();
   return ctx;
@@ -67,6 +73,8 @@ int ProxyPasswordCipher(const std::string& in, bool encrypt, std::string* out) {
 }
 
 }  // namespace
+
+bool SystemDB::ProxyPasswordCipherLoaded() { return CipherContext() != nullptr; }
 
 int SystemDB::EncodeProxyPassword(const std::string& plain, std::string* stored) {
   stored->clear();

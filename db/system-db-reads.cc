@@ -87,7 +87,12 @@ void ReadConnectionRow(sqlite3_stmt* stmt, ConnectionEntry* e) {
   ReadText(stmt, kProxyUsername, &e->proxy.proxy_username);
   std::string stored_password;
   ReadText(stmt, kProxyPassword, &stored_password);
-  SystemDB::DecodeProxyPassword(stored_password, &e->proxy.proxy_password);
+  e->proxy.undecoded_password.clear();
+  if (SystemDB::DecodeProxyPassword(stored_password, &e->proxy.proxy_password) != 0) {
+    LOG_DEBUG(kComponent, "the proxy password of connection %llu cannot be decoded; kept as stored",
+              static_cast<ull>(e->id));
+    e->proxy.undecoded_password = stored_password;
+  }
   ReadText(stmt, kProxyDomain, &e->proxy.proxy_domain);
   ReadText(stmt, kProxyHost, &e->proxy.proxy_host);
   e->tunnel.use_tunnel = ColumnNonZero(stmt, kUseTunnel);

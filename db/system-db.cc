@@ -277,6 +277,11 @@ int SystemDB::initialize(const std::string& path) {
   m_db = db.release();
   m_system_db_path = path;
   LOG_INFO(kComponent, "SystemDB has been initialized with location '%s'", path.c_str());
+  if (!ProxyPasswordCipherLoaded()) {
+    LOG_CRIT(kComponent,
+             "cannot load OpenSSL's legacy provider: stored proxy passwords cannot be read and "
+             "are kept as stored; new ones are refused");
+  }
   sqlite3_busy_timeout(m_db, kSqliteBusyTimeoutMs);
   return 0;
 }
@@ -351,7 +356,9 @@ int SystemDB::setSessionEncryptionState(uint64_t session_id, bool is_encryption,
 int SystemDB::updateConnectionEntry(ConnectionEntry* entry, const ProxyInfo& proxy,
                                     const TunnelInfo& tunnel) {
   std::string password;
-  if (EncodeProxyPassword(proxy.proxy_password, &password) != 0) {
+  if (proxy.proxy_password.empty() && !proxy.undecoded_password.empty()) {
+    password = proxy.undecoded_password;  // unreadable here, not gone
+  } else if (EncodeProxyPassword(proxy.proxy_password, &password) != 0) {
     LOG_ERROR(kComponent, "failed to encrypt the proxy password of connection %llu",
               static_cast<ull>(entry->id));
     return -1;

@@ -54,8 +54,10 @@ class SystemDB {
 
   // Rewrites the row whose (nx_id, conn_type) match `entry`'s with the
   // entry's fields and the given proxy and tunnel settings (the proxy
-  // password is stored encrypted); no row is inserted.  Sets entry->id to
-  // the row's id.  -1 also when no row matches.
+  // password is stored encrypted; an empty one that was read undecoded is
+  // written back as it was stored); no row is inserted.  Sets entry->id to
+  // the row's id.  -1 also when no row matches, and (with an ERROR) when a
+  // password cannot be encrypted.
   static int updateConnectionEntry(ConnectionEntry* entry, const ProxyInfo& proxy,
                                    const TunnelInfo& tunnel);
   // Rewrites the row whose (view_id, conn_id, remote_path) match `session`'s
@@ -90,8 +92,14 @@ class SystemDB {
   // column too.  Thread-safe.
   static int EncodeProxyPassword(const std::string& plain, std::string* stored);
   // The inverse; the result is cut at its first NUL byte.  -1 (and "") when
-  // `stored` is not base64.
+  // `stored` is not base64 or the cipher is missing.  A row whose password
+  // does not decode is read with the stored text in undecoded_password,
+  // which updateConnectionEntry writes back unchanged.
   static int DecodeProxyPassword(const std::string& stored, std::string* plain);
+  // Whether the cipher (OpenSSL's legacy provider) could be loaded.  When
+  // not, initialize logs a CRIT line; stored passwords read as "" and are
+  // kept as stored, and a new password is refused.
+  static bool ProxyPasswordCipherLoaded();
 
   static sqlite3* m_db;               // the open database; null while closed
   static std::mutex m_dbMutex;        // held by every operation but open/close

@@ -158,9 +158,11 @@ int ErrorHandler::HandleServerVersionChanged(const ConnectionEntry& old_connecti
       break;
     default:
       if (IsBuildNumberTooOld(new_connection.package_version)) {
-        LOG_ERROR(kComponent,
-                  "ErrorHandler::HandleServerVersionChanged: Server build number %ld is too old",
-                  static_cast<long>(new_connection.package_version));
+        // Without a line break: the next entry continues this line.
+        LOG_ERROR_NO_NEWLINE(kComponent,
+                             "ErrorHandler::HandleServerVersionChanged: Server build number %ld "
+                             "is too old",
+                             static_cast<long>(new_connection.package_version));
         HandleError(old_connection, session, 22, nullptr);
       }
       break;

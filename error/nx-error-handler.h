@@ -12,7 +12,6 @@
 #ifndef VESTA_ERROR_NX_ERROR_HANDLER_H_
 #define VESTA_ERROR_NX_ERROR_HANDLER_H_
 
-#include <atomic>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -34,17 +33,14 @@ enum {
 
 // The wait of a re-synchronisation between taking a connection's sessions
 // out of the sync daemon and resetting their databases, which gives the
-// daemon time to let go of them.
+// daemon time to let go of them.  The upgrade goes on after it in every
+// case: a stopping daemon only cuts it short, by the SIGTERM that wakes the
+// thread.
 struct ResyncPause {
   int seconds = 3;
-  // The process's run flag (0 = stopping): a stop cuts the wait short.  It
-  // is read at least every 250 ms and after every signal, so a thread that
-  // is sent SIGTERM (handled without SA_RESTART) wakes at once.  nullptr:
-  // nothing cuts it short.  Must outlive the handler.
-  const std::atomic<int32_t>* run_flag = nullptr;
 
-  // True when the whole time passed; false as soon as the run flag reads 0.
-  bool Wait() const;
+  // Sleeps `seconds`, less when a signal arrives meanwhile.
+  void Wait() const;
 };
 
 // Whether a TLS switch checks the server certificate's chain and name, and

@@ -4,8 +4,6 @@
 // certificate signature.
 #include <time.h>
 
-#include <chrono>
-
 #include "config/service.h"
 #include "config/setting.h"
 #include "db/connection-updater.h"
@@ -31,9 +29,6 @@ constexpr int kResyncBuilds[] = {3208, 10119};  // events must be rebuilt
 constexpr int kReloadBuild = 4101;              // sessions must be reloaded
 constexpr int kMergeBuild = 12124;              // nodes must meet in a three-way merge
 
-// The longest the re-sync's wait sleeps before it looks at the run flag.
-constexpr std::chrono::milliseconds kPauseStep(250);
-
 bool Crosses(int old_build, int new_build, int threshold) {
   return old_build < threshold && threshold <= new_build;
 }
@@ -51,19 +46,9 @@ std::string HostPart(const std::string& text) {
 
 }  // namespace
 
-bool ResyncPause::Wait() const {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
-  for (;;) {
-    if (run_flag != nullptr && run_flag->load() == 0) return false;
-    const Clock::duration left = end - Clock::now();
-    if (left <= Clock::duration::zero()) return true;
-    const auto step = std::chrono::duration_cast<std::chrono::nanoseconds>(
-        left < kPauseStep ? left : Clock::duration(kPauseStep));
-    timespec ts{static_cast<time_t>(step.count() / 1000000000),
-                static_cast<long>(step.count() % 1000000000)};
-    nanosleep(&ts, nullptr);  // a signal ends it early: the flag is read again
-  }
+void ResyncPause::Wait() const {
+  timespec ts{static_cast<time_t>(seconds), 0};
+  nanosleep(&ts, nullptr);  // a signal ends it early, and the upgrade goes on
 }
 
 int NXClientErrorHandler::UpgradeConnection(uint64_t conn_id,
@@ -89,14 +74,9 @@ int NXClientErrorHandler::UpgradeConnection(uint64_t conn_id,
         LOG_ERROR(kComponent, "failed to remove daemon session %llu", (ull)s.id);
       }
     }
-    if (!pause_.Wait()) {
-      // The stored record still names the old server, so the next start
-      // finds the change again and upgrades the connection from scratch.
-      LOG_WARNING(kComponent,
-                  "UpgradeConnection: stopping; connection %llu is upgraded at the next start",
-                  (ull)conn_id);
-      return -1;
-    }
+    // The sessions are out of the sync daemon now: only the steps below
+    // hand them back, so they run even when the daemon is stopping.
+    pause_.Wait();
     ResetSessionDatabases(sessions);
   }
 

@@ -14,6 +14,7 @@
 #include "sdk/share-service.h"
 #include "sdk/share.h"
 #include "stream/PObject.h"
+#include "stream/redact.h"
 
 const char kDaemonSocketPath[] = "/tmp/tarn.sock";
 
@@ -120,7 +121,7 @@ int SendCommand(const std::string& socket_path, const PObject& request, PObject*
   }
   if (HasMember(*reply, "error")) {
     const PObject& error = reply->Lookup("error");
-    const std::string text = error.IsString() ? error.AsString() : ToJson(error);
+    const std::string text = error.IsString() ? error.AsString() : ToLogJson(error);
     LOG_ERROR(kComponent, "ipc response error[action=%s, error=%s]", action.c_str(), text.c_str());
     return -1;
   }

@@ -12,12 +12,18 @@
 #include <algorithm>
 
 #include "log/log.h"
+#include "platform/safe_file.h"
 #include "stream/PObject.h"
 #include "stream/stream.h"
 
 namespace {
 
 const char kComponent[] = "ipc";
+
+// Processes of every user connect to the socket: bind creates its file
+// with mode 0777 less the umask, so this mask gives it 0666 from the start.
+// A chmod by path afterwards could be made to land on another file.
+constexpr mode_t kSocketUmask = 0111;
 
 // Longest path a socket address holds, leaving its terminating zero.
 constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;  // 107
@@ -76,8 +82,9 @@ int IPCServer::Listen(const std::string& path, int backlog) {
   const char* failed = nullptr;
   if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
     failed = "setsockopt";
-  } else if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-    failed = "bind";
+  } else {
+    ScopedUmask socket_mode(kSocketUmask);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) failed = "bind";
   }
   if (failed != nullptr) {
     LogSocketError(failed);
@@ -85,12 +92,7 @@ int IPCServer::Listen(const std::string& path, int backlog) {
     return -1;
   }
   // Bound: from here on a failure also removes the socket file.
-  if (listen(fd, backlog) != 0) {
-    failed = "listen";
-  } else if (chmod(addr.sun_path, 0666) != 0) {
-    // Processes of every user connect to the socket.
-    failed = "chmod";
-  }
+  if (listen(fd, backlog) != 0) failed = "listen";
   if (failed != nullptr) {
     LogSocketError(failed);
     CloseBound(fd);

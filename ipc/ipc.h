@@ -35,7 +35,9 @@ class IPCServer {
   IPCServer& operator=(const IPCServer&) = delete;
 
   // Replaces any file at `path` with a socket that every user may connect
-  // to, and listens.  A path longer than 107 bytes is bound under its first
+  // to, and listens.  The socket file is made with mode 0666 by bind itself
+  // (the process's umask is changed for that call: Listen must run before
+  // any other thread may create a file).  A path longer than 107 bytes is bound under its first
   // 107 bytes.  0, or -1 when already listening (the existing socket is left
   // alone), for an empty path, or when a socket call fails (nothing is left
   // behind).

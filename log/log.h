@@ -36,18 +36,20 @@ inline int ThreadId() { return static_cast<int>(syscall(SYS_gettid) % 100000); }
 
 }  // namespace vesta_log_detail
 
-#define VESTA_LOG_AT(level, word, component, format, ...)                    \
+#define VESTA_LOG_LINE(level, word, end, component, format, ...)             \
   do {                                                                       \
     if (Logger::IsLogEnabled((level), (component))) {                        \
       constexpr const char* vesta_log_base_ =                                \
           vesta_log_detail::BaseName(__FILE__);                              \
       Logger::Log((level), (component),                                      \
-                  "(%5d:%5d) [" word "] %.*s(%d): " format "\n",             \
+                  "(%5d:%5d) [" word "] %.*s(%d): " format end,              \
                   static_cast<int>(getpid()), vesta_log_detail::ThreadId(),  \
                   vesta_log_detail::StemLength(vesta_log_base_),             \
                   vesta_log_base_, __LINE__, ##__VA_ARGS__);                 \
     }                                                                        \
   } while (0)
+#define VESTA_LOG_AT(level, word, component, format, ...) \
+  VESTA_LOG_LINE(level, word, "\n", component, format, ##__VA_ARGS__)
 
 #define LOG_CRIT(component, format, ...) \
   VESTA_LOG_AT(LOG_LEVEL_CRIT, "CRIT", component, format, ##__VA_ARGS__)
@@ -59,5 +61,8 @@ inline int ThreadId() { return static_cast<int>(syscall(SYS_gettid) % 100000); }
   VESTA_LOG_AT(LOG_LEVEL_INFO, "INFO", component, format, ##__VA_ARGS__)
 #define LOG_DEBUG(component, format, ...) \
   VESTA_LOG_AT(LOG_LEVEL_DEBUG, "DEBUG", component, format, ##__VA_ARGS__)
+// LOG_ERROR without the added newline: the next message continues its line.
+#define LOG_ERROR_NO_NEWLINE(component, format, ...) \
+  VESTA_LOG_LINE(LOG_LEVEL_ERROR, "ERROR", "", component, format, ##__VA_ARGS__)
 
 #endif  // VESTA_LOG_LOG_H_

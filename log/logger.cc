@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "log/key_value_file.h"
+#include "platform/safe_file.h"
 
 namespace {
 
@@ -51,6 +52,20 @@ bool CountersShared(const Logger::InitConfig& c) { return c.share_mode >= 2; }
 
 namespace {
 
+// Modes of the files the logger creates: what the daemon's umask of 022
+// made of 0666 (the log) and 0777 (the lock file).
+constexpr mode_t kLogFileMode = 0644;
+constexpr mode_t kLockFileMode = 0755;
+
+// The log's directory, opened by Init: the log, its rotations and its lock
+// file are opened, renamed and removed by name within it, never through a
+// link at the name.  log_name is the log's own name there.
+FileDir log_dir;
+std::string log_name;
+
+// path_i, by its name in log_dir.
+std::string NumberedName(int i) { return log_name + "_" + std::to_string(i); }
+
 // flock locks belong to an open file description, which a forked child
 // shares with its parent: a child must open the lock file anew before its
 // lock excludes anyone.  A fork handler marks the child, so that Lock need
@@ -59,12 +74,11 @@ bool lock_file_inherited = false;
 
 void MarkLockFileInherited() { lock_file_inherited = true; }
 
-int OpenLockFile(const std::string& log_file) {
+int OpenLockFile() {
   static const int registered = pthread_atfork(nullptr, nullptr, MarkLockFileInherited);
   (void)registered;
   lock_file_inherited = false;
-  std::string lock_path = log_file + ".lock";
-  return open(lock_path.c_str(), O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, 0777);
+  return log_dir.Open(log_name + ".lock", O_RDWR | O_SYNC, kLockFileMode);
 }
 
 // True while log_fp is a stream the logger opened (the log file, or its own
@@ -174,16 +188,24 @@ int Logger::Init(const InitConfig& new_config) {
     // Refuse before tearing anything down, so that a file that cannot be
     // opened leaves the previous output in place.
     if (new_config.path.empty()) return -1;
-    FILE* probe = fopen(new_config.path.c_str(), "ae");
-    if (probe == nullptr) return -1;
-    fclose(probe);
+    const int probe = OpenFileNoFollow(new_config.path, O_WRONLY | O_APPEND, kLogFileMode);
+    if (probe < 0) return -1;
+    close(probe);
   }
   Shutdown();
 
   config = new_config;
   if (config.output_type != kFile) config.share_mode = 0;
+  if (config.output_type == kFile) {
+    std::string dir;
+    SplitPath(config.path, &dir, &log_name);
+    if (log_dir.OpenDir(dir) != 0) {
+      Shutdown();
+      return -1;
+    }
+  }
 
-  if (config.share_mode > 1) log_flock = OpenLockFile(config.path);
+  if (config.share_mode > 1) log_flock = OpenLockFile();
   if (config.share_mode >= 1) {
     log_lock = new pthread_mutex_t;
     pthread_mutex_init(log_lock, nullptr);
@@ -247,13 +269,17 @@ int Logger::Init(const InitConfig& new_config) {
 // Opens config.path for appending and sets the size counter to the file's
 // size.  Leaves no stream on failure.
 int Logger::OpenFile() {
-  log_fp = fopen(config.path.c_str(), "ae");
-  if (log_fp == nullptr) return -1;
+  const int fd = log_dir.Open(log_name, O_WRONLY | O_APPEND, kLogFileMode);
+  log_fp = fd >= 0 ? fdopen(fd, "a") : nullptr;
+  if (log_fp == nullptr) {
+    if (fd >= 0) close(fd);
+    return -1;
+  }
   stream_owned = true;
   if (async_handler != nullptr) async_handler->InstallBuffer(log_fp);
   log_path = config.path;
   struct stat st;
-  if (stat(config.path.c_str(), &st) != 0) {
+  if (fstat(fd, &st) != 0) {
     int err = errno;
     fprintf(log_fp, "stat(%s): %s (%d)\n", config.path.c_str(), strerror(err), err);
     *log_size = 0;
@@ -295,7 +321,7 @@ int Logger::GetLevel(const std::string& component) {
 void Logger::Lock() {
   if (log_lock != nullptr) pthread_mutex_lock(log_lock);
   if (log_flock >= 0 && lock_file_inherited) {
-    int fd = OpenLockFile(config.path);
+    int fd = OpenLockFile();
     if (fd >= 0) {
       close(log_flock);
       log_flock = fd;
@@ -317,21 +343,26 @@ void Logger::Unlock() {
 
 void Logger::Log(int level, const char* component, const char* format, ...) {
   if (!log_initialized) return;
-  if (config.output_type != kSyslog && log_fp == nullptr) return;
   if (level > GetLevel(component)) return;
 
+  // log_fp is read under the lock only: another thread's failed rotation
+  // may have closed it meanwhile.
   Lock();
+  if (config.output_type != kSyslog && log_fp == nullptr) {
+    Unlock();
+    return;
+  }
   if (config.output_type == kFile && config.share_mode >= 2 &&
       *log_rotated_count_shared != log_rotated_count_private) {
     // Another process rotated the file: follow it to the new one.
     fclose(log_fp);
     log_fp = nullptr;
     stream_owned = false;
-    if (OpenFile() == 0) log_rotated_count_private = *log_rotated_count_shared;
-  }
-  if (config.output_type != kSyslog && log_fp == nullptr) {
-    Unlock();
-    return;
+    if (OpenFile() != 0) {
+      Unlock();
+      return;
+    }
+    log_rotated_count_private = *log_rotated_count_shared;
   }
 
   va_list args;
@@ -375,29 +406,19 @@ void Logger::Log(int level, const char* component, const char* format, ...) {
 
 // Called under the log lock.  Shifts path_0 .. path_{N-2} up by one, drops
 // path_{N-1}, and moves the current file to path_0.
+// Every name is taken within log_dir: a link at any of them is moved or
+// removed, never followed, and the new file is never opened through one.
 int Logger::Rotate() {
   const int n = config.rotate_count;
-  char from[1024], to[1024];
-  for (int i = n - 2; i >= 0; --i) {
-    snprintf(from, sizeof(from), "%s_%d", config.path.c_str(), i);
-    snprintf(to, sizeof(to), "%s_%d", config.path.c_str(), i + 1);
-    rename(from, to);
-  }
-  snprintf(to, sizeof(to), "%s_%d", config.path.c_str(), n - 1);
-  unlink(to);
+  for (int i = n - 2; i >= 0; --i) log_dir.Rename(NumberedName(i), NumberedName(i + 1));
+  log_dir.Remove(NumberedName(n - 1));
 
   fclose(log_fp);
   log_fp = nullptr;
   stream_owned = false;
-  snprintf(to, sizeof(to), "%s_%d", config.path.c_str(), 0);
-  if (rename(config.path.c_str(), to) != 0) return -1;
-  log_fp = fopen(config.path.c_str(), "ae");
-  if (log_fp == nullptr) return -1;
-  stream_owned = true;
-  if (async_handler != nullptr) {
-    async_handler->InstallBuffer(log_fp);
-    async_handler->ResetPending();
-  }
+  if (log_dir.Rename(log_name, NumberedName(0)) != 0) return -1;
+  if (OpenFile() != 0) return -1;
+  if (async_handler != nullptr) async_handler->ResetPending();
   ++*log_rotated_count_shared;
   ++log_rotated_count_private;
   return 0;
@@ -432,4 +453,5 @@ void Logger::Shutdown() {
     close(log_flock);
     log_flock = -1;
   }
+  log_dir.Close();
 }

@@ -7,6 +7,10 @@
 // with a local-time stamp to a file, standard output or standard error, or
 // sent to syslog.  A file is rotated by size; several threads (share_mode 1)
 // or several processes forked after Init (share_mode 2) may write one file.
+// The file, its numbered rotations and its lock file are opened, renamed
+// and removed by name within the log's directory, opened by Init
+// (platform/safe_file.h): a symbolic link at any of those names is refused
+// or moved, never written through.
 //
 // With async set, a background thread flushes the stream, whose buffer the
 // logger owns until Shutdown has closed the stream; on standard output or

@@ -8,6 +8,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
+
+#include "platform/safe_file.h"
 
 std::atomic<int32_t> Daemon::log_level{3};
 std::atomic<int32_t> Daemon::daemon_run{1};
@@ -24,6 +27,15 @@ int Level() { return Daemon::log_level.load(std::memory_order_relaxed); }
 
 // The largest pid Linux hands out (PID_MAX_LIMIT, 2^22).
 constexpr long kMaxPid = 4194304;
+
+// A symbolic link at the pid file's path may name any file of the system:
+// the daemon never starts over one.
+constexpr char kPidFileIsLink[] = "pid file '%s' is a symbolic link: refusing to start\n";
+
+bool IsLink(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+}
 
 }  // namespace
 
@@ -62,6 +74,12 @@ int Daemon::IsRunning(const std::string& pid_file, pid_t* pid) {
 }
 
 int Daemon::Daemonize(const std::string& pid_file) {
+  // Refused before detaching, so that the start fails where it is seen;
+  // WritePidFile refuses a link planted after this check.
+  if (IsLink(pid_file)) {
+    DAEMON_SYSLOG(Level() > 2, kPidFileIsLink, pid_file.c_str());
+    return -1;
+  }
   pid_t pid = 0;
   if (IsRunning(pid_file, &pid)) {
     DAEMON_SYSLOG(Level() > 6, "daemon is already running (pid = %d)\n", pid);
@@ -94,15 +112,14 @@ int Daemon::Daemonize(const std::string& pid_file) {
   return 0;
 }
 
+// The file is replaced whole, so that IsRunning never reads half of it.
 int Daemon::WritePidFile(const std::string& pid_file) {
-  FILE* f = fopen(pid_file.c_str(), "w");
-  if (f == nullptr) {
+  const std::string text = std::to_string(static_cast<int>(getpid())) + "\n";
+  if (ReplaceFile(pid_file, text, 0644) != 0) {
+    if (errno == ELOOP) DAEMON_SYSLOG(Level() > 2, kPidFileIsLink, pid_file.c_str());
     DAEMON_SYSLOG(Level() >= 3, "failed to create pid file at '%s'\n", pid_file.c_str());
     return -1;
   }
-  fprintf(f, "%d\n", static_cast<int>(getpid()));
-  fclose(f);
-  chmod(pid_file.c_str(), 0644);
   return 0;
 }
 

@@ -126,8 +126,6 @@ int MonitorDaemon::HandleError(const ConnectionEntry& connection, const SessionI
     if (notifier) notifier->SendNotification(notification);
   }
 
-  ResyncPause pause;
-  pause.run_flag = &daemon_run;  // a stopping daemon cuts a re-sync's wait short
-  NXClientErrorHandler handler(pause);
+  NXClientErrorHandler handler;
   return handler.HandleError(connection, session, code, previous);
 }

@@ -1,5 +1,12 @@
-// Requests on the monitor's socket: one request and one reply per accepted
-// connection, routed by "action" and then by "notify".  Main thread only.
+// Requests on the monitor's socket: who may send them, then one request and
+// one reply per accepted connection, routed by "action" and then by
+// "notify".  Main thread only.
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
 #include "log/log.h"
 #include "monitor/monitor-util.h"
 #include "monitor/vesta-monitor.h"
@@ -28,6 +35,24 @@ bool HasMember(const PObject& map, const char* key) {
 }
 
 }  // namespace
+
+bool MonitorDaemon::PeerAllowed(int fd) const {
+  if (allowed_uids_.empty()) return true;
+  ucred peer;
+  socklen_t size = sizeof(peer);
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    const int err = errno;
+    LOG_WARNING(kComponent, "refused a connection whose peer is unknown: %s (%d)", strerror(err),
+                err);
+    return false;
+  }
+  if (std::find(allowed_uids_.begin(), allowed_uids_.end(), peer.uid) != allowed_uids_.end()) {
+    return true;
+  }
+  LOG_WARNING(kComponent, "refused a connection from uid %u (pid %d): not in socket_allowed_uids",
+              static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid));
+  return false;
+}
 
 int MonitorDaemon::HandleMessage(int fd) {
   // The channel owns the socket from here on and closes it on every path.

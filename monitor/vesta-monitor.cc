@@ -6,7 +6,9 @@
 
 #include <openssl/ssl.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -19,6 +21,7 @@
 #include "log/log.h"
 #include "monitor/monitor-util.h"
 #include "net/channel.h"
+#include "net/proto-ui.h"
 #include "platform/fixed_path.h"
 #include "sdk/sdk-cpp.h"
 
@@ -36,6 +39,24 @@ using monitor::kComponent;
 
 // The listening socket's backlog.
 constexpr int kListenBacklog = 8;
+
+// The largest uid socket_allowed_uids may name: (uid_t)-1 is no user.
+constexpr uint64_t kMaxUid = 4294967294u;
+
+// One element of socket_allowed_uids: a decimal uid, blanks around it.
+bool ParseUid(const std::string& item, uint32_t* uid) {
+  const size_t first = item.find_first_not_of(" \t");
+  if (first == std::string::npos) return false;
+  const std::string digits = item.substr(first, item.find_last_not_of(" \t") + 1 - first);
+  // Ten digits hold every uid; more could overflow the conversion.
+  if (digits.size() > 10 || digits.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  const uint64_t value = std::stoull(digits);
+  if (value > kMaxUid) return false;
+  *uid = static_cast<uint32_t>(value);
+  return true;
+}
 
 // OpenSSL 3 allocates with the C library and locks itself; what remains of
 // the thread set-up is loading the error strings and initialising once.
@@ -72,6 +93,8 @@ MonitorDaemon::MonitorDaemon() {
   notifier.reset(new SDK::Notifier("app:app_name", "ZEPH.ZUI.FernboxTandem.Instance",
                                    "@administrators", ""));
   Channel::m_ca_path = ca_path;
+  // A stop ends every exchange with a remote server, on any thread.
+  ProtoUI::m_run_flag = &daemon_run;
 }
 
 MonitorDaemon::~MonitorDaemon() {
@@ -92,6 +115,7 @@ int MonitorDaemon::LoadConfig(const std::string& path) {
       {"system_db_path", &MonitorDaemon::system_db_path},
       {"socket_path", &MonitorDaemon::socket_path},
       {"log_level_file", &MonitorDaemon::log_level_file},
+      {"socket_allowed_uids", &MonitorDaemon::socket_allowed_uids},
   };
   struct NumberKey {
     const char* key;
@@ -140,6 +164,15 @@ class MonitorDaemon::RunGuard {
 };
 
 int MonitorDaemon::StartUp(RunGuard* run) {
+  // Checked before detaching, so that the error reaches whoever started
+  // the daemon; a list meant to restrict never ends up serving everyone.
+  if (ParseAllowedUids(socket_allowed_uids, &allowed_uids_) != 0) {
+    LOG_ERROR(kComponent,
+              "socket_allowed_uids '%s' is not a list of numeric uids separated by commas: "
+              "refusing to start",
+              socket_allowed_uids.c_str());
+    return -1;
+  }
   if (Daemonize(pid_file) != 0) {
     LOG_ERROR(kComponent, "failed to become daemon");
     return -1;
@@ -184,9 +217,30 @@ int MonitorDaemon::Run() {
   while (daemon_run.load()) {
     if (run.server_.WaitForConnection() != 1) continue;
     int fd = run.server_.Accept();
-    if (fd >= 0) HandleMessage(fd);
+    if (fd < 0) continue;
+    if (PeerAllowed(fd)) {
+      HandleMessage(fd);
+    } else {
+      close(fd);  // unanswered
+    }
   }
   LOG_INFO(kComponent, "monitor daemon stops receiving messages");
+  return 0;
+}
+
+int MonitorDaemon::ParseAllowedUids(const std::string& text, std::vector<uint32_t>* uids) {
+  uids->clear();
+  if (text.empty()) return 0;
+  std::vector<uint32_t> parsed;
+  for (size_t start = 0;;) {
+    const size_t end = std::min(text.find(',', start), text.size());
+    uint32_t uid = 0;
+    if (!ParseUid(text.substr(start, end - start), &uid)) return -1;
+    parsed.push_back(uid);
+    if (end == text.size()) break;
+    start = end + 1;
+  }
+  uids->swap(parsed);
   return 0;
 }
 

@@ -75,6 +75,15 @@ class MonitorDaemon : public Daemon {
   // the status thread first.  The process must have a SIGTERM handler.
   void StopWorkerThreads();
 
+  // Parses the text of socket_allowed_uids: decimal uids (0 to
+  // 4294967294) separated by commas, blanks allowed around each.  0 with
+  // the list (empty for ""), or -1 when the text is anything else.
+  static int ParseAllowedUids(const std::string& text, std::vector<uint32_t>* uids);
+  // Whether the peer of the accepted connection `fd` may be served: always
+  // while no uid is listed; else only a listed peer uid (SO_PEERCRED).  A
+  // refusal is logged at WARNING with the peer's uid and pid.
+  bool PeerAllowed(int fd) const;
+
   // Serves one accepted connection: reads one request (binaries refused),
   // replies and dispatches.  Takes ownership of `fd`.  0, or -1 when the
   // request could not be read or the reply not written.
@@ -105,8 +114,9 @@ class MonitorDaemon : public Daemon {
   // 36; nullptr everywhere else.  Called from the main thread and from the
   // status thread (which holds state_mutex meanwhile); keeps no state.
   // A connection upgrade that re-synchronises waits 3 s on the calling
-  // thread; clearing daemon_run and sending that thread SIGTERM cuts the
-  // wait short and leaves the upgrade to the next start.
+  // thread; SIGTERM sent to that thread cuts the wait short, and the
+  // upgrade is carried out in full.  Every remote server asked on the way
+  // is cancelled once daemon_run is cleared.
   // Returns the error handler's result.  Virtual so that tests can watch
   // the status monitor's findings.
   virtual int HandleError(const ConnectionEntry& connection, const SessionInfo& session, int code,
@@ -153,6 +163,9 @@ class MonitorDaemon : public Daemon {
   std::string socket_path = "/tmp/tarn-monitor.sock";
   std::string log_level_file = "/volume1/log.debug";
   std::string ca_path = "/etc/ssl/certs/ca-certificates.crt";
+  // Who may drive the socket, as the configuration gives it ("" serves
+  // every local user).  Run refuses to start when it does not parse.
+  std::string socket_allowed_uids;
   std::atomic<int32_t> list_share_period{300};            // seconds
   std::atomic<int32_t> disconnected_time_threadhold{30};  // seconds
   std::atomic<int32_t> update_status_period{5};           // seconds
@@ -180,6 +193,9 @@ class MonitorDaemon : public Daemon {
 
   // Start-up steps of Run up to the running workers; -1 at the first failure.
   int StartUp(RunGuard* run);
+
+  // socket_allowed_uids as parsed by StartUp; empty serves everyone.
+  std::vector<uint32_t> allowed_uids_;
   static int WriteReply(Channel* channel, const PObject& reply);
   // The body of one listing, without the schedule update.
   int ListShareConnection(const ListShareScheduleEntry& entry);

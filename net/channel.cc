@@ -97,10 +97,7 @@ class LocalFile {
 // every block before pacing it.
 class ChannelController : public cat::BandwidthController {
  public:
-  bool IsCancelled() override {
-    return (cancel_flag_ != nullptr && cancel_flag_->load(std::memory_order_relaxed) != 0) ||
-           (run_flag_ != nullptr && run_flag_->load(std::memory_order_relaxed) == 0);
-  }
+  bool IsCancelled() override { return cat::StopAsked(cancel_flag_, run_flag_); }
   void OnRead(size_t n) override {
     if (reporter_ != nullptr) reporter_->Update(n);
     cat::BandwidthController::OnRead(n);
@@ -113,6 +110,7 @@ class ChannelController : public cat::BandwidthController {
   void SetCancelFlag(const std::atomic<int>* flag) { cancel_flag_ = flag; }
   void SetRunFlag(const std::atomic<int32_t>* run) { run_flag_ = run; }
   const std::atomic<int>* GetCancelFlag() const { return cancel_flag_; }
+  const std::atomic<int32_t>* GetRunFlag() const { return run_flag_; }
   void SetReporter(Channel::ProgressReporter* reporter) { reporter_ = reporter; }
 
  private:
@@ -145,7 +143,8 @@ void Channel::SetServerCipherList(const std::string& list) { m_server_cipher_lis
 
 Channel::Channel(size_t block_size)
     : controller_(std::make_unique<ChannelController>()),
-      block_size_(block_size != 0 ? block_size : kDefaultBlockSize) {}
+      block_size_(block_size != 0 ? block_size : kDefaultBlockSize),
+      clock_(cat::Clock::Real()) {}
 
 Channel::~Channel() { Close(); }
 
@@ -158,6 +157,7 @@ void Channel::BuildIO(const cat::IOBase& io) {
   io_->Detach();
   io_->Attach(io);
   io_->SetController(controller_.get());
+  io_->SetClock(clock_);
   io_->SetTimeout(timeout_);
   io_->SetDeadline(0);  // a deadline belongs to one connection
 }
@@ -174,7 +174,8 @@ int Channel::OpenDescriptor(int fd) {
 }
 
 int Channel::Open(const std::string& socket_path) {
-  int fd = cat::ConnectUnix(socket_path, timeout_, controller_->GetCancelFlag());
+  int fd = cat::ConnectUnix(socket_path, timeout_, controller_->GetCancelFlag(),
+                            controller_->GetRunFlag());
   if (fd < 0) return kErrIo;
   OpenDescriptor(fd);
   BuildIO(*socket_);
@@ -306,6 +307,10 @@ void Channel::SetRunFlag(const std::atomic<int32_t>* run) { controller_->SetRunF
 
 void Channel::SetDeadline(int seconds) {
   if (io_ != nullptr) io_->SetDeadline(seconds > 0 ? static_cast<uint64_t>(seconds) * 1000000u : 0);
+}
+
+void Channel::SetDeadlineAt(uint64_t at_us) {
+  if (io_ != nullptr) io_->SetDeadlineAt(at_us);
 }
 
 void Channel::SetAuxiliary(std::unique_ptr<Auxiliary> aux) { auxiliary_ = std::move(aux); }
@@ -631,7 +636,8 @@ uint16_t Channel::Swap16(uint16_t value) { return __builtin_bswap16(value); }
 
 int Channel::Connect(const char* host, int port) {
   std::string address = cat::ParseHostAddress(host, &port);
-  int fd = cat::ConnectTcp(address, port, timeout_, controller_->GetCancelFlag());
+  int fd = cat::ConnectTcp(address, port, timeout_, controller_->GetCancelFlag(),
+                           controller_->GetRunFlag());
   return fd < 0 ? -1 : fd;
 }
 

@@ -10,9 +10,9 @@
 // pass, file transfers with progress reports, TCP tuning and the identity of
 // the peer (address, certificate signature and its SHA-256 hash).
 //
-// Threads: a Channel is used by one thread at a time.  The only thing another
-// thread may touch is the cancel flag handed to SetCancelFlag; every wait
-// tests it between steps.  The class-wide paths and the server cipher list
+// Threads: a Channel is used by one thread at a time.  The only things another
+// thread may touch are the flags handed to SetCancelFlag and SetRunFlag;
+// every wait, connects included, tests them between steps.  The class-wide paths and the server cipher list
 // are set once, before any channel is opened, and read without a lock.
 //
 // Results: 0 for success, otherwise one of the negative codes below.  A
@@ -30,6 +30,7 @@
 
 namespace cat {
 class BufferedIOBase;
+class Clock;
 class IOBase;
 class Socket;
 }  // namespace cat
@@ -138,6 +139,13 @@ class Channel {
   // the peer trickles its bytes; after that they fail (-2) as after an idle
   // time-out.  0 removes the deadline.  Needs an open channel.
   void SetDeadline(int seconds);
+  // The same at `at_us` on the channel's clock.
+  void SetDeadlineAt(uint64_t at_us);
+  // The time source of the idle time-out and the deadline of the
+  // connections opened from now on; not owned, must outlive the channel.
+  // Tests replace the real clock (cat::Clock::Real()).
+  void SetClock(cat::Clock* clock) { clock_ = clock; }
+  cat::Clock* GetClock() const { return clock_; }
 
   // Starts digesting every byte read or written (OpenSSL digest names such as
   // "sha256").  Returns 1 on success (also for enable == false, which stops
@@ -307,6 +315,7 @@ class Channel {
   std::unique_ptr<cat::Socket> socket_;      // owns the descriptor
   std::unique_ptr<Digest> digest_;           // null while digesting is off
   size_t block_size_;                        // bytes per copying block
+  cat::Clock* clock_;                        // not owned; time-outs and deadline
 };
 
 #endif  // VESTA_NET_CHANNEL_H_

@@ -4,13 +4,18 @@
 
 #include <time.h>
 
+#include <algorithm>
+
 #include "db/base64.h"
 #include "log/log.h"
+#include "net/cat/controller.h"
 #include "net/channel.h"
+#include "net/net-limits.h"
 #include "net/proto-builder.h"
 #include "net/proto-error.h"
 #include "net/proto-wire.h"
 #include "net/rsa.h"
+#include "stream/redact.h"
 #include "stream/stream.h"
 
 namespace {
@@ -24,10 +29,17 @@ bool StartsWith(const std::string& text, const char* prefix) {
   return text.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
 }
 
-// A reply may never make the client write a file where the server chose.
-void RefuseFiles(PStream* stream) { stream->SetRefuseBinaries(true); }
+// A reply may never make the client write a file where the server chose,
+// nor take more of its memory than the cap.  The stream's requests are
+// not affected.
+void GuardReplies(PStream* stream) {
+  stream->SetRefuseBinaries(true);
+  stream->SetSizeCap(kReplySizeCap);
+}
 
 }  // namespace
+
+const std::atomic<int32_t>* ProtoUI::m_run_flag = nullptr;
 
 ProtoUI::ProtoUI() { Reset(); }
 
@@ -61,6 +73,7 @@ void ProtoUI::Reset() {
   proxy_.reset();
   tunnel_.reset();
   cancel_flag_ = nullptr;
+  clock_ = cat::Clock::Real();
   ClearError();
 }
 
@@ -192,7 +205,7 @@ int ProtoUI::RunProtocol(uint8_t command, const PObject& request, PObject* reply
 int ProtoUI::Exchange(uint8_t command, const PObject& request, PObject* reply) {
   const std::string action = request.Lookup("_action").AsString();
   LOG_DEBUG(kComponent, "start %s protocol and protocol request is %s", action.c_str(),
-            ToJson(request).c_str());
+            ToLogJson(request).c_str());
   if (Connect() != 0) return -1;
 
   int rc = SendHeader(channel_.get(), kProtoVersion, command);
@@ -203,15 +216,15 @@ int ProtoUI::Exchange(uint8_t command, const PObject& request, PObject* reply) {
   PObject sent = request;
   AddProtoMap(&sent);
   PStream stream;
-  RefuseFiles(&stream);
+  GuardReplies(&stream);
   rc = stream.Send(channel_.get(), sent);
   if (rc != 0) {
     SetStreamError(rc, "stream error while sending request");
     return -1;
   }
-  if (ReadAnswer(&stream, action, reply) != 0) return -1;
+  if (ReadAnswer(&stream, reply) != 0) return -1;
   LOG_DEBUG(kComponent, "end %s protocol and response is %s", action.c_str(),
-            ToJson(*reply).c_str());
+            ToLogJson(*reply).c_str());
   return 0;
 }
 
@@ -230,8 +243,8 @@ void ProtoUI::AddProtoMap(PObject* request) const {
   }
 }
 
-// The first reply that is not a keep-alive.  It must be a map.
-int ProtoUI::ReadAnswer(PStream* stream, const std::string& action, PObject* reply) {
+// The first reply that is not a keep-alive, whatever its kind.
+int ProtoUI::ReadAnswer(PStream* stream, PObject* reply) {
   for (;;) {
     PObject answer;  // fresh each time: Recv merges into a map it is given
     int rc = stream->Recv(channel_.get(), &answer);
@@ -243,40 +256,39 @@ int ProtoUI::ReadAnswer(PStream* stream, const std::string& action, PObject* rep
       LOG_DEBUG(kComponent, "Get channel keepalive message.");
       continue;
     }
-    if (!answer.IsMap()) {
-      LOG_ERROR(kComponent, "%s response is not a map: %s", action.c_str(),
-                ToJson(answer).c_str());
-      SetStreamError(PStream::kErrMalformed, "stream error while receiving response");
-      return -1;
-    }
     *reply = std::move(answer);
     return 0;
   }
 }
 
 // A fresh channel connected to the server address, switched to TLS when
-// asked (never for a "unix:" address).  0, or -1 with the error set.
+// asked (never for a "unix:" address).  0, or -1 with the error set.  The
+// exchange's deadline counts from before the connect, which its own
+// time-out bounds.
 int ProtoUI::Connect() {
   channel_ = std::make_unique<Channel>();
   if (timeout_ != 0) channel_->SetTimeout(timeout_);
   if (cancel_flag_ != nullptr) channel_->SetCancelFlag(cancel_flag_);
+  channel_->SetRunFlag(m_run_flag);
+  channel_->SetClock(clock_);
+  const uint64_t exchange_us =
+      static_cast<uint64_t>(kExchangeDeadlineFactor * std::max(0, channel_->GetTimeout())) *
+      1000000u;
+  const uint64_t deadline_us = clock_->NowMicros() + exchange_us;
 
-  int rc;
-  if (IsUnixAddress()) {
-    rc = channel_->Open(server_address_.substr(std::char_traits<char>::length(kUnixAddressPrefix)));
-  } else {
-    rc = channel_->Open(server_address_.c_str(), static_cast<int>(server_port_));
-    if (rc == 0) {
-      int nodelay = channel_->SetNoDelay(true);
-      if (nodelay != 0) LOG_WARNING(kComponent, "Failed to set tcp nodelay (code: %d)", nodelay);
-      if (use_tls_ && EncryptChannel(channel_.get()) != 0) return -1;
-    }
-  }
+  const bool unix_socket = IsUnixAddress();
+  int rc = unix_socket ? channel_->Open(server_address_.substr(
+                             std::char_traits<char>::length(kUnixAddressPrefix)))
+                       : channel_->Open(server_address_.c_str(), static_cast<int>(server_port_));
   if (rc != 0) {
     SetChannelError(rc, "channel error while connecting to server");
     return -1;
   }
-  return 0;
+  channel_->SetDeadlineAt(deadline_us);
+  if (unix_socket) return 0;
+  int nodelay = channel_->SetNoDelay(true);
+  if (nodelay != 0) LOG_WARNING(kComponent, "Failed to set tcp nodelay (code: %d)", nodelay);
+  return use_tls_ ? EncryptChannel(channel_.get()) : 0;
 }
 
 int ProtoUI::SendHeader(Channel* channel, uint8_t version, uint8_t command) {
@@ -316,7 +328,7 @@ int ProtoUI::EncryptChannel(Channel* channel) {
     return -1;
   }
   PStream stream;
-  RefuseFiles(&stream);
+  GuardReplies(&stream);
   rc = stream.Send(channel, request);
   if (rc != 0) {
     SetStreamError(rc, "stream error while sending encrypt_channel request");

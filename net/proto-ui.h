@@ -16,8 +16,14 @@
 //    certificate signature, with the connection's host rule given through
 //    SetSsl(use TLS, verify host, host name, expected signature).
 // A ProtoUI belongs to one thread at a time and takes no lock; several may
-// run at once on different threads.  Only the cancel flag may be set from
-// another thread.
+// run at once on different threads.  Only the cancel flag and the run flag
+// that m_run_flag points at may change meanwhile, from another thread or a
+// signal handler.
+//
+// Limits (net/net-limits.h): one request's exchange ends within twice the
+// time-out however the server trickles, keep-alives included; a reply may
+// take at most kReplySizeCap of memory; and every exchange ends once the
+// run flag is cleared.
 //
 // Results: each Query returns 0 or -1.  After 0 the error fields are clear
 // (code 0, sub-code 0, reason "").  After -1 they describe the failure:
@@ -34,12 +40,14 @@
 //               "channel error while converting SSL channel"
 //   -201, -202  the TLS switch failed the certificate's chain or host name
 //               check, or its signature differs from the expected one
-//   -301        malformed data: undecodable, a reply that is no map, or a
+//   -301        malformed data: undecodable, larger than the cap, or a
 //               reply carrying a file (replies may never write files)
 //   -203..-1200 the server refused: `error.code` mapped by MapServerError
 //               (net/proto-error.h), reason "protocol error, reason = '...'";
 //               -904 keeps the server's code as sub-code.  A refusal with
 //               code 0 returns -1 with the error fields clear.
+// An answer that is no map is no refusal either: the query returns 0 with
+// its record at the defaults.
 #ifndef VESTA_NET_PROTO_UI_H_
 #define VESTA_NET_PROTO_UI_H_
 
@@ -55,6 +63,9 @@
 
 class Channel;
 class PStream;
+namespace cat {
+class Clock;
+}  // namespace cat
 
 // What query_server_info tells about the server.
 struct ServerInfo {
@@ -154,6 +165,14 @@ class ProtoUI {
   // `flag` is owned by the caller and must outlive the requests; non-zero
   // aborts the connection's waits.  nullptr removes it.
   void SetCancelFlag(const std::atomic<int>* flag);
+  // The time source of the exchange's deadline and idle time-out; not
+  // owned.  Tests replace the real clock.
+  void SetClock(cat::Clock* clock) { clock_ = clock; }
+
+  // The process's run flag, read by every ProtoUI: once it reads 0 every
+  // exchange in progress or to come is cancelled (-200).  Set once at
+  // start-up, before any request; nullptr (the default) for none.
+  static const std::atomic<int32_t>* m_run_flag;
 
   // query_server_info with `get_all`; needs no login.  Fills `info`:
   // database_serial, database_restore_id and server_id always, the version
@@ -180,7 +199,7 @@ class ProtoUI {
   int RunProtocol(uint8_t command, const PObject& request, PObject* reply);
   int Exchange(uint8_t command, const PObject& request, PObject* reply);
   void AddProtoMap(PObject* request) const;
-  int ReadAnswer(PStream* stream, const std::string& action, PObject* reply);
+  int ReadAnswer(PStream* stream, PObject* reply);
   int Connect();
   static int SendHeader(Channel* channel, uint8_t version, uint8_t command);
   int EncryptChannel(Channel* channel);
@@ -220,6 +239,7 @@ class ProtoUI {
   std::unique_ptr<ProxyInfo> proxy_;
   std::unique_ptr<TunnelInfo> tunnel_;
   const std::atomic<int>* cancel_flag_;  // not owned; null = none
+  cat::Clock* clock_;                    // not owned
   int error_code_;
   int error_sub_code_;
   std::string error_reason_;

@@ -11,6 +11,7 @@
 
 #include "log/log.h"
 #include "platform/fixed_path.h"
+#include "platform/safe_file.h"
 #include "platform/scoped_fd.h"
 
 namespace {
@@ -51,7 +52,7 @@ int ZEPHSysNotifySendNotifiction(const char* notify_id, const KlibSzHash* table)
   }
   const std::string path = ZephNotificationFilePath();
   const std::string line = ToLine(notify_id, table);
-  ScopedFd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+  ScopedFd fd(OpenFileNoFollow(path, O_WRONLY | O_APPEND, 0644));
   ssize_t n = -1;
   if (fd.valid()) {
     do {

@@ -6,6 +6,7 @@
 
 #include <new>
 #include <string>
+#include <tuple>
 #include <utility>
 
 const PObject PObject::empty_object;
@@ -117,16 +118,15 @@ int64_t PObject::Integer() const {
 
 namespace {
 
-// A string too long for the slot: one block, its length then its text and
-// a terminating zero.
-size_t TextBlockSize(size_t n) { return sizeof(size_t) + n + 1; }
+// A string too long for the slot: one block, its length then its text.
+size_t TextBlockSize(size_t n) { return sizeof(size_t) + n; }
 
 char* NewText(std::string_view text) {
-  char* block = static_cast<char*>(BlockCache::Take(TextBlockSize(text.size())));
   const size_t n = text.size();
+  char* block = static_cast<char*>(malloc(TextBlockSize(n)));
+  if (block == nullptr) throw std::bad_alloc();
   memcpy(block, &n, sizeof(n));
   if (n > 0) memcpy(block + sizeof(size_t), text.data(), n);
-  block[sizeof(size_t) + n] = 0;
   return block;
 }
 
@@ -134,12 +134,6 @@ std::string_view TextOf(const char* block) {
   size_t n;
   memcpy(&n, block, sizeof(n));
   return std::string_view(block + sizeof(size_t), n);
-}
-
-void DeleteArray(PObject::array_type* array) {
-  using Array = PObject::array_type;
-  array->~Array();
-  BlockCache::Give(array, sizeof(PObject::array_type));
 }
 
 }  // namespace
@@ -166,15 +160,13 @@ PObject::PObject(const buffer_type& value) : PObject() { *this = value; }
 void PObject::Release() {
   switch (type_) {
     case kArray:
-      DeleteArray(Pointer<array_type>());
+      delete Pointer<array_type>();
       break;
     case kMap:
-      PObjectMap::Delete(Pointer<map_type>());
+      delete Pointer<map_type>();
       break;
     case kString:
-      if (slot_[kSlotSize - 1] != 0) {
-        BlockCache::Give(Pointer<char>(), TextBlockSize(TextOf(Pointer<char>()).size()));
-      }
+      if (slot_[kSlotSize - 1] != 0) free(Pointer<char>());
       break;
     case kBinary:
       delete Pointer<binary_type>();
@@ -203,19 +195,11 @@ void PObject::CopyFrom(const PObject& other) {
       SetString(other.AsStringView());
       return;
     case kArray:
-      SetPointer(new (BlockCache::Take(sizeof(array_type)))
-                     array_type(*other.Pointer<array_type>()));
+      SetPointer(new array_type(*other.Pointer<array_type>()));
       break;
-    case kMap: {
-      const map_type& from = *other.Pointer<map_type>();
-      map_type* map = PObjectMap::New(from.size());
-      for (const PObjectMember& m : from) {
-        new (map->data_ + map->size_) PObjectMember(m);
-        ++map->size_;
-      }
-      SetPointer(map);
+    case kMap:
+      SetPointer(new map_type(*other.Pointer<map_type>()));
       break;
-    }
     case kBinary:
       SetPointer(new binary_type(*other.Pointer<binary_type>()));
       break;
@@ -229,28 +213,18 @@ void PObject::CopyFrom(const PObject& other) {
   type_ = other.type_;
 }
 
-void PObject::AdoptMembers(PObjectMember* members, size_t n) {
-  map_type* map = PObjectMap::New(n);
-  if (n > 0) {
-    // Members hold no pointer into themselves: their bytes move as they
-    // stand.
-    memcpy(static_cast<void*>(map->data_), static_cast<const void*>(members),
-           n * sizeof(PObjectMember));
-  }
-  map->size_ = static_cast<uint32_t>(n);
-  Clear();
-  SetPointer(map);
-  type_ = kMap;
-}
-
 // ---- assignment of scalars and records ----
+
+size_t PObject::StringBlockSize(std::string_view text) {
+  const bool fits = text.size() <= kInlineStringMax &&
+                    (text.empty() || memchr(text.data(), 0, text.size()) == nullptr);
+  return fits ? 0 : TextBlockSize(text.size());
+}
 
 void PObject::SetString(std::string_view text) {
   // Built aside first: `text` may point into this value's own payload.
   unsigned char slot[kSlotSize] = {0};
-  bool fits = text.size() <= kInlineStringMax &&
-              (text.empty() || memchr(text.data(), 0, text.size()) == nullptr);
-  if (fits) {
+  if (StringBlockSize(text) == 0) {
     if (!text.empty()) memcpy(slot, text.data(), text.size());
   } else {
     char* block = NewText(text);
@@ -350,34 +324,18 @@ const PObject::buffer_type& PObject::AsBuffer() const {
 const PObject& PObject::Lookup(std::string_view key) const {
   if (type_ != kMap) return empty_object;
   const map_type& members = *Pointer<map_type>();
-  const size_t i = members.Find(key);
-  return i == members.size() ? empty_object : members.data_[i].second;
+  const auto it = members.find(key);
+  return it == members.end() ? empty_object : it->second;
 }
 
 // ---- mutable access ----
-
-// A fresh empty payload; a map is made in a block of its own.
-template <typename T>
-T* PObject::New() {
-  return new T();
-}
-
-template <>
-PObject::map_type* PObject::New<PObject::map_type>() {
-  return PObjectMap::New(0);
-}
-
-template <>
-PObject::array_type* PObject::New<PObject::array_type>() {
-  return new (BlockCache::Take(sizeof(array_type))) array_type();
-}
 
 // Makes the value a T of kind `kind`, keeping the payload when it already
 // is one.
 template <typename T>
 T& PObject::MutablePayload(Type kind) {
   if (type_ != kind) {
-    T* payload = New<T>();
+    T* payload = new T();
     Clear();
     SetPointer(payload);
     type_ = kind;
@@ -393,7 +351,21 @@ PObject::binary_ex_type& PObject::MutableBinaryEx() {
 }
 PObject::buffer_type& PObject::MutableBuffer() { return MutablePayload<buffer_type>(kBuffer); }
 
-PObject& PObject::operator[](std::string_view key) { return MutableMap()[key]; }
+PObject& PObject::operator[](std::string_view key) {
+  if (type_ != kMap) {
+    // `key` may lie in the payload that becoming a map releases.
+    const std::string copy(key);
+    MutableMap();
+    return (*this)[copy];
+  }
+  map_type& members = *Pointer<map_type>();
+  auto it = members.lower_bound(key);
+  if (it == members.end() || it->first != key) {
+    it = members.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(key),
+                              std::forward_as_tuple());
+  }
+  return it->second;
+}
 
 bool PObject::operator==(const PObject& other) const {
   if (type_ != other.type_) return false;

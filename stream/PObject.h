@@ -10,13 +10,13 @@
 // else is an owned pointer in the slot.  A PObject exclusively owns its
 // payload: copies are deep, moves are cheap (the slot changes hands and the
 // source becomes null).  There is no sharing and no reference counting.
-// Nothing in a value points into the value itself, so its bytes may be
-// moved as they stand (maps and the decoder move members that way).
 //
-// A map is a sorted array of members in one block (stream/PObjectMap.h):
-// lookups search it, iteration runs in key order, and a member added out of
-// order shifts the members after it, so a reference to a member does not
-// survive an insert into the same map.  Its keys are PObjectKey.
+// A map is a std::map from key to member, ordered bytewise: it behaves as
+// one.  A reference to a member stays valid while other keys come and go
+// (the decoder merging into the map included) and ends when that member is
+// erased or the map released, so `m["a"] = m["e"]` is sound; one kept past
+// its end reads freed memory, which AddressSanitizer builds report.  An
+// array is a std::vector, with a vector's rules for references.
 //
 // Reading never fails and never allocates: asking a value for a kind it does
 // not hold yields 0, an empty string or one of the shared empty values below.
@@ -32,17 +32,12 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <vector>
-
-#include "stream/PObjectKey.h"
-#include "stream/block_cache.h"
-
-class PObjectMap;
-struct PObjectMember;
-class PStream;
 
 class PObject {
  public:
@@ -115,11 +110,10 @@ class PObject {
     bool operator!=(const buffer_type& o) const { return !(*this == o); }
   };
 
-  // Its storage comes from the payload block cache (stream/block_cache.h).
-  using array_type = std::vector<PObject, BlockAllocator<PObject>>;
+  using array_type = std::vector<PObject>;
   // Ordered bytewise, shorter key first on a common prefix; looked up by any
   // string-like key without building a std::string.
-  using map_type = PObjectMap;
+  using map_type = std::map<std::string, PObject, std::less<>>;
 
   // Shared constant values handed out by the read accessors.
   static const PObject empty_object;  // a null
@@ -131,6 +125,9 @@ class PObject {
 
   // Longest string held inside the slot.
   static constexpr size_t kInlineStringMax = 15;
+  // Bytes a string value of `text` takes outside the slot: 0 when it sits
+  // inside, else its block (length, then text).
+  static size_t StringBlockSize(std::string_view text);
 
   PObject() noexcept : type_(kNull) { memset(slot_, 0, kSlotSize); }
   ~PObject() {
@@ -241,9 +238,6 @@ class PObject {
   bool IsInlineString() const { return type_ == kString && slot_[kSlotSize - 1] == 0; }
 
  private:
-  friend class PObjectMap;
-  friend class PStream;  // the decoder hands over whole member runs
-
   static constexpr size_t kSlotSize = 16;
 
   int64_t Integer() const;
@@ -251,8 +245,6 @@ class PObject {
   T* Pointer() const;
   template <typename T>
   void SetPointer(T* p);
-  template <typename T>
-  static T* New();
   template <typename T>
   T& MutablePayload(Type kind);
   void SetString(std::string_view text);
@@ -263,31 +255,6 @@ class PObject {
     other.type_ = kNull;
     memset(other.slot_, 0, kSlotSize);
   }
-  // Becomes the string of the `n` (at most kInlineStringMax) bytes at
-  // `text`, of which 16 must be readable: the slot is filled in whole words.
-  void AssignShortText(const void* text, size_t n) {
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    uint64_t lo, hi;
-    memcpy(&lo, text, 8);
-    memcpy(&hi, static_cast<const char*>(text) + 8, 8);
-    const uint64_t lo_mask = n >= 8 ? ~0ull : (1ull << (8 * n)) - 1;
-    const uint64_t hi_mask = n <= 8 ? 0 : (1ull << (8 * (n - 8))) - 1;
-    // A zero byte within the text: such a string is kept out of line.
-    auto has_zero = [](uint64_t x) {
-      return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
-    };
-    if (!has_zero(lo | ~lo_mask) && !has_zero(hi | ~hi_mask)) {
-      lo &= lo_mask;
-      hi &= hi_mask;  // byte 15 among the cleared ones: the inline mark
-      if (OwnsMemory()) Release();
-      memcpy(slot_, &lo, 8);
-      memcpy(slot_ + 8, &hi, 8);
-      type_ = kString;
-      return;
-    }
-#endif
-    SetString(std::string_view(static_cast<const char*>(text), n));
-  }
   // Whether the slot holds something to free: anything but a null, an
   // integer and an inline string.
   bool OwnsMemory() const {
@@ -295,9 +262,6 @@ class PObject {
   }
   // Frees what the slot owns; the code and the slot are left as they were.
   void Release();
-  // Makes the value a map of the `n` members at `members` (sorted by key,
-  // no key twice), whose bytes are moved: the caller forgets them there.
-  void AdoptMembers(PObjectMember* members, size_t n);
 
   Type type_;                                // what the slot holds
   alignas(8) unsigned char slot_[kSlotSize];  // inline value or owned pointer;
@@ -305,9 +269,6 @@ class PObject {
                                               // the text is inline and 1 when the
                                               // first word points to a text block
 };
-
-// The map's definition needs the complete PObject.
-#include "stream/PObjectMap.h"
 
 // JSON-like text of `value` on one line, for logs and diagnostics.  Strings,
 // keys and paths are not escaped; buffers show only their length.

@@ -10,6 +10,7 @@
 #include <random>
 
 #include "log/log.h"
+#include "stream/redact.h"
 #include "stream/stream-util.h"
 
 using stream_util::kComponent;
@@ -37,17 +38,6 @@ constexpr size_t kPendingFirst = 4096;
 
 const char kTemporaryNameAlphabet[] =
     "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-_";
-constexpr int kTemporaryNameLength = 8;
-
-// The keys of a failure, collected innermost first, outermost first joined.
-std::string JoinKeys(const std::vector<std::string>& innermost_first) {
-  std::string joined;
-  for (auto it = innermost_first.rbegin(); it != innermost_first.rend(); ++it) {
-    if (it != innermost_first.rbegin()) joined.push_back('.');
-    joined.append(*it);
-  }
-  return joined;
-}
 
 }  // namespace
 
@@ -105,7 +95,7 @@ void PStream::GetProgress(uint64_t* done, uint64_t* total) const {
 
 // ---- conversation frame ----
 
-PStream::PStream() = default;
+PStream::PStream() { key_path_.reserve(8); }
 
 PStream::~PStream() = default;
 
@@ -114,13 +104,15 @@ void PStream::Begin(Channel* channel, std::ostream* out, std::istream* in) {
   out_ = out;
   in_ = in;
   dump_ = Logger::IsLogEnabled(LOG_LEVEL_DEBUG, kComponent);
-  budget_ = size_cap_ != 0 ? size_cap_ : SIZE_MAX;
+  budget_ = size_cap_ != 0 ? size_cap_ : UINT64_MAX;
 }
 
 int PStream::Finish(int rc) {
-  if (rc != kOk) LOG_ERROR(kComponent, "Error stack: %s", JoinKeys(error_keys_).c_str());
+  if (rc != kOk) LogErrorStack();
   Commit();
-  error_keys_.clear();
+  key_path_.clear();
+  error_logged_ = false;
+  std::vector<char>().swap(scratch_);
   depth_ = 0;
   ResetProgress();
   pending_length_ = 0;
@@ -128,6 +120,17 @@ int PStream::Finish(int rc) {
   out_ = nullptr;
   in_ = nullptr;
   return rc;
+}
+
+void PStream::LogErrorStack() {
+  if (error_logged_) return;
+  error_logged_ = true;
+  std::string joined;
+  for (size_t i = 0; i < key_path_.size(); ++i) {
+    if (i > 0) joined.push_back('.');
+    joined.append(key_path_[i]);
+  }
+  LOG_ERROR(kComponent, "Error stack: %s", joined.c_str());
 }
 
 // Two blanks per level, at most 22.
@@ -333,15 +336,24 @@ int PStream::WriteMap(const PObject::map_type& members) {
     // Keys with a leading '_' travel without it ("_agent" as "agent").
     if (!key.empty() && key[0] == '_') key.remove_prefix(1);
     rc = WriteString(key);
+    const bool hidden = dump_ && rc == kOk && HideSecret(key);
     if (rc == kOk) rc = WriteValue(member.second);
+    dump_ |= hidden;
     if (rc != kOk) {
-      error_keys_.emplace_back(key);
+      key_path_.insert(key_path_.begin(), key);
       return rc;
     }
   }
   --depth_;
   if (dump_) LOG_DEBUG(kComponent, "%s}", Indent());
   return WriteBytes(&close, 1);
+}
+
+bool PStream::HideSecret(std::string_view key) {
+  if (!IsSecretKey(key)) return false;
+  LOG_DEBUG(kComponent, "%s\"%s\"", Indent(), kRedacted);
+  dump_ = false;
+  return true;
 }
 
 // ---- temporary names ----

@@ -20,13 +20,18 @@
 //
 // The decoder parses in place from the Channel's read buffer and hands the
 // bytes it used back to the channel (so a file that follows, or the next
-// value, is read from the right place).  It faces every local process, so it
-// never trusts a length: bodies longer than what is buffered are read in
-// chunks that grow with what has arrived, containers nest at most kMaxDepth
-// levels, and an integer has at most 8 bytes.  A stream told to refuse
-// binaries fails on their tag before any file is touched; a stream given a
-// size cap fails as soon as the value decoded so far would take more memory
-// than the cap (each element counted at its in-memory footprint).
+// value, is read from the right place); each value is decoded straight into
+// its place in the target.  It faces every local process, so it never
+// trusts a length: a buffer longer than what is buffered is read in chunks
+// that grow with what has arrived, containers nest at most kMaxDepth levels,
+// and an integer has at most 8 bytes.  A stream told to refuse binaries
+// fails on their tag before any file is touched.  A stream given a size cap
+// charges every block that decoding allocates -- each element as the C
+// allocator holds it, the decoder's own scratch included -- before it is
+// allocated, in 64-bit arithmetic, and fails as soon as the charges would
+// pass the cap.  Beyond its charges it holds only the key path (views, at
+// most kMaxDepth) and, on failure, the error stack joined from keys it has
+// charged; so the peak heap of a decode stays under twice the cap.
 //
 // Files: a received binary lands where its target names (resuming at the
 // target's offset), else under binary_dir with a fresh name.  The binary of
@@ -57,7 +62,6 @@
 
 #include "net/channel.h"
 #include "stream/PObject.h"
-#include "stream/run_stack.h"
 
 class PStream {
  public:
@@ -127,8 +131,9 @@ class PStream {
   // `channel` must stay open for the call.
   int Send(Channel* channel, const PObject& value);
   // Reads one complete value from `channel` into `value`.  A kind already
-  // held by the target is reused (a map is merged into, an array appended
-  // to).  On failure `value` is partly filled and should be discarded.
+  // held by the target is reused: a map is merged into in place (references
+  // to its members stay valid), an array appended to.  On failure `value`
+  // is partly filled and should be discarded.
   int Recv(Channel* channel, PObject* value);
   // The same over standard streams; binaries need a channel (-2).
   int Send(std::ostream* out, const PObject& value);
@@ -144,9 +149,10 @@ class PStream {
   void SetBinaryDir(const std::string& dir) { binary_dir_ = dir; }
   // A binary or binary_ex tag fails with -5 before any file is opened.
   void SetRefuseBinaries(bool refuse) { refuse_binaries_ = refuse; }
-  // A received value that would take more than `bytes` of memory fails with
-  // -5 (logged once) as soon as it passes the cap; 0 = no cap.
-  void SetSizeCap(size_t bytes) { size_cap_ = bytes; }
+  // A received value whose decoding would allocate more than `bytes` fails
+  // with -5 (logged once) before the block that passes the cap is
+  // allocated; 0 = no cap.
+  void SetSizeCap(uint64_t bytes) { size_cap_ = bytes; }
   void SetProgressCallback(ProgressCallback callback) { progress_callback_ = std::move(callback); }
 
   // The digest text of the last hashed transfer.
@@ -154,8 +160,9 @@ class PStream {
   // The progress pair; may be called from any thread.
   void GetProgress(uint64_t* done, uint64_t* total) const;
 
-  // Eight characters from [0-9a-zA-Z-_] drawn from the process-wide
-  // generator (minimal-standard LCG seeded with 1 at first use).
+  // kTemporaryNameLength characters from [0-9a-zA-Z-_] drawn from the
+  // process-wide generator (minimal-standard LCG seeded with 1 at first use).
+  static constexpr size_t kTemporaryNameLength = 8;
   static std::string TemporaryName();
 
  private:
@@ -179,6 +186,10 @@ class PStream {
   int WriteMap(const PObject::map_type& members);
   int WriteBinary(const PObject::binary_type& binary);
   int WriteBinaryEx(const PObject::binary_ex_type& binary);
+  // Called while dumping, for the value of map member `key`: when the key
+  // names a secret (stream/redact.h), dumps kRedacted instead and turns the
+  // dump off; true then, and the caller turns it on again after the value.
+  bool HideSecret(std::string_view key);
   // Appends to the pending bytes; they go to the channel when the block is
   // full, before a file and at the end of Send.
   int WriteBytes(const void* data, size_t n) {
@@ -204,8 +215,9 @@ class PStream {
   int ReadBytes(void* data, size_t n);
   // Exactly `n` bytes past the window (which must be empty).
   int ReadExact(void* data, size_t n);
-  // Counts `bytes` of memory against the size cap.
-  int Charge(size_t bytes) {
+  // Counts `bytes` of memory against the size cap, before they are
+  // allocated.
+  int Charge(uint64_t bytes) {
     if (bytes <= budget_) {
       budget_ -= bytes;
       return kOk;
@@ -213,43 +225,34 @@ class PStream {
     return OverCap();
   }
   int OverCap();
+  // Gives back the charge of a block this call has freed.
+  void Refund(uint64_t bytes) {
+    if (size_cap_ != 0 && bytes <= size_cap_ - budget_) budget_ += bytes;
+  }
   int ReadTaggedValue(PObject* target);
   int ReadValue(uint8_t tag, PObject* target);
   int ReadNull(PObject* target);
   int ReadInteger(PObject* target);
+  // `length` bytes as one view, valid until the next read: in the window,
+  // else in scratch_.
+  int ReadText(size_t length, std::string_view* text);
   int ReadString(PObject* target);
-  int ReadStringBody(size_t length, std::string* text);
   int ReadBuffer(PObject* target);
-  // Where a container lands: a value that stays put, or a member of a run,
-  // found again by its index once nested runs may have moved it.
-  struct Target {
-    PObject* fixed = nullptr;
-    RunStack<PObjectMember>* members = nullptr;
-    RunStack<PObject>* elements = nullptr;
-    size_t index = 0;
-    PObject* Get() const {
-      if (fixed != nullptr) return fixed;
-      return members != nullptr ? &(*members)[index].second : &(*elements)[index];
-    }
-  };
-  int ReadArray(const Target& target);
-  template <typename ReadMember>
-  int ReadMembers(ReadMember read_member);
-  int ReadKey(PObjectKey* key);
-  int ReadMap(const Target& target);
-  class MemberIndex;
-  size_t FindMember(size_t base, size_t slot, MemberIndex* index);
-  bool ReadShortScalar(uint8_t tag, PObject* target);
-  void ReadPlainMembers(size_t base);
-  int ReadRunValue(uint8_t tag, const Target& place);
+  int ReadArray(PObject* target);
+  int ReadKey(std::string_view* key);
+  int ReadMap(PObject* target);
   int ReadBinary(PObject* target);
   int ReadBinaryEx(PObject* target);
-  int ReadBinaryExMember(const PObjectKey& key, BinaryExParts* parts);
+  int ReadBinaryExMember(const std::string& key, BinaryExParts* parts);
   int StoreBinary(PObject::binary_type* binary, uint64_t length);
   int OpenFileTarget(const PObject::binary_type& binary, FileTarget* target);
   int ReceiveFile(const FileTarget& target, uint64_t length, uint64_t* received);
   void RemoveOwnFile(const PObject& member) const;
-  int EnterContainer(char mark, size_t cost);
+  int EnterContainer(char mark);
+  // Logs the key path of a failure, once per Send or Recv: called by the
+  // innermost container being read that sees it fail, while every key on
+  // the path is still alive, and by Finish for any other failure.
+  void LogErrorStack();
 
   static constexpr size_t kStageSize = 16;
 
@@ -267,19 +270,19 @@ class PStream {
                                       // channel; null for a staged one
   uint8_t staged_[kStageSize];        // a window read from a source
                                       // without a buffer
-  size_t size_cap_ = 0;               // bytes; 0 = none
-  size_t budget_ = 0;                 // bytes left under the cap
+  uint64_t size_cap_ = 0;             // bytes; 0 = none
+  uint64_t budget_ = 0;               // bytes left under the cap
 
-  std::vector<std::string> error_keys_;  // keys of a failure, innermost
-                                         // first, filled on the way out
+  // The keys under which the value being read lies, outermost first: views
+  // of the keys in the value itself (a map member stays put) or in the frame
+  // reading a binary_ex, at most kMaxDepth.  Writing, only a failure fills
+  // it, on the way out, with views of the keys of the value sent.
+  std::vector<std::string_view> key_path_;
+  bool error_logged_ = false;      // this call's error stack is logged
   int depth_ = 0;                  // open arrays, maps and binary_ex
   bool dump_ = false;              // DEBUG enabled for `stream` at Begin
-  std::string scratch_;            // string bodies longer than the window
-  // Members and elements of the open maps and arrays, innermost last; each
-  // container takes its run off the top when it closes, so a map or an
-  // array is allocated once, at its final size.  Kept between values.
-  RunStack<PObjectMember> members_;
-  RunStack<PObject> elements_;
+  std::vector<char> scratch_;      // a text longer than the window; charged
+                                   // as it grows, released by Finish
 
   mutable std::mutex progress_mutex_;  // guards the pair below
   uint64_t progress_done_ = 0;

@@ -13,7 +13,9 @@
 #include "stream/stream-util.h"
 #include "stream/stream.h"
 
+using stream_util::BlockCost;
 using stream_util::kComponent;
+using stream_util::StdStringCost;
 using stream_util::ULL;
 
 namespace {
@@ -132,7 +134,7 @@ int PStream::WriteBinaryEx(const PObject::binary_ex_type& binary) {
     rc = WriteString("binary");
     if (rc == kOk) rc = WriteBinary(PObject::binary_type{binary.offset, binary.length, binary.path});
     if (rc != kOk) {
-      error_keys_.emplace_back("binary");
+      key_path_.insert(key_path_.begin(), "binary");
       return rc;
     }
     if (!algo.empty()) {
@@ -143,7 +145,7 @@ int PStream::WriteBinaryEx(const PObject::binary_ex_type& binary) {
   rc = WriteString("send_hash");
   if (rc == kOk) rc = WriteString(sent_hash);
   if (rc != kOk) {
-    error_keys_.emplace_back("send_hash");
+    key_path_.insert(key_path_.begin(), "send_hash");
     return rc;
   }
   --depth_;
@@ -158,7 +160,12 @@ int PStream::ReadBinary(PObject* target) {
     LOG_ERROR(kComponent, "istream not supported receive binary file.");
     return kErrChannel;
   }
-  int rc = Need(8);
+  // The record, and the path of a fresh file under binary_dir.
+  const uint64_t path_length =
+      target->AsBinary().path.empty() ? binary_dir_.size() + 1 + kTemporaryNameLength : 0;
+  int rc = Charge((target->IsBinary() ? 0 : BlockCost(sizeof(PObject::binary_type))) +
+                  StdStringCost(path_length));
+  if (rc == kOk) rc = Need(8);
   if (rc != kOk) return rc;
   const uint64_t length = Channel::GetUInt64(in_pos_);
   in_pos_ += 8;

@@ -11,10 +11,11 @@
 #include "stream/stream-util.h"
 #include "stream/stream.h"
 
-using stream_util::kAllocOverhead;
+using stream_util::BlockCost;
 using stream_util::kComponent;
 using stream_util::kFirstPiece;
-using stream_util::LongStringCost;
+using stream_util::StdStringCost;
+using stream_util::StringCost;
 using stream_util::ULL;
 
 // What a binary_ex's members brought, applied to the target only once the
@@ -88,6 +89,27 @@ int PStream::OverCap() {
   return kErrMalformed;
 }
 
+int PStream::ReadText(size_t length, std::string_view* text) {
+  if (length <= kStageSize) {
+    int rc = Need(length);
+    if (rc != kOk) return rc;
+  }
+  if (static_cast<size_t>(in_end_ - in_pos_) >= length) {
+    *text = std::string_view(reinterpret_cast<const char*>(in_pos_), length);
+    in_pos_ += length;
+    return kOk;
+  }
+  if (length > scratch_.size()) {
+    int rc = Charge(BlockCost(length));
+    if (rc != kOk) return rc;
+    scratch_ = std::vector<char>(length);  // a block of exactly that
+  }
+  int rc = ReadBytes(scratch_.data(), length);
+  if (rc != kOk) return rc;
+  *text = std::string_view(scratch_.data(), length);
+  return kOk;
+}
+
 // ---- values ----
 
 int PStream::ReadTaggedValue(PObject* target) {
@@ -111,9 +133,9 @@ int PStream::ReadValue(uint8_t tag, PObject* target) {
       ResetProgress();
       return ReadBuffer(target);
     case kTagArray:
-      return ReadArray(Target{target});
+      return ReadArray(target);
     case kTagMap:
-      return ReadMap(Target{target});
+      return ReadMap(target);
     case kTagBinary:
     case kTagBinaryEx:
       if (refuse_binaries_) {
@@ -141,52 +163,21 @@ int PStream::ReadNull(PObject* target) {
 }
 
 int PStream::ReadInteger(PObject* target) {
-  uint64_t bits;
-  if (in_end_ - in_pos_ >= 9 && in_pos_[0] <= 8) {
-    // The usual case: the width and 8 bytes in the window; the value is the
-    // first `width` of them.
-    const unsigned width = in_pos_[0];
-    const uint64_t word = Channel::GetUInt64(in_pos_ + 1);
-    bits = width == 0 ? 0 : word >> (8 * (8 - width));
-    in_pos_ += 1 + width;
-  } else {
-    int rc = Need(1);
-    if (rc != kOk) return rc;
-    const uint8_t width = *in_pos_++;
-    if (width > 8) {
-      LOG_ERROR(kComponent, "PStream: integer of %u bytes, at most 8 expected",
-                static_cast<unsigned>(width));
-      return kErrMalformed;
-    }
-    rc = Need(width);
-    if (rc != kOk) return rc;
-    // The `width` bytes are the tail of the value's 8-byte form.
-    uint8_t bytes[8] = {0};
-    memcpy(bytes + 8 - width, in_pos_, width);
-    in_pos_ += width;
-    bits = Channel::GetUInt64(bytes);
+  int rc = Need(1);
+  if (rc != kOk) return rc;
+  const uint8_t width = *in_pos_++;
+  if (width > 8) {
+    LOG_ERROR(kComponent, "PStream: integer of %u bytes, at most 8 expected",
+              static_cast<unsigned>(width));
+    return kErrMalformed;
   }
+  rc = Need(width);
+  if (rc != kOk) return rc;
+  uint64_t bits = 0;
+  for (uint8_t i = 0; i < width; ++i) bits = bits << 8 | in_pos_[i];
+  in_pos_ += width;
   if (dump_) LOG_DEBUG(kComponent, "%s%llu", Indent(), ULL(bits));
   target->SetInteger(static_cast<int64_t>(bits));
-  return kOk;
-}
-
-// Pieces grow with what has arrived: a peer that announces 64 KiB and stops
-// early costs what it sent and a page.
-int PStream::ReadStringBody(size_t length, std::string* text) {
-  if (static_cast<size_t>(in_end_ - in_pos_) >= length) {
-    text->assign(reinterpret_cast<const char*>(in_pos_), length);
-    in_pos_ += length;
-    return kOk;
-  }
-  text->clear();
-  for (size_t got = 0; got < length;) {
-    size_t piece = std::min(length - got, std::max(kFirstPiece, got));
-    text->resize(got + piece);
-    int rc = ReadBytes(&(*text)[got], piece);
-    if (rc != kOk) return rc;
-    got += piece;
-  }
   return kOk;
 }
 
@@ -195,31 +186,12 @@ int PStream::ReadString(PObject* target) {
   if (rc != kOk) return rc;
   const size_t length = Channel::GetUInt16(in_pos_);
   in_pos_ += 2;
-  if (length <= PObject::kInlineStringMax && in_end_ - in_pos_ >= 16) {
-    // The usual case: a text that fits the slot, with room to read whole
-    // words.
-    if (dump_) {
-      LOG_DEBUG(kComponent, "%s\"%.*s\"", Indent(), static_cast<int>(length),
-                reinterpret_cast<const char*>(in_pos_));
-    }
-    target->AssignShortText(in_pos_, length);
-    in_pos_ += length;
-    return kOk;
-  }
-  rc = Charge(LongStringCost(length));
+  std::string_view text;
+  rc = ReadText(length, &text);
+  if (rc == kOk) rc = Charge(StringCost(text));
   if (rc != kOk) return rc;
-  if (static_cast<size_t>(in_end_ - in_pos_) >= length) {
-    // The common case: the whole text is in the window.
-    const std::string_view text(reinterpret_cast<const char*>(in_pos_), length);
-    in_pos_ += length;
-    if (dump_) LOG_DEBUG(kComponent, "%s\"%.*s\"", Indent(), static_cast<int>(length), text.data());
-    *target = text;
-    return kOk;
-  }
-  rc = ReadStringBody(length, &scratch_);
-  if (rc != kOk) return rc;
-  if (dump_) LOG_DEBUG(kComponent, "%s\"%s\"", Indent(), scratch_.c_str());
-  *target = std::string_view(scratch_);
+  if (dump_) LOG_DEBUG(kComponent, "%s\"%.*s\"", Indent(), static_cast<int>(length), text.data());
+  *target = text;
   return kOk;
 }
 
@@ -229,12 +201,14 @@ int PStream::ReadBuffer(PObject* target) {
   const uint32_t length = Channel::GetUInt32(in_pos_);
   in_pos_ += 4;
   if (dump_) LOG_DEBUG(kComponent, "%s\"%u\"", Indent(), length);
-  rc = Charge(sizeof(PObject::buffer_type) + kAllocOverhead + length);
+  rc = Charge((target->IsBuffer() ? 0 : BlockCost(sizeof(PObject::buffer_type))) +
+              BlockCost(length));
   if (rc != kOk) return rc;
   PObject::buffer_type& buffer = target->MutableBuffer();
-  // A block already big enough is reused as Assign would; otherwise the
-  // block grows with the bytes that arrive.
-  const uint32_t first = buffer.capacity >= length
+  // Under a cap the block, charged in full, is made at once; without one it
+  // grows with the bytes that arrive.  A block already big enough is reused
+  // as Assign would.
+  const uint32_t first = size_cap_ != 0 || buffer.capacity >= length
                              ? length
                              : static_cast<uint32_t>(std::min<size_t>(length, kFirstPiece));
   if (buffer.Reserve(first) != 0) {
@@ -257,49 +231,40 @@ int PStream::ReadBuffer(PObject* target) {
   return kOk;
 }
 
-// Reads the members of a binary_ex up to its end marker, each value through
-// `read_member(key)`.  The opening "{" is dumped here; the caller dumps the
-// closing "}".  A failing member's key is recorded for the error stack.
-template <typename ReadMember>
-int PStream::ReadMembers(ReadMember read_member) {
-  int rc = EnterContainer('{', 0);
-  if (rc != kOk) return rc;
-  PObjectKey key;
-  for (;;) {
-    rc = Need(1);
-    if (rc != kOk) return rc;
-    if (*in_pos_ == kTagEnd) {
-      ++in_pos_;
-      break;
-    }
-    rc = ReadKey(&key);
-    if (rc != kOk) return rc;
-    rc = read_member(key);
-    if (rc != kOk) {
-      error_keys_.emplace_back(key.view());
-      return rc;
-    }
-  }
-  --depth_;
-  return kOk;
-}
-
 // ---- binary_ex ----
 
 int PStream::ReadBinaryEx(PObject* target) {
-  int rc = Charge(sizeof(PObject::binary_ex_type));
+  int rc = Charge(target->IsBinaryEx() ? 0 : BlockCost(sizeof(PObject::binary_ex_type)));
   if (rc != kOk) return rc;
   PObject::binary_ex_type& ex = target->MutableBinaryEx();
   const std::string algo = ex.hash_algo.empty() ? default_hash_algo_ : ex.hash_algo;
   stream_util::HashAlgoScope scope(&binary_hash_algo_, algo);
   last_hash_.clear();
   BinaryExParts parts;
-  rc = ReadMembers([&](const PObjectKey& key) { return ReadBinaryExMember(key, &parts); });
+  rc = EnterContainer('{');
+  while (rc == kOk) {
+    rc = Need(1);
+    if (rc != kOk) break;
+    if (*in_pos_ == kTagEnd) {
+      ++in_pos_;
+      break;
+    }
+    std::string_view read;
+    rc = ReadKey(&read);
+    if (rc == kOk) rc = Charge(StdStringCost(read.size()));
+    if (rc != kOk) break;
+    const std::string key(read);  // the view ends with the next read
+    key_path_.push_back(key);
+    rc = ReadBinaryExMember(key, &parts);
+    if (rc != kOk) LogErrorStack();
+    key_path_.pop_back();
+  }
   if (rc != kOk) {
     // A file without the rest of its value is of no use.
     RemoveOwnFile(parts.file);
     return rc;
   }
+  --depth_;
   if (parts.file.IsBinary()) {
     const PObject::binary_type& b = parts.file.AsBinary();
     ex.path = b.path;
@@ -320,7 +285,7 @@ int PStream::ReadBinaryEx(PObject* target) {
 // Each member decodes into a fresh value, so a file it receives is always
 // this transfer's own, under a fresh name: that file, and no other, goes
 // when the member fails or is of no use.
-int PStream::ReadBinaryExMember(const PObjectKey& key, BinaryExParts* parts) {
+int PStream::ReadBinaryExMember(const std::string& key, BinaryExParts* parts) {
   PObject member;
   int rc = ReadTaggedValue(&member);
   if (rc != kOk) {
@@ -337,6 +302,9 @@ int PStream::ReadBinaryExMember(const PObjectKey& key, BinaryExParts* parts) {
                 Indent(), b.path.c_str(), ULL(b.length), ULL(b.offset));
     }
   } else if (key == "send_hash" && member.IsString()) {
+    // Copied twice more: into the parts, then into the target.
+    rc = Charge(2 * StdStringCost(member.AsStringView().size()));
+    if (rc != kOk) return rc;
     parts->send_hash = member.AsString();
     if (dump_) {
       LOG_DEBUG(kComponent, "%ssender provide binary hash '%s'.", Indent(), parts->send_hash.c_str());

@@ -3,7 +3,7 @@
 # that are missing, so a machine that has them all is not touched.
 set -euo pipefail
 packages=(cmake make g++ clang pkg-config libssl-dev libsqlite3-dev libjsoncpp-dev
-          libgtest-dev libbenchmark-dev libmsgpack-dev sqlite3 openssl python3 passwd faketime)
+          libgtest-dev libbenchmark-dev libmsgpack-dev sqlite3 openssl python3 passwd faketime strace)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -104,6 +104,8 @@ class BufferedIOBase {
   // Every wait ends `micros` from now at the latest (error kErrTimeout),
   // whatever progress is made meanwhile; 0 removes the deadline.
   void SetDeadline(uint64_t micros);
+  // The same at `at_us` on the stream's clock (0 removes it).
+  void SetDeadlineAt(uint64_t at_us) { deadline_us_ = at_us; }
   int GetTimeout() const { return timeout_; }
   // `controller` is not owned and must outlive its use; null = the base
   // controller (grants everything, cancels nothing).

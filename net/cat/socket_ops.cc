@@ -15,9 +15,12 @@
 namespace cat {
 namespace {
 
-bool Cancelled(const std::atomic<int>* flag) {
-  return flag != nullptr && flag->load(std::memory_order_relaxed) != 0;
-}
+// The caller's two flags, asked before every step.
+struct Stop {
+  const std::atomic<int>* cancel_flag;
+  const std::atomic<int32_t>* run_flag;
+  bool Now() const { return StopAsked(cancel_flag, run_flag); }
+};
 
 // Owns a getaddrinfo list.
 struct AddrInfoDeleter {
@@ -25,12 +28,12 @@ struct AddrInfoDeleter {
 };
 
 // Waits for a non-blocking connect on `fd` to finish.  0 when connected.
-int WaitConnected(int fd, int timeout, const std::atomic<int>* cancel_flag) {
+int WaitConnected(int fd, int timeout, const Stop& stop) {
   if (timeout <= 0) return -1;
   const long long limit_us = static_cast<long long>(timeout) * 1000000;
   long long elapsed_us = 0;
   for (;;) {
-    if (Cancelled(cancel_flag)) return -1;
+    if (stop.Now()) return -1;
     struct pollfd pfd = {fd, POLLOUT, 0};
     int rc = poll(&pfd, 1, kConnectPollMillis);
     if (rc < 0) {
@@ -54,20 +57,26 @@ int WaitConnected(int fd, int timeout, const std::atomic<int>* cancel_flag) {
 
 // connect() on a fresh socket in the mode chosen by `timeout`; 0 when
 // connected.
-int ConnectSocket(int fd, const struct sockaddr* addr, socklen_t len,
-                  int timeout, const std::atomic<int>* cancel_flag) {
+int ConnectSocket(int fd, const struct sockaddr* addr, socklen_t len, int timeout,
+                  const Stop& stop) {
   Socket sock(fd);
   if (sock.SetBlocking(timeout == 0) < 0) return -1;
   if (connect(fd, addr, len) == 0) return 0;
   if (errno != EINPROGRESS) return -1;
-  return WaitConnected(fd, timeout, cancel_flag);
+  return WaitConnected(fd, timeout, stop);
 }
 
 }  // namespace
 
-int ConnectUnix(const std::string& path, int timeout,
-                const std::atomic<int>* cancel_flag) {
-  if (Cancelled(cancel_flag)) return -1;
+bool StopAsked(const std::atomic<int>* cancel_flag, const std::atomic<int32_t>* run_flag) {
+  return (cancel_flag != nullptr && cancel_flag->load(std::memory_order_relaxed) != 0) ||
+         (run_flag != nullptr && run_flag->load(std::memory_order_relaxed) == 0);
+}
+
+int ConnectUnix(const std::string& path, int timeout, const std::atomic<int>* cancel_flag,
+                const std::atomic<int32_t>* run_flag) {
+  const Stop stop{cancel_flag, run_flag};
+  if (stop.Now()) return -1;
   ScopedFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (fd.get() < 0) return -1;
   struct sockaddr_un addr;
@@ -75,14 +84,15 @@ int ConnectUnix(const std::string& path, int timeout,
   addr.sun_family = AF_UNIX;
   strncpy(addr.sun_path, path.c_str(), kUnixPathMax);
   if (ConnectSocket(fd.get(), reinterpret_cast<struct sockaddr*>(&addr),
-                    sizeof(addr), timeout, cancel_flag) != 0) {
+                    sizeof(addr), timeout, stop) != 0) {
     return -1;
   }
   return fd.release();
 }
 
 int ConnectTcp(const std::string& host, int port, int timeout,
-               const std::atomic<int>* cancel_flag) {
+               const std::atomic<int>* cancel_flag, const std::atomic<int32_t>* run_flag) {
+  const Stop stop{cancel_flag, run_flag};
   struct addrinfo hints;
   memset(&hints, 0, sizeof(hints));
   hints.ai_family = AF_UNSPEC;
@@ -93,10 +103,10 @@ int ConnectTcp(const std::string& host, int port, int timeout,
   if (getaddrinfo(host.c_str(), service, &hints, &raw) != 0) return -1;
   std::unique_ptr<struct addrinfo, AddrInfoDeleter> list(raw);
   for (struct addrinfo* ai = list.get(); ai != nullptr; ai = ai->ai_next) {
-    if (Cancelled(cancel_flag)) return -1;
+    if (stop.Now()) return -1;
     ScopedFd fd(socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol));
     if (fd.get() < 0) continue;
-    if (ConnectSocket(fd.get(), ai->ai_addr, ai->ai_addrlen, timeout, cancel_flag) == 0) {
+    if (ConnectSocket(fd.get(), ai->ai_addr, ai->ai_addrlen, timeout, stop) == 0) {
       return fd.release();
     }
   }

@@ -257,6 +257,24 @@ bool SslClientSocket::NamesHost(X509* cert) const {
   return false;
 }
 
+// The signature text alone is public: anyone can copy it into a
+// certificate of their own key.  So it must also be the issuer's signature
+// over this certificate.
+bool SslClientSocket::SignedByIssuer(X509* cert) const {
+  EVP_PKEY* issuer_key = nullptr;
+  if (X509_NAME_cmp(X509_get_issuer_name(cert), X509_get_subject_name(cert)) == 0) {
+    issuer_key = X509_get0_pubkey(cert);
+  } else {
+    // The server's chain starts with the leaf; its issuer, when sent, comes next.
+    STACK_OF(X509)* chain = SSL_get_peer_cert_chain(ssl());
+    if (chain == nullptr || sk_X509_num(chain) < 2) return true;  // by the text alone
+    issuer_key = X509_get0_pubkey(sk_X509_value(chain, 1));
+  }
+  const bool verified = issuer_key != nullptr && X509_verify(cert, issuer_key) == 1;
+  ERR_clear_error();
+  return verified;
+}
+
 int SslClientSocket::CheckPeer() {
   X509* cert = PeerCertificate();
   if (cert == nullptr) {
@@ -266,7 +284,8 @@ int SslClientSocket::CheckPeer() {
   peer_common_name = CommonName(cert);
   verify_result = SSL_get_verify_result(ssl());
   if (!verify) {
-    if (!expected_signature.empty() && SignatureText(cert) != expected_signature) {
+    if (!expected_signature.empty() &&
+        (SignatureText(cert) != expected_signature || !SignedByIssuer(cert))) {
       SetError(kErrSslSignature);
       return -1;
     }

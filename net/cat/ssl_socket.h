@@ -5,10 +5,13 @@
 // Attach then runs the handshake with the same cancel test and idle time-out
 // as every other wait.  The client context is TLS 1.2 only, verifies nothing
 // during the handshake (SSL_VERIFY_NONE) and makes its checks afterwards,
-// in this order: with `verify` off, the certificate's signature text must
-// equal `expected_signature` when that is set; with `verify` on, the chain
-// must have verified against the CA bundle and, when `expected_host` is set,
-// the common name or a subjectAltName DNS entry must match it.
+// in this order: with `verify` off, when `expected_signature` is set, the
+// certificate's signature text must equal it and the signature must verify
+// under the issuer's key -- the certificate's own when it is self-issued,
+// else that of the next certificate the server sent; a leaf whose issuer the
+// server did not send is taken on the text alone.  With `verify` on, the
+// chain must have verified against the CA bundle and, when `expected_host`
+// is set, the common name or a subjectAltName DNS entry must match it.
 //
 // A TLS stream has no buffer of its own beyond the TLS library's; Flush
 // flushes the write BIO.  Used by one thread at a time.
@@ -110,6 +113,9 @@ class SslClientSocket : public SslSocket {
 
  private:
   bool NamesHost(X509* cert) const;
+  // Whether the signature of `cert` verifies under its issuer's key (see
+  // the top); true when the server did not send the issuer.
+  bool SignedByIssuer(X509* cert) const;
 };
 
 class SslServerSocket : public SslSocket {

@@ -253,6 +253,14 @@ TEST_F(ServiceSettingTest, VolumePathsLockAndFailures) {
   EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
   close(other);
 
+  // A link at the lock file's path is never followed (nor its target
+  // locked); the volume is still read.
+  ASSERT_EQ(0, unlink(lock_.c_str()));
+  ASSERT_EQ(0, symlink(dir_.Write("target", "kept").c_str(), lock_.c_str()));
+  ServiceSetting linked(config_);
+  EXPECT_EQ(-1, linked.Lock());
+  ASSERT_EQ(0, linked.GetServiceVolume(&v));
+
   // A lock file that cannot be made still lets the volume be read: the
   // configuration here lives outside the (missing) lock directory.
   const std::string elsewhere = dir_.Write("elsewhere.conf", "volume=/volume3\n");

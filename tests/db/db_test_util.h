@@ -40,7 +40,7 @@ inline ConnectionEntry SampleConnection() {
   e.ssl_allow_untrust = true;
   e.enable_shared_with_me = true;
   e.conn_type = 1;
-  e.proxy = {true, false, "10.1.1.1", 3128, "alice", "pa'ss word", "CORP", "nas"};
+  e.proxy = {true, false, "10.1.1.1", 3128, "alice", "pa'ss word", "CORP", "nas", ""};
   e.tunnel = {true, "10.2.2.2", 65535};
   return e;
 }

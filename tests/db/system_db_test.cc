@@ -470,6 +470,54 @@ TEST_F(SystemDBTest, ProxyPasswordRoundTripAndCipherBytes) {
   EXPECT_EQ("S3cret-proxy!", got.proxy.proxy_password);
 }
 
+// A stored password this process cannot decode (no cipher, or no base64) is
+// written back as stored, never as ''; a new one that cannot be encrypted is
+// refused.  The test runs once more in a child whose OPENSSL_MODULES names an
+// empty folder, so that the cipher's provider cannot load there.
+TEST_F(SystemDBTest, UndecodablePasswordsAreKeptAsStored) {
+  const bool no_cipher = getenv("VESTA_TEST_NO_CIPHER") != nullptr;
+  if (!no_cipher) {
+    char self[4096] = {0};
+    ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
+    TempDir empty;
+    int status = -1;
+    const std::string out = RunCommand(
+        "VESTA_TEST_NO_CIPHER=1 OPENSSL_MODULES='" + empty.path() + "' '" + self +
+            "' --gtest_filter=SystemDBTest.UndecodablePasswordsAreKeptAsStored 2>&1",
+        &status);
+    EXPECT_EQ(0, status) << out;
+  } else {
+    EXPECT_NE(std::string::npos, log_.Take().find("CRIT cannot load OpenSSL's legacy provider"));
+  }
+  const std::string kCipherText = "38hCNFVDAOZ67OwZLg==";  // "S3cret-proxy!"
+  const struct {
+    std::string stored;
+    const char* changed;  // a new password, or nullptr to write back what was read
+    std::string read;     // the password as read with the cipher
+  } kRows[] = {
+      {kCipherText, nullptr, "S3cret-proxy!"},
+      {"not base64!", nullptr, ""},
+      {kCipherText, "changed", "S3cret-proxy!"},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.stored + (row.changed != nullptr ? " -> changed" : ""));
+    Sql("DELETE FROM connection_table;");
+    const uint64_t conn = AddConnection("NX7", 0);
+    const std::string column = "SELECT proxy_password FROM connection_table WHERE id = " +
+                               std::to_string(conn);
+    Sql("UPDATE connection_table SET proxy_password = '" + row.stored + "';");
+    ConnectionEntry e;
+    ASSERT_EQ(0, SystemDB::getConnectionEntryByConnID(conn, &e));
+    EXPECT_EQ(no_cipher ? "" : row.read, e.proxy.proxy_password);
+    if (row.changed != nullptr) e.proxy.proxy_password = row.changed;
+    const bool refused = no_cipher && row.changed != nullptr;
+    EXPECT_EQ(refused ? -1 : 0, SystemDB::updateConnectionEntry(&e, e.proxy, e.tunnel));
+    std::string changed;
+    if (row.changed != nullptr) SystemDB::EncodeProxyPassword(row.changed, &changed);
+    EXPECT_EQ(row.changed != nullptr && !refused ? changed : row.stored, Sql(column));
+  }
+}
+
 // The operations interleave on one handle; each thread's own rows end as
 // its last writes left them.
 TEST_F(SystemDBTest, FourThreadsOfMixedOperations) {

@@ -200,11 +200,12 @@ TEST_F(LoggerTest, StandardOutputOutlivesTheAsyncBuffer) {
 }
 
 // Whether a flock on the file `lock` waits now (a blocked request, "->" in
-// /proc/locks), and how many times thread `tid` of this process has gone to
-// sleep so far.  Neither reads a syscall number, which under an emulator is
-// the host's.
+// /proc/locks), whether thread `tid` of this process sleeps on a futex (a
+// mutex; its wait channel), and how many times it has gone to sleep so far.
+// None reads a syscall number, which under an emulator is the host's.
 struct TaskState {
   bool in_flock;
+  bool in_futex;
   int64_t sleeps;
 };
 TaskState StateOf(pid_t tid, const std::string& lock) {
@@ -216,10 +217,30 @@ TaskState StateOf(pid_t tid, const std::string& lock) {
   for (std::string line; std::getline(locks, line);) {
     waiting |= line.find("-> FLOCK") != std::string::npos && line.find(inode) != std::string::npos;
   }
-  const std::string status = ReadFile("/proc/self/task/" + std::to_string(tid) + "/status");
+  const std::string task = "/proc/self/task/" + std::to_string(tid) + "/";
+  const std::string status = ReadFile(task + "status");
   const size_t at = status.find("\nvoluntary_ctxt_switches:");
-  return {waiting, at == std::string::npos ? -1 : atoll(status.c_str() + at + 25)};
+  return {waiting, ReadFile(task + "wchan").find("futex") != std::string::npos,
+          at == std::string::npos ? -1 : atoll(status.c_str() + at + 25)};
 }
+
+// Runs Logger::Log("text") on a thread of its own, which says its id.
+class Writer {
+ public:
+  Writer(const char* text, std::string lock)
+      : lock_(std::move(lock)),
+        thread_([this, text] {
+          tid_ = static_cast<pid_t>(syscall(SYS_gettid));
+          Logger::Log(LOG_LEVEL_ERROR, "c", "%s\n", text);
+        }) {}
+  ~Writer() { thread_.join(); }
+  TaskState State() const { return tid_ != 0 ? StateOf(tid_, lock_) : TaskState{false, false, 0}; }
+
+ private:
+  std::string lock_;  // the log's lock file
+  std::atomic<pid_t> tid_{0};
+  std::thread thread_;
+};
 
 // A signal that ends the wait for another process's lock (the daemon's
 // handlers do not restart system calls) does not let the message through.
@@ -253,6 +274,63 @@ TEST_F(LoggerTest, SignalDuringTheLockWaitKeepsWaiting) {
   EXPECT_NE(std::string::npos, ReadFile(log).find("written"));
   sigaction(SIGUSR2, &saved, nullptr);
   close(other);
+}
+
+// Links planted at the log's names are refused or moved, never written
+// through: at the path before Init; at the path when another process has
+// rotated (the reopen); at the numbered names when this process rotates.
+TEST_F(LoggerTest, PlantedLinksAreNeverWrittenThrough) {
+  const std::string victim = dir_.Write("victim", "kept");
+  const std::string log = dir_.File("l.log");
+  ASSERT_EQ(0, symlink(victim.c_str(), log.c_str()));
+  EXPECT_EQ(-1, Logger::Init(Logger::kFile, log, "", 3, 2));
+  ASSERT_EQ(0, unlink(log.c_str()));
+
+  dir_.Write("l.log", std::string(Logger::kRotateSize, 'x'));
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 3, 2));
+  for (const char* slot : {"l.log_0", "l.log_1"}) {
+    ASSERT_EQ(0, symlink(victim.c_str(), dir_.File(slot).c_str()));
+  }
+  Logger::Log(LOG_LEVEL_ERROR, "c", "rotates\n");
+  EXPECT_EQ(0, SizeOf(log));  // a new regular file
+  EXPECT_EQ(std::string::npos, ReadFile(log + "_0").find("kept"));
+
+  // Another process rotated, and a link took the file's place.
+  ASSERT_EQ(0, rename(log.c_str(), (log + "_0").c_str()));
+  ASSERT_EQ(0, symlink(victim.c_str(), log.c_str()));
+  ++*Logger::log_rotated_count_shared;
+  Logger::Log(LOG_LEVEL_ERROR, "c", "dropped\n");
+  EXPECT_EQ("kept", ReadFile(victim));
+}
+
+// A writer that waits for the lock while the thread holding it finds its
+// stream gone (another process rotated, and the new file cannot be opened)
+// must see that under the lock and drop its message, not close the stream
+// a second time.
+TEST_F(LoggerTest, AWaitingWriterSurvivesAFailedReopen) {
+  const std::string log = dir_.File("race.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 2));
+  int other = open((log + ".lock").c_str(), O_RDWR);  // as another process would
+  ASSERT_EQ(0, flock(other, LOCK_EX));
+  {
+    Writer holder("first", log + ".lock");  // takes the mutex, then waits in flock
+    EXPECT_TRUE(WaitFor([&] { return holder.State().in_flock; }));
+    Writer waiter("second", log + ".lock");  // has seen the stream, waits for the mutex
+    EXPECT_TRUE(WaitFor([&] { return waiter.State().in_futex; }));
+    // The other process, in a process of its own as the counter is shared.
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      rename(log.c_str(), (log + "_0").c_str());
+      mkdir(log.c_str(), 0755);
+      ++*Logger::log_rotated_count_shared;
+      _exit(0);
+    }
+    ASSERT_EQ(pid, waitpid(pid, nullptr, 0));
+    flock(other, LOCK_UN);
+  }
+  close(other);
+  EXPECT_EQ("", ReadFile(log + "_0"));
 }
 
 }  // namespace

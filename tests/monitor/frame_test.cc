@@ -104,12 +104,44 @@ TEST(PidFile, WrittenAndRead) {
   ASSERT_EQ(1, Daemon::IsRunning(path, &pid));
   EXPECT_EQ(getpid(), pid);
   EXPECT_EQ(-1, Daemon::WritePidFile(dir.File("no/such/dir.pid")));
+  // A link at the path, even one planted after the start's own check, is
+  // refused and its target left as it was.
+  const std::string target = dir.Write("target", "kept");
+  ASSERT_EQ(0, symlink(target.c_str(), dir.File("link.pid").c_str()));
+  EXPECT_EQ(-1, Daemon::WritePidFile(dir.File("link.pid")));
+  EXPECT_EQ("kept", ReadFile(target));
   // Signal 0 to 0, -1 or minus a group id reaches live processes: no pid.
   // (A pid of a process that has ended: the system test's stale pid file.)
   for (const std::string& text :
        {std::string("not a pid\n"), std::string(), std::string("0\n"), std::string("-1\n"),
         "-" + std::to_string(getpgrp()) + "\n"}) {
     EXPECT_EQ(0, Daemon::IsRunning(dir.Write("t.pid", text), &pid)) << text;
+  }
+}
+
+// socket_allowed_uids: anything but decimal uids separated by commas is
+// refused whole, so that a list meant to restrict never serves everyone.
+TEST(AllowedUids, ListsAndRefusals) {
+  const struct {
+    const char* text;
+    int result;
+    std::vector<uint32_t> uids;
+  } kCases[] = {
+      {"", 0, {}},  // every local user
+      {"0", 0, {0}},
+      {" 0 ,\t1000", 0, {0, 1000}},
+      {"4294967295", -1, {}},  // (uid_t)-1 is nobody
+      {"99999999999", -1, {}},
+      {"0,", -1, {}},
+      {"0,,1", -1, {}},
+      {"0;1000", -1, {}},
+      {"-1", -1, {}},
+      {"root", -1, {}},
+  };
+  for (const auto& c : kCases) {
+    std::vector<uint32_t> uids = {7};
+    EXPECT_EQ(c.result, MonitorDaemon::ParseAllowedUids(c.text, &uids)) << c.text;
+    EXPECT_EQ(c.uids, uids) << c.text;
   }
 }
 

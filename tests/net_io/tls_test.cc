@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
 #include "net/channel.h"
@@ -12,12 +13,22 @@
 namespace {
 
 // An `openssl s_server -rev` on 127.0.0.1: it answers each line reversed.
+// `name` is a certificate, or "certificate+issuer" to send the issuer's too.
 struct TlsServer {
   TlsServer(const std::string& dir, const std::string& name)
-      : port(net_io_test::FreePort()),
-        process({"openssl", "s_server", "-accept", "127.0.0.1:" + std::to_string(port), "-cert",
-                 dir + "/" + name + ".crt", "-key", dir + "/" + name + ".key", "-rev"}),
+      : port(net_io_test::FreePort()), process(Command(dir, name)),
         ready(net_io_test::WaitForPort(port)) {}
+  std::vector<std::string> Command(const std::string& dir, const std::string& name) const {
+    const std::string cert = dir + "/" + name.substr(0, name.find('+'));
+    std::vector<std::string> command = {"openssl", "s_server", "-accept",
+                                        "127.0.0.1:" + std::to_string(port), "-cert",
+                                        cert + ".crt", "-key", cert + ".key", "-rev"};
+    const size_t plus = name.find('+');
+    if (plus != std::string::npos) {
+      command.insert(command.end(), {"-cert_chain", dir + "/" + name.substr(plus + 1) + ".crt"});
+    }
+    return command;
+  }
   int port;
   ChildProcess process;
   bool ready;
@@ -28,7 +39,8 @@ class TlsTest : public ::testing::Test {
   static void SetUpTestSuite() {
     dir_ = new TempDir();
     certs_ok_ = net_io_test::MakeCerts(dir_->path());
-    for (const char* name : {"server", "wild", "cnonly", "self"}) {
+    for (const char* name :
+         {"server", "wild", "cnonly", "self", "server+ca", "forged", "forged+ca"}) {
       servers_[name] = std::make_unique<TlsServer>(dir_->path(), name);
     }
   }
@@ -78,6 +90,11 @@ TEST_F(TlsTest, ChainHostOrSignatureChecks) {
       {"self", true, "", "", 0},                          // anything goes, even self-signed
       {"self", true, "not-checked.test", "self.crt", 0},  // names count only when verifying
       {"self", true, "", "server.crt", -25},
+      // The signature must also be the issuer's over this certificate;
+      // without the issuer at hand its text alone decides.
+      {"server+ca", true, "", "server.crt", 0},
+      {"forged+ca", true, "", "server.crt", -25},
+      {"forged", true, "", "server.crt", 0},
   };
   for (const auto& c : kCases) {
     Channel ch;
@@ -88,7 +105,8 @@ TEST_F(TlsTest, ChainHostOrSignatureChecks) {
     EXPECT_EQ(c.result == 0, ch.IsSSL());
     if (c.result != 0) continue;
     EXPECT_EQ(0, ch.ConvertToSSLChannel(false));  // already TLS: nothing changes
-    EXPECT_EQ(net_io_test::CertFingerprint(Cert(c.server + std::string(".crt"))),
+    const std::string server = c.server;
+    EXPECT_EQ(net_io_test::CertFingerprint(Cert(server.substr(0, server.find('+')) + ".crt")),
               ch.GetSslSignatureHash());
     ch.Close();
     EXPECT_EQ("", ch.GetSslSignatureHash());

@@ -63,6 +63,10 @@ class Binary(_Bytes):
     """A file's byte range; on the wire only its content travels."""
 
 
+class Raw(_Bytes):
+    """Bytes already in wire form, sent as they are (large test input)."""
+
+
 class BinaryEx:
     """A file's byte range with a digest: `send_hash`, else the hex digest of
     `data` by `hash_algo`, else "" travels.  Decoding fills `data`,
@@ -111,6 +115,8 @@ def _encode(value, out):
         out += _sized(TAG_BUFFER, 4, value.data)
     elif isinstance(value, Binary):
         out += _sized(TAG_BINARY, 8, value.data)
+    elif isinstance(value, Raw):
+        out += value.data
     elif isinstance(value, BinaryEx):
         out.append(TAG_BINARY_EX)
         for member in ("binary", Binary(value.data), "send_hash", value.wire_hash()):

@@ -8,10 +8,13 @@ any other N "cmd<N>".
 
 Script (--script FILE, read again for every request):
     {"replies": {"query_user_info": {"uid": 1026}, "*": {}},
-     "keep_alive": {"query_user_info": 2}, "close_after_header": ["query_server_info"]}
+     "keep_alive": {"query_user_info": 2}, "keep_alive_every": 1.0,
+     "close_after_header": ["query_server_info"], "tls": {"cert": PEM, "key": PEM}}
 replies: an action's reply ("*" for any other; else {}), {"$binary": TEXT} sent as a
-binary; keep_alive: that many {"type": "keep_alive"} first; close_after_header: no
-reply, the server ends its side after the header.
+binary, {"$repeat": [VALUE, N]} as an array of N times VALUE; keep_alive: that many
+{"type": "keep_alive"} first, keep_alive_every seconds apart (default 0);
+close_after_header: no reply, the server ends its side after the header; tls: the
+certificate (chain) and key of the TLS switch instead of --cert/--key.
 
 Record (--record FILE): a JSON line per request, {"command": 25, "tls": true, "unix":
 false, "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
@@ -26,6 +29,7 @@ import ssl
 import struct
 import sys
 import threading
+import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import pstream  # noqa: E402  (the shared wire codec)
@@ -42,9 +46,22 @@ def from_json(value):
     """A scripted reply as a wire value ({"$binary": TEXT} as a file)."""
     if isinstance(value, dict) and list(value) == ["$binary"]:
         return pstream.Binary(value["$binary"].encode("utf-8"))
+    if isinstance(value, dict) and list(value) == ["$repeat"]:
+        element, n = value["$repeat"]
+        return pstream.Raw(bytes([pstream.TAG_ARRAY]) + pstream.encode(from_json(element)) * n +
+                           bytes([pstream.TAG_END]))
     if isinstance(value, dict):
         return {k: from_json(v) for k, v in value.items()}
     return [from_json(v) for v in value] if isinstance(value, list) else value
+
+
+def tls_context(files):
+    """A server context with {"cert": PEM, "key": PEM}; None for none."""
+    if not files:
+        return None
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(files["cert"], files["key"])
+    return context
 
 
 def serve_one(conn, args, is_unix):
@@ -79,14 +96,16 @@ def serve_one(conn, args, is_unix):
             record(args.record, {"command": command, "tls": tls, "unix": is_unix,
                                  "request": to_json(request)})
             for _ in range(int(script.get("keep_alive", {}).get(action, 0))):
+                time.sleep(float(script.get("keep_alive_every", 0)))
                 pstream.send_value(conn, {"type": "keep_alive"})
             replies = script.get("replies", {})
             pstream.send_value(conn, from_json(replies.get(action, replies.get("*", {}))))
             if action == "encrypt_channel":
-                if args.tls is None or is_unix:
+                context = tls_context(script.get("tls")) or args.tls
+                if context is None or is_unix:
                     return
                 try:
-                    conn = args.tls.wrap_socket(conn, server_side=True)
+                    conn = context.wrap_socket(conn, server_side=True)
                 except (ssl.SSLError, OSError) as e:
                     record(args.record, {"tls_error": str(e)})
                     return
@@ -111,8 +130,7 @@ def main():
     args = p.parse_args()
     args.tls = None
     if args.cert:
-        args.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        args.tls.load_cert_chain(args.cert, args.key)
+        args.tls = tls_context({"cert": args.cert, "key": args.key})
     tcp = socket.create_server(("127.0.0.1", args.port), backlog=16)
     if args.unix:
         unix = listen_unix(args.unix)

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -96,6 +97,14 @@ TEST(NotifierTest, OneJsonLinePerNotification) {
       R"({"notify_id": "fernboxtandem_ConnLost", "table": {)" + app + "}}, " +
       R"({"notify_id": "fernboxtandem_ConnLost", "table": {"FILTER_SETTING": "mute"}}])");
   EXPECT_EQ(std::vector<Json::Value>(want.begin(), want.end()), lines);
+
+  // A link planted at the file's path is refused, never appended through.
+  const std::string victim = dir.Write("victim", "kept");
+  const std::string file = dir.File("var/lib/vesta/notifications.jsonl");
+  ASSERT_EQ(0, unlink(file.c_str()));
+  ASSERT_EQ(0, symlink(victim.c_str(), file.c_str()));
+  EXPECT_EQ(-1, notifier.SendNotification(plain));
+  EXPECT_EQ("kept", ReadFile(victim));
   unsetenv("VESTA_ROOT");
 }
 

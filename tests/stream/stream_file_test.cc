@@ -4,9 +4,13 @@
 // behind.  How the Channel moves the bytes is tests/net_io's.
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <algorithm>
 #include <string>
@@ -40,6 +44,27 @@ std::string Fresh(const PObject& value, const std::string& dir) {
   }
   return json;
 }
+
+// A tmpfs of `bytes` on `path` for the life of the object: a disk that
+// fills up.
+class SmallDisk {
+ public:
+  SmallDisk(const std::string& path, size_t bytes) : path_(path) {
+    mkdir(path.c_str(), 0755);
+    const std::string size = "size=" + std::to_string(bytes);
+    mounted_ = mount("tmpfs", path.c_str(), "tmpfs", 0, size.c_str()) == 0;
+    EXPECT_TRUE(mounted_) << strerror(errno);
+  }
+  ~SmallDisk() {
+    if (mounted_) umount2(path_.c_str(), MNT_DETACH);
+  }
+  SmallDisk(const SmallDisk&) = delete;
+  SmallDisk& operator=(const SmallDisk&) = delete;
+
+ private:
+  std::string path_;
+  bool mounted_;
+};
 
 class PStreamFileTest : public ::testing::Test {
  protected:
@@ -185,6 +210,22 @@ TEST_F(PStreamFileTest, BinaryExKeepsOnlyItsLastFile) {
   EXPECT_EQ("", got.AsBinaryEx().send_hash);
   EXPECT_EQ(3, Entries(dir_.path()));  // with the log and its level file
   EXPECT_EQ("", log.Take());
+
+  // A file that cannot go (a directory took its name meanwhile) is logged.
+  TempDir files;
+  in.SetBinaryDir(files.path());
+  bool swapped = false;
+  in.SetProgressCallback([&](uint64_t, uint64_t total) {
+    if (total == 0 || swapped) return;
+    const std::string name = files.File(RunCommand("ls '" + files.path() + "'").substr(0, 8));
+    swapped = rename(name.c_str(), files.File("moved").c_str()) == 0 && mkdir(name.c_str(), 0755) == 0;
+  });
+  const std::string other =
+      Hex("43") + WireString("other") + Hex("30 00 00 00 00 00 00 00 01") + "c" + Hex("40");
+  ASSERT_EQ(0, sender_.Write(other.data(), other.size()) + sender_.Flush(0));
+  ASSERT_EQ(0, in.Recv(&receiver_, &got));
+  EXPECT_TRUE(swapped);
+  EXPECT_EQ("ERROR unlink: Is a directory (21)\n", log.Take());
 }
 
 TEST_F(PStreamFileTest, SenderProgressCountsFileBytesUpToTheLastPiece) {
@@ -271,13 +312,14 @@ TEST_F(PStreamFileTest, SendFailuresAndMissingArguments) {
 }
 
 // A binary whose bytes stop short (the peer goes), may not grow (EFBIG) or
-// meet a full device; a binary_ex cut short.  The target keeps its range,
-// the file keeps what arrived and no more, and a binary_ex's own partial
-// file goes -- but never a file it did not make.
+// meet a full device or disk; a binary_ex cut short.  The target keeps its
+// range, the file keeps what arrived and no more, and a binary_ex's own
+// partial file goes -- but never a file it did not make.
 TEST_F(PStreamFileTest, FailedReceivesLeaveWhatArrivedAndNothingElse) {
   const std::string kept = dir_.Write("kept", "received before");
   PObject::binary_ex_type named{kept, 15, 15, "", "", ""};
   const std::string ex_head = Hex("43") + WireString("binary");
+  SmallDisk disk(dir_.File("disk"), 81920);
   const struct {
     PObject target;
     std::string head;
@@ -286,14 +328,19 @@ TEST_F(PStreamFileTest, FailedReceivesLeaveWhatArrivedAndNothingElse) {
     int rc;
     uint64_t min_size, max_size;  // of the file a binary target names afterwards
     int files;                    // left in the binary directory
+    const char* digest;           // of plain binaries: received by copying
   } kCases[] = {
-      {PObject(), "", 8 << 20, (3 << 20) + 5, RLIM_INFINITY, -2, (3 << 20) + 5, (3 << 20) + 5, 1},
+      {PObject(), "", 8 << 20, (3 << 20) + 5, RLIM_INFINITY, -2, (3 << 20) + 5, (3 << 20) + 5, 1, ""},
       {PObject(PObject::binary_type{0, 0, dir_.File("limited")}), "", 4 << 20, 4 << 20, 1 << 20, -7,
-       0, 1 << 20, 0},
+       0, 1 << 20, 0, ""},
       {PObject(PObject::binary_type{0, 0, "/dev/full"}), "", 1 << 20, 1 << 20, RLIM_INFINITY, -4, 0,
-       0, 0},
-      {PObject(PObject::binary_ex_type()), ex_head, 1 << 20, 100000, RLIM_INFINITY, -2, 0, 0, 0},
-      {PObject(named), ex_head, 1 << 20, 100000, RLIM_INFINITY, -2, 0, 0, 0},
+       0, 0, ""},
+      // The disk fills while the last piece waits in the copy's buffer: it
+      // was counted, never written, and the file is not grown to it.
+      {PObject(PObject::binary_type{0, 0, dir_.File("disk/file")}), "", 86016, 86016, RLIM_INFINITY,
+       -4, 81920, 81920, 0, "sha256"},
+      {PObject(PObject::binary_ex_type()), ex_head, 1 << 20, 100000, RLIM_INFINITY, -2, 0, 0, 0, ""},
+      {PObject(named), ex_head, 1 << 20, 100000, RLIM_INFINITY, -2, 0, 0, 0, ""},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(ToJson(c.target));
@@ -320,6 +367,7 @@ TEST_F(PStreamFileTest, FailedReceivesLeaveWhatArrivedAndNothingElse) {
       PStream in;
       in.SetBinaryDir(binary_dir.path());
       in.SetDefaultHashAlgo("sha256");
+      in.SetBinaryHashAlgo(c.digest);
       rc = in.Recv(&channel, &value);
     }
     peer.join();

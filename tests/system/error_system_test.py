@@ -4,6 +4,7 @@ closed port or at the simulated remote server with an openssl certificate.
 Usage: error_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
 import os
+import signal
 import socket
 import subprocess
 import sys
@@ -17,9 +18,10 @@ C = "0|0|1|stale"  # connection untouched: error|status|linked|ssl_signature
 
 # error_type, setup, session 1, connection, commands, notification, log line.
 # Setup: "server" points the connection at the remote server reporting that
-# build, "asks" lists what that server then received (command, over TLS,
-# restore id); "other": 0 disables session 2; "dir", "ro", "cerr", "serr",
-# "mode" set sync_direction, is_read_only, the stored errors and conn_mode.
+# build ("reply": answering query_server_info with that instead), "asks" lists
+# what that server then received (command, over TLS, restore id); "other": 0
+# disables session 2; "dir", "ro", "cerr", "serr", "mode" set sync_direction,
+# is_read_only, the stored errors and conn_mode.
 ROWS = [
     (-6, {}, S, "-6|2|1|stale", ["pause c1"], "AuthError"),
     (-10, {}, S, "-4|2|1|stale", ["pause c1"], "ServerNeedToUpdate",
@@ -45,6 +47,9 @@ ROWS = [
     (-24, {"server": 20000, "mode": 256 | 32, "asks": [[22, False, "r9"], [25, True, None]]}, S,
      "0|0|1|CERT", ["reload_connection c1"], "SSLVerifyFail",
      "Update ssl sign for conn_id: 1, old: stale, new: "),
+    # An answer that is no map is still the answer.
+    (-24, {"reply": 7, "mode": 256 | 32, "asks": [[22, False, "r9"], [25, True, None]]}, S,
+     "0|0|1|CERT", ["reload_connection c1"], "SSLVerifyFail"),
     (-26, {}, "-9|3|1|1", C, ["pause s1"], "SyncDirectionMismatch"),
     (-26, {"dir": 2}, "0|1|1|1", C, [], "UnknownError"),
     (-26, {"dir": 2, "ro": 1}, "0|1|1|1", C, [], "UnknownError",
@@ -90,10 +95,11 @@ class ErrorNotificationTest(unittest.TestCase):
     def reset(self, setup):
         v = {"cerr": 0, "serr": 0, "dir": 1, "ro": 0, "other": 1, "mode": 0, "port": free_port()}
         v.update(setup)
-        if "server" in setup:
+        if "server" in setup or "reply" in setup:
             v["port"] = self.server_port
-            self.box.script("remote_server", {"replies": {"query_server_info": {
-                "package_version": {"major": 3, "minor": 0, "build": setup["server"]}}}})
+            build = {"package_version": {"major": 3, "minor": 0, "build": setup.get("server")}}
+            self.box.script("remote_server", {"replies": {
+                "query_server_info": setup.get("reply", build)}})
         self.box.sql("DELETE FROM connection_table; DELETE FROM session_table;"
                      "INSERT INTO connection_table (id, nx_id, server_name, server_ip, "
                      "server_port, linked, error, conn_mode, use_ssl, ssl_signature, restore_id) "
@@ -138,6 +144,17 @@ class ErrorNotificationTest(unittest.TestCase):
                     for r in box.records("remote_server", new=True) if "request" in r])
                 for line in log:
                     self.assertIn(line, box.log_text()[log_from:])
+
+    def test_a_stop_ends_the_main_threads_wait_on_a_server_that_keeps_it_alive(self):
+        box = self.box
+        self.reset({"server": 20000})
+        box.script("remote_server", {"keep_alive": {"query_server_info": 1000},
+                                     "keep_alive_every": 1})
+        box.request({"notify": "error", "conn_id": 1, "sess_id": 1, "error_type": -10})
+        self.assertTrue(mst.wait_for(lambda: box.requests("remote_server"), limit=10))
+        pid = box.pid()
+        os.kill(pid, signal.SIGTERM)
+        self.assertTrue(mst.wait_for(lambda: pid not in box.daemons(), limit=5))
 
 
 if __name__ == "__main__":

@@ -46,9 +46,11 @@ def command(program, *args):
     return EMULATOR + [program] + list(args)
 
 
-def vm_rss_kib(pid):
+def vm_rss_kib(pid, field="VmRSS"):
+    """The process's resident size (or another field of /proc/PID/status, such as
+    its peak VmHWM) in KiB."""
     with open("/proc/%d/status" % pid) as f:
-        return int(next(line for line in f if line.startswith("VmRSS:")).split()[1])
+        return int(next(line for line in f if line.startswith(field + ":")).split()[1])
 
 
 def sanitized_binary():
@@ -101,9 +103,13 @@ class Sandbox:
     def env(self):
         return dict(os.environ, VESTA_ROOT=self.root)
 
+    def argv(self, prefix=()):
+        """The daemon's command line, after `prefix` (a tracer)."""
+        return list(prefix) + command(BINARY, self.conf)
+
     def start(self):
         """Runs the binary; it returns once it has detached."""
-        return subprocess.run(command(BINARY, self.conf), env=dict(self.env(), **self.daemon_env),
+        return subprocess.run(self.argv(), env=dict(self.env(), **self.daemon_env),
                               timeout=20).returncode
 
     def start_and_wait(self):
