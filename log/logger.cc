@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "log/key_value_file.h"
@@ -47,6 +48,64 @@ void FreeCounter(T* counter, bool shared) {
 }
 
 bool CountersShared(const Logger::InitConfig& c) { return c.share_mode >= 2; }
+
+// The message of `format` with its arguments, on one line: a control
+// character inside it (a line break that a peer's text carried, above all)
+// is written as an escape, so that a message never forges or cuts a line.
+// Only a line break at the very end stays.
+std::string OneLine(const char* format, va_list args) {
+  va_list again;
+  va_copy(again, args);
+  char small[1024];
+  const int n = vsnprintf(small, sizeof(small), format, args);
+  std::string text;
+  if (n >= static_cast<int>(sizeof(small))) {
+    text.resize(static_cast<size_t>(n) + 1);
+    vsnprintf(&text[0], text.size(), format, again);
+    text.resize(static_cast<size_t>(n));
+  } else if (n > 0) {
+    text.assign(small, static_cast<size_t>(n));
+  }
+  va_end(again);
+  std::string line;
+  line.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    if ((c >= 0x20 && c != 0x7f) || c == '\t' || (c == '\n' && i + 1 == text.size())) {
+      line += static_cast<char>(c);
+    } else if (c == '\n' || c == '\r') {
+      line += c == '\n' ? "\\n" : "\\r";
+    } else {
+      char escape[8];
+      snprintf(escape, sizeof(escape), "\\x%02x", c);
+      line += escape;
+    }
+  }
+  return line;
+}
+
+// Appends `line` to the stream's file whole or not at all: when a full disk
+// takes only part of it, the file is cut back to where the line began, so
+// that the next line never runs on from a cut one.  True when written.
+bool AppendWhole(FILE* fp, const std::string& line) {
+  if (fflush(fp) != 0) return false;
+  const int fd = fileno(fp);
+  struct stat st;
+  const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  size_t done = 0;
+  while (done < line.size()) {
+    const ssize_t n = write(fd, line.data() + done, line.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  if (done == line.size()) return true;
+  if (done > 0 && regular) {
+    const int cut = ftruncate(fd, st.st_size);
+    (void)cut;  // a file that cannot be cut back keeps the cut line
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -379,12 +438,12 @@ void Logger::Log(int level, const char* component, const char* format, ...) {
       struct tm local;
       localtime_r(&now, &local);
       strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S ", &local);
-      int stamp_len = fputs(stamp, log_fp) >= 0 ? static_cast<int>(strlen(stamp)) : 0;
-      int text_len = vfprintf(log_fp, format, args);
-      size_t n = static_cast<size_t>(stamp_len + (text_len > 0 ? text_len : 0));
+      const std::string line = stamp + OneLine(format, args);
+      size_t n = line.size();
       if (async_handler == nullptr) {
-        fflush(log_fp);
+        if (!AppendWhole(log_fp, line)) n = 0;
       } else {
+        if (fwrite(line.data(), 1, n, log_fp) != n) n = 0;
         async_handler->AddPending(n);
       }
       if (config.output_type == kFile) {

@@ -5,8 +5,12 @@
 // A message passes when its level is at most its component's level (a
 // component without a configured level has level 4, WARNING).  It is written
 // with a local-time stamp to a file, standard output or standard error, or
-// sent to syslog.  A file is rotated by size; several threads (share_mode 1)
-// or several processes forked after Init (share_mode 2) may write one file.
+// sent to syslog.  A message stays on its one line: a control character in
+// it (a line break a peer's text carried) is written as an escape (\n, \r,
+// \xHH), and a line that a full disk cannot take whole is not written at
+// all (the file is cut back to where it began).  A file is rotated by size;
+// several threads (share_mode 1) or several processes forked after Init
+// (share_mode 2) may write one file.
 // The file, its numbered rotations and its lock file are opened, renamed
 // and removed by name within the log's directory, opened by Init
 // (platform/safe_file.h): a symbolic link at any of those names is refused

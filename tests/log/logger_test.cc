@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -24,6 +25,7 @@
 #include "log/log.h"
 #include "tests/common/log_capture.h"
 #include "tests/common/shell.h"
+#include "tests/common/small_disk.h"
 #include "tests/common/temp_dir.h"
 
 namespace {
@@ -113,6 +115,40 @@ TEST_F(LoggerTest, LogPastTwoGibRotatesAtTheFirstLine) {
   ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
   Logger::Log(LOG_LEVEL_ERROR, "c", "z");
   EXPECT_EQ((off_t{3} << 30) + kStampSize + 1, SizeOf(log + "_0"));
+}
+
+// A peer's text in a message (a share name, a server's reason) cannot
+// forge or cut a line of the log.
+TEST_F(LoggerTest, ControlCharactersOfAMessageAreEscaped) {
+  const std::string log = dir_.File("e.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
+  Logger::Log(LOG_LEVEL_ERROR, "c", "hook ('%s')\n", "a\n2024-01-31T23:59:59 forged\r\x01\x7f\tb");
+  EXPECT_EQ("hook ('a\\n2024-01-31T23:59:59 forged\\r\\x01\\x7f\tb')\n",
+            ReadFile(log).substr(kStampSize));
+}
+
+// On a full disk a line is written whole or not at all: the next line never
+// runs on from a cut one.
+TEST_F(LoggerTest, AFullDiskLeavesNoCutLine) {
+  SmallDisk disk(dir_.File("disk"), 64 << 10);
+  const std::string log = dir_.File("disk/f.log");
+  ASSERT_EQ(0, Logger::Init(Logger::kFile, log, "", 50, 1));
+  Logger::Log(LOG_LEVEL_ERROR, "c", "first\n");
+  // Every block taken: only the rest of the log's own last block is free.
+  const std::string filler = dir_.File("disk/filler");
+  {
+    std::ofstream out(filler, std::ios::binary);
+    const std::string block(4096, 'f');
+    for (int i = 0; i < 64 && out; ++i) out.write(block.data(), block.size());
+  }
+  const std::string first = ReadFile(log);
+  Logger::Log(LOG_LEVEL_ERROR, "c", "%s\n", std::string(8192, 'x').c_str());
+  EXPECT_EQ(first, ReadFile(log));
+  ASSERT_EQ(0, unlink(filler.c_str()));
+  Logger::Log(LOG_LEVEL_ERROR, "c", "after\n");
+  const std::string text = ReadFile(log);
+  EXPECT_EQ(first, text.substr(0, first.size()));
+  EXPECT_EQ("after\n", text.substr(first.size() + kStampSize));
 }
 
 // Two processes forked after Init write one file through several

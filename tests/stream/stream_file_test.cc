@@ -4,13 +4,10 @@
 // behind.  How the Channel moves the bytes is tests/net_io's.
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 
 #include <algorithm>
 #include <string>
@@ -20,6 +17,7 @@
 #include "net/channel.h"
 #include "stream/PObject.h"
 #include "stream/stream.h"
+#include "tests/common/small_disk.h"
 #include "tests/net_io/net_io_test_util.h"
 #include "tests/stream/stream_test_util.h"
 
@@ -44,27 +42,6 @@ std::string Fresh(const PObject& value, const std::string& dir) {
   }
   return json;
 }
-
-// A tmpfs of `bytes` on `path` for the life of the object: a disk that
-// fills up.
-class SmallDisk {
- public:
-  SmallDisk(const std::string& path, size_t bytes) : path_(path) {
-    mkdir(path.c_str(), 0755);
-    const std::string size = "size=" + std::to_string(bytes);
-    mounted_ = mount("tmpfs", path.c_str(), "tmpfs", 0, size.c_str()) == 0;
-    EXPECT_TRUE(mounted_) << strerror(errno);
-  }
-  ~SmallDisk() {
-    if (mounted_) umount2(path_.c_str(), MNT_DETACH);
-  }
-  SmallDisk(const SmallDisk&) = delete;
-  SmallDisk& operator=(const SmallDisk&) = delete;
-
- private:
-  std::string path_;
-  bool mounted_;
-};
 
 class PStreamFileTest : public ::testing::Test {
  protected:
