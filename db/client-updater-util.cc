@@ -27,7 +27,7 @@ int OpenSqliteDatabase(const std::string& path, SqliteHandle* db) {
     LOG_ERROR(kUtilComponent, "failed to open database: %s (%d)", sqlite3_errmsg(db->get()), rc);
     return -1;
   }
-  rc = sqlite3_busy_timeout(db->get(), kSqliteBusyTimeoutMs);
+  rc = SetSqliteBusyWait(db->get(), SystemDB::m_run_flag);
   if (rc != SQLITE_OK) {
     LOG_ERROR(kUtilComponent, "failed to set busy timeout to %d: %s (%d)", kSqliteBusyTimeoutMs,
               sqlite3_errmsg(db->get()), rc);

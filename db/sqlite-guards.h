@@ -9,9 +9,21 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
+#include <cstdint>
+
 // Busy time-out, in milliseconds, of every database this program opens: a
 // statement waits this long for another process's lock before failing.
 constexpr int kSqliteBusyTimeoutMs = 300000;
+// One step of that wait: how soon a cleared run flag ends it.
+constexpr int kSqliteBusyStepMs = 10;
+
+// Makes `db` wait for another process's lock as a busy time-out of
+// kSqliteBusyTimeoutMs does, except that the wait ends at once, the
+// statement failing with SQLITE_BUSY, when `run_flag` (if not null) reads 0:
+// a stop is never held up by another process's transaction.  `run_flag`
+// must outlive the handle.  SQLite's result code.
+int SetSqliteBusyWait(sqlite3* db, const std::atomic<int32_t>* run_flag);
 
 class SqliteHandle {
  public:

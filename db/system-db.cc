@@ -1,6 +1,7 @@
 // SystemDB: the handle with its schema, and every write.
 #include "db/system-db.h"
 
+#include <chrono>
 #include <cstdarg>
 #include <sstream>
 
@@ -12,6 +13,7 @@ using namespace system_db_detail;
 sqlite3* SystemDB::m_db = nullptr;
 std::mutex SystemDB::m_dbMutex;
 std::string SystemDB::m_system_db_path;
+const std::atomic<int32_t>* SystemDB::m_run_flag = nullptr;
 
 namespace system_db_detail {
 
@@ -38,6 +40,29 @@ int PrepareLocked(const char* op, const char* sql, SqliteStatement* stmt) {
 }
 
 }  // namespace system_db_detail
+
+namespace {
+
+// The busy handler of SetSqliteBusyWait; `run_flag` is the flag or null.
+// A handle is used by one thread at a time, so the start of the wait for
+// one lock is kept per thread.
+int WaitWhileBusy(void* run_flag, int count) {
+  thread_local std::chrono::steady_clock::time_point since;
+  const auto now = std::chrono::steady_clock::now();
+  if (count == 0) since = now;
+  const auto* run = static_cast<const std::atomic<int32_t>*>(run_flag);
+  if (run != nullptr && run->load() == 0) return 0;
+  if (now - since >= std::chrono::milliseconds(kSqliteBusyTimeoutMs)) return 0;
+  sqlite3_sleep(kSqliteBusyStepMs);
+  return 1;
+}
+
+}  // namespace
+
+int SetSqliteBusyWait(sqlite3* db, const std::atomic<int32_t>* run_flag) {
+  return sqlite3_busy_handler(db, WaitWhileBusy,
+                              const_cast<std::atomic<int32_t>*>(run_flag));
+}
 
 namespace {
 
@@ -265,7 +290,7 @@ int SystemDB::initialize(const std::string& path) {
               sqlite3_errmsg(db.get()));
     return -1;
   }
-  sqlite3_busy_timeout(db.get(), kSqliteBusyTimeoutMs);
+  SetSqliteBusyWait(db.get(), m_run_flag);
   SqliteText error;
   rc = sqlite3_exec(db.get(), kSchemaScript, nullptr, nullptr, error.out());
   if (rc != SQLITE_OK) {
@@ -282,7 +307,6 @@ int SystemDB::initialize(const std::string& path) {
              "cannot load OpenSSL's legacy provider: stored proxy passwords cannot be read and "
              "are kept as stored; new ones are refused");
   }
-  sqlite3_busy_timeout(m_db, kSqliteBusyTimeoutMs);
   return 0;
 }
 

@@ -10,7 +10,7 @@
 // Every other operation may be called from any thread and holds m_dbMutex
 // for the whole of its SQLite work, so one statement of this process runs at
 // a time on the shared handle; other processes are waited for up to the
-// busy time-out (five minutes).  The handle is opened without SQLite's own
+// busy time-out (five minutes), or until the run flag clears.  The handle is opened without SQLite's own
 // per-call lock: whoever uses m_db directly holds m_dbMutex too, or does so
 // while no operation can run.
 //
@@ -25,6 +25,7 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <mutex>
@@ -104,6 +105,10 @@ class SystemDB {
   static sqlite3* m_db;               // the open database; null while closed
   static std::mutex m_dbMutex;        // held by every operation but open/close
   static std::string m_system_db_path;  // path of the open database; "" while closed
+  // The process's run flag, or null: once it reads 0, a wait for another
+  // process's lock ends and the operation fails (SetSqliteBusyWait).  Set
+  // before initialize; it applies to every database the daemon opens.
+  static const std::atomic<int32_t>* m_run_flag;
 };
 
 #endif  // VESTA_DB_SYSTEM_DB_H_

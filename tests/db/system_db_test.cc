@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <thread>
 
 #include "db/base64.h"
@@ -590,6 +592,32 @@ TEST_F(SystemDBTest, WriteWaitsForAnotherProcessHoldingTheLock) {
   EXPECT_EQ(0, SystemDB::setSessionStatus(sess, 7));
   holder.join();
   EXPECT_EQ("7|-1", Sql("SELECT status, error FROM session_table;"));  // ours after theirs
+}
+
+// A stop is not held up by another process's lock, however long it is held:
+// the waiting write gives up once the run flag clears, and fails.
+TEST_F(SystemDBTest, AWaitForAnotherProcessEndsWithTheRunFlag) {
+  // As the daemon does: the flag is handed over before the database opens.
+  static std::atomic<int32_t> run{1};
+  SystemDB::deinitialize();
+  SystemDB::m_run_flag = &run;
+  ASSERT_EQ(0, SystemDB::initialize(path_));
+  uint64_t conn = AddConnection("NX1", 0);
+  const std::string locked = dir_.File("locked"), held = dir_.Write("held", "");
+  const std::string script = dir_.Write(
+      "hold.sql", "BEGIN EXCLUSIVE;\n.shell touch '" + locked + "'\n.shell while [ -e '" +
+                      held + "' ]; do sleep 0.1; done\nCOMMIT;\n");
+  std::thread holder([&] { RunCommand("sqlite3 '" + path_ + "' < '" + script + "'"); });
+  EXPECT_TRUE(WaitFor([&] { return access(locked.c_str(), F_OK) == 0; }, 30000));
+  std::future<int> write =
+      std::async(std::launch::async, [&] { return SystemDB::setConnectionErr(conn, -6); });
+  run = 0;
+  EXPECT_EQ(std::future_status::ready, write.wait_for(std::chrono::seconds(60)));
+  unlink(held.c_str());
+  holder.join();
+  EXPECT_EQ(-1, write.get());
+  SystemDB::m_run_flag = nullptr;
+  EXPECT_EQ("0", Sql("SELECT error FROM connection_table;"));
 }
 
 }  // namespace
