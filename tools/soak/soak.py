@@ -470,6 +470,11 @@ def main():
             with contextlib.suppress(Exception):
                 soak.failure_report()
         soak.cleanup()
+    c = soak.checker
+    print("soak: %d probes answered; %d error notifications checked against the error "
+          "tables, %d skipped (state changed meanwhile); resident memory at most %d KiB, "
+          "%d descriptors" % (c.probes, soak.oracle_checked, soak.oracle_skipped, c.max_rss,
+                              c.max_fds), flush=True)
     print(soak.summary(seconds), flush=True)
     os._exit(1 if soak.report.violations else 0)
 
