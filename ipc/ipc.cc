@@ -12,6 +12,7 @@
 #include <algorithm>
 
 #include "log/log.h"
+#include "net/cat/controller.h"
 #include "platform/safe_file.h"
 #include "stream/PObject.h"
 #include "stream/stream.h"
@@ -146,11 +147,26 @@ void IPCServer::Close() {
 
 // ---- IPCSender ----
 
+const std::atomic<int32_t>* IPCSender::m_run_flag = nullptr;
+std::atomic<uint64_t> IPCSender::m_stop_deadline_us{0};
+
 IPCSender::IPCSender() : channel_(Channel::kDefaultBlockSize) {}
 
 IPCSender::~IPCSender() { Disconnect(); }
 
-int IPCSender::Connect(const std::string& path) { return channel_.Open(path) == 0 ? 0 : -1; }
+int IPCSender::Connect(const std::string& path) {
+  const bool stopping = m_run_flag != nullptr && m_run_flag->load() == 0;
+  if (!stopping) channel_.SetRunFlag(m_run_flag);
+  if (channel_.Open(path) != 0) return -1;
+  if (stopping) {
+    // The first exchange of a stopping daemon sets the end of them all.
+    uint64_t none = 0;
+    const uint64_t end = channel_.GetClock()->NowMicros() + kStopGraceSeconds * 1000000u;
+    m_stop_deadline_us.compare_exchange_strong(none, end);
+    channel_.SetDeadlineAt(m_stop_deadline_us.load());
+  }
+  return 0;
+}
 
 void IPCSender::Disconnect() {
   if (!channel_.IsClosed()) channel_.Close();

@@ -13,13 +13,15 @@
 // here adds framing.
 //
 // Threads: a server belongs to the main thread; a sender to the thread that
-// made it.  Nothing here takes a lock.  Server failures are logged at ERROR
+// made it.  Nothing here takes a lock; the senders of all threads share only
+// the run flag and the end of a stop's exchanges, both atomic.  Server failures are logged at ERROR
 // under `ipc`; the sender logs nothing and leaves that to its caller.
 #ifndef VESTA_IPC_IPC_H_
 #define VESTA_IPC_IPC_H_
 
 #include <stdint.h>
 
+#include <atomic>
 #include <string>
 
 #include "net/channel.h"
@@ -89,7 +91,20 @@ class IPCSender {
   // Closes the connection; harmless when not connected.
   void Disconnect();
 
+  // How long a stopping daemon's exchanges may still take: the work it
+  // hands the sync daemon while it stops (an upgrade gives back the sessions
+  // it took) is done in milliseconds by a live peer, and a silent one
+  // cannot hold up the stop.
+  static constexpr uint64_t kStopGraceSeconds = 1;
+  // The process's run flag, or null (never stopping); set before any
+  // sender connects.  An exchange begun while it reads 1 ends, as failed,
+  // when it clears; one begun after it cleared must end within
+  // kStopGraceSeconds of the first such exchange.
+  static const std::atomic<int32_t>* m_run_flag;
+
  private:
+  static std::atomic<uint64_t> m_stop_deadline_us;  // 0 until the first exchange of a stop
+
   Channel channel_;  // the connection; closed while not connected
 };
 

@@ -93,10 +93,11 @@ MonitorDaemon::MonitorDaemon() {
   notifier.reset(new SDK::Notifier("app:app_name", "ZEPH.ZUI.FernboxTandem.Instance",
                                    "@administrators", ""));
   Channel::m_ca_path = ca_path;
-  // A stop ends every exchange with a remote server and every wait for
-  // another process's database lock, on any thread.
+  // A stop ends every exchange with a remote server or the sync daemon and
+  // every wait for another process's database lock, on any thread.
   ProtoUI::m_run_flag = &daemon_run;
   SystemDB::m_run_flag = &daemon_run;
+  IPCSender::m_run_flag = &daemon_run;
 }
 
 MonitorDaemon::~MonitorDaemon() {

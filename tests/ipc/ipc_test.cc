@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -171,6 +173,44 @@ TEST_F(IPCTest, ExchangesWithAndWithoutWaiting) {
   ASSERT_EQ(0, refused.Connect(path_));
   EXPECT_EQ(-1, refused.SendRequest(PObject(1), true, &reply));
   binary.join();
+}
+
+// A stop ends an exchange with a silent sync daemon.  Once stopping, an
+// exchange with a live peer still goes through (a stopping daemon still
+// hands work back) and one with a silent peer is given up after the grace.
+TEST_F(IPCTest, AStopEndsExchangesWithASilentPeer) {
+  IPCServer server;
+  ASSERT_EQ(0, server.Listen(path_, 4));
+  static std::atomic<int32_t> run{1};
+  IPCSender::m_run_flag = &run;
+  PObject request, reply;
+  request["action"] = "get_status";
+
+  std::promise<void> asked;
+  std::future<void> sent = asked.get_future();
+  std::future<int> waiting = std::async(std::launch::async, [&] {
+    IPCSender sender;
+    if (sender.Connect(path_) != 0 || sender.Send(request) != 0) return -2;
+    asked.set_value();
+    return sender.Receive(&reply);
+  });
+  sent.wait();
+  ASSERT_EQ(1, server.WaitForConnection());
+  Channel silent;  // accepted, never answered
+  ASSERT_EQ(0, silent.Open(server.Accept(), false));
+  run = 0;
+  EXPECT_EQ(std::future_status::ready, waiting.wait_for(std::chrono::seconds(30)));
+  EXPECT_EQ(-1, waiting.get());
+
+  std::thread live([&] { ServeOne(&server); });
+  IPCSender late;
+  ASSERT_EQ(0, late.Connect(path_));
+  EXPECT_EQ(0, late.SendRequest(request, true, &reply));
+  live.join();
+  IPCSender unanswered;  // queued, never accepted
+  ASSERT_EQ(0, unanswered.Connect(path_));
+  EXPECT_EQ(-1, unanswered.SendRequest(request, true, &reply));
+  IPCSender::m_run_flag = nullptr;
 }
 
 }  // namespace
