@@ -12,14 +12,24 @@ PROBE = {"action": "soak_probe"}  # an unknown action: answered once the main th
 
 
 def connect(path, timeout):
-    s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    s.settimeout(timeout)
-    try:
-        s.connect(path)
-    except OSError:
-        s.close()
-        raise
-    return s
+    """A connection to the daemon's socket.  While its backlog is full, a
+    connect fails with EAGAIN: it is tried again, as a blocking connect
+    would wait, until `timeout` has passed (then TimeoutError)."""
+    deadline = time.monotonic() + timeout
+    while True:
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        s.settimeout(timeout)
+        try:
+            s.connect(path)
+            return s
+        except BlockingIOError:
+            s.close()
+            if time.monotonic() > deadline:
+                raise TimeoutError("backlog full for %.0f s" % timeout)
+            time.sleep(0.05)
+        except OSError:
+            s.close()
+            raise
 
 
 def request(path, value, timeout=30):

@@ -64,6 +64,7 @@ class Soak:
         self.writer = threading.Lock()  # the soak's own database writes, one at a time
         self.done = []
         self.kills = 0
+        self.t0 = time.monotonic()
         self.oracle_checked = self.oracle_skipped = 0
         self.box = env.Sandbox(args.sanitize)
         self.daemon = env.Daemon(self.box, args.binary)
@@ -117,7 +118,7 @@ class Soak:
         self.first_start()
         for loop in (self.probe_loop, self.sample_loop):
             env.start_thread(loop)
-        t0 = time.monotonic()
+        t0 = self.t0 = time.monotonic()
         for entry in self.entries:
             while time.monotonic() - t0 < entry.t and not self.report.failed.is_set():
                 time.sleep(0.05)
@@ -132,7 +133,6 @@ class Soak:
         if self.state.snapshot()[0] and not self.report.failed.is_set():
             self.stop(restart=False)
         self.faults.finish_all()
-        return time.monotonic() - t0
 
     def probe_loop(self):
         while not self.report.failed.is_set():
@@ -428,6 +428,7 @@ class Soak:
         say("daemon log tail:\n" + self.checker.log_tail())
 
     def cleanup(self):
+        self.state.set_down()  # what follows is no fault of the daemon
         self.faults.finish_all()
         self.daemon.kill_all()
         time.sleep(0.2)
@@ -460,9 +461,8 @@ def main():
     def interrupted(_signo, _frame):
         raise KeyboardInterrupt
     signal.signal(signal.SIGTERM, interrupted)
-    seconds = 0
     try:
-        seconds = soak.run()
+        soak.run()
     except KeyboardInterrupt:
         soak.report.violation("run completed", "interrupted")
     finally:
@@ -475,7 +475,7 @@ def main():
           "tables, %d skipped (state changed meanwhile); resident memory at most %d KiB, "
           "%d descriptors" % (c.probes, soak.oracle_checked, soak.oracle_skipped, c.max_rss,
                               c.max_fds), flush=True)
-    print(soak.summary(seconds), flush=True)
+    print(soak.summary(time.monotonic() - soak.t0), flush=True)
     os._exit(1 if soak.report.violations else 0)
 
 
