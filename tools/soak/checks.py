@@ -1,21 +1,5 @@
-"""The invariants a soak run checks, and the record of their violations.
-
-Bounds (seconds unless said; README "Soak" explains each):
-- a request is answered within REQUEST_DEADLINE + what the faults in
-  progress may hold the main thread (Window.hold) + SLACK;
-- status passes come at most STATUS_PERIOD + REQUEST_DEADLINE + holds + SLACK
-  apart while the daemon runs;
-- SIGTERM or "stop" ends the daemon within STOP_LIMIT;
-- resident memory stays under RSS_LIMIT_MIB (RSS_LIMIT_SANITIZED_MIB under the
-  sanitizers, whose shadow memory and quarantine count as resident), open
-  descriptors under FD_LIMIT;
-- after a SIGKILL: integrity_check "ok", every row as it stood committed,
-  every filter file loads; after the restart the pid file names the daemon;
-- every log line has the log's line format;
-- an error notification leaves its connection and session in a state the
-  error tables allow;
-- no sanitizer report.
-"""
+"""The invariants a soak run checks all along, each bound named once below
+(README "A soak under faults" explains them), and the record of violations."""
 
 import os
 import re

@@ -38,9 +38,6 @@ import oracle
 import peers
 import schedule
 
-SYNC_WINDOWS = ("sync.error", "sync.silence", "sync.slow", "sync.cut", "sync.garbage")
-SERVER_WINDOWS = ("server.error", "server.keepalive", "server.stall", "server.reset",
-                  "server.oversize")
 # What a window may hold the main thread, by design: a stall or silence until
 # it ends (each exchange waits for the end, within its time-outs); a flood or
 # an oversized reply until the server exchange's deadline (twice its 60-s
@@ -220,12 +217,12 @@ class Soak:
                        clients.hostile_bytes(p["pattern"], p["seed"]))
 
     def do_client_silent(self, p, kind):
+        """A silent or trickling client: it may hold the main thread until
+        the request deadline."""
         self.faults.open(kind, p["seconds"], hold=min(p["seconds"], checks.REQUEST_DEADLINE))
-        self.in_thread(clients.silent, self.box.socket, p["seconds"])
+        self.in_thread(getattr(clients, kind.split(".")[1]), self.box.socket, p["seconds"])
 
-    def do_client_trickle(self, p, kind):
-        self.faults.open(kind, p["seconds"], hold=min(p["seconds"], checks.REQUEST_DEADLINE))
-        self.in_thread(clients.trickle, self.box.socket, p["seconds"])
+    do_client_trickle = do_client_silent
 
     def do_client_bloat(self, p, kind):
         self.faults.open(kind, checks.REQUEST_DEADLINE, hold=checks.REQUEST_DEADLINE)
@@ -302,14 +299,12 @@ class Soak:
             self.in_thread(env.log_full, self.box, self.faults, p["seconds"])
 
     def do_env_filter(self, p, kind):
+        """A session's filter file or event database made unreadable."""
+        path = (self.box.filter_file if kind == "env.filter" else self.box.event_db)(p["sess"])
         if not self.faults.active(kind, sess=p["sess"]):
-            self.in_thread(env.unreadable, self.faults, kind, self.box.filter_file(p["sess"]),
-                           p["seconds"], p["sess"])
+            self.in_thread(env.unreadable, self.faults, kind, path, p["seconds"], p["sess"])
 
-    def do_env_eventdb(self, p, kind):
-        if not self.faults.active(kind, sess=p["sess"]):
-            self.in_thread(env.unreadable, self.faults, kind, self.box.event_db(p["sess"]),
-                           p["seconds"], p["sess"])
+    do_env_eventdb = do_env_filter
 
     def do_env_sigusr(self, p, _kind):
         if self.state.snapshot()[0]:
