@@ -199,8 +199,9 @@ class Daemon:
         for pid in filter(str.isdigit, os.listdir("/proc")):
             try:
                 with open("/proc/%s/cmdline" % pid, "rb") as f:
-                    if f.read().split(b"\0")[1:2] == [self.box.conf.encode()] and alive(int(pid)):
-                        pids.append(int(pid))
+                    argv = f.read().split(b"\0")
+                if self.box.conf.encode() in argv[1:] and alive(int(pid)):
+                    pids.append(int(pid))
             except OSError:
                 pass
         return pids
