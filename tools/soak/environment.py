@@ -200,8 +200,13 @@ class Daemon:
             try:
                 with open("/proc/%s/cmdline" % pid, "rb") as f:
                     argv = f.read().split(b"\0")
-                if self.box.conf.encode() in argv[1:] and alive(int(pid)):
+                if self.box.conf.encode() not in argv[1:]:
+                    continue
+                if alive(int(pid)):
                     pids.append(int(pid))
+                else:  # one that ended by itself (a failed start): reaped
+                    with contextlib.suppress(ChildProcessError):
+                        os.waitpid(int(pid), os.WNOHANG)
             except OSError:
                 pass
         return pids

@@ -68,12 +68,13 @@ class Faults:
                     return w
         return None
 
-    def hold_between(self, t0, t1):
-        """What the windows that overlap [t0, t1] may hold the main thread; a
-        window counts until its hold has passed after its end (what it held
-        up is still being served)."""
+    def hold_between(self, t0, t1, kind=None):
+        """What the windows (of `kind`, or all) that overlap [t0, t1] may hold
+        the main thread; a window counts until its hold has passed after its
+        end (what it held up is still being served)."""
         with self.lock:
-            return sum(w.hold for w in self.windows if w.start <= t1 and w.end + w.hold >= t0)
+            return sum(w.hold for w in self.windows if w.start <= t1 and w.end + w.hold >= t0
+                       and kind in (None, w.kind))
 
     def finish_all(self):
         with self.lock:

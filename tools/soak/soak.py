@@ -95,10 +95,24 @@ class Soak:
             return False
 
     def start_daemon(self):
+        """Starts the daemon; only another process's database lock may delay
+        its start (the schema step waits for it)."""
+        self.writable_db()
         now = time.monotonic()
-        pid = self.daemon.start(self.answers, limit=30 + self.faults.hold_between(now, now))
+        locks = self.faults.hold_between(now, now, kind="env.dblock")
+        pid = self.daemon.start(self.answers, limit=30 + locks)
         self.state.set_up(pid)
         return pid
+
+    def writable_db(self):
+        """Ends a read-only spell of the database early: the daemon cannot
+        start on it (its schema step writes), by design, and the checks
+        after a kill need its journal."""
+        w = self.faults.active("env.dbro")
+        if w:
+            w.finish()
+            while self.box.dbdir in self.box.mounts:
+                time.sleep(0.05)
 
     def first_start(self):
         self.start_daemon()
@@ -314,11 +328,7 @@ class Soak:
     def do_env_kill(self, _p, _kind):
         if not self.state.snapshot()[0]:
             return
-        w = self.faults.active("env.dbro")
-        if w:  # the database's journal must be writable to check the database
-            w.finish()
-            while self.box.dbdir in self.box.mounts:
-                time.sleep(0.05)
+        self.writable_db()
         db, rows = self.checker.snapshot_rows()
         self.state.set_down()
         self.daemon.signal(signal.SIGKILL)
