@@ -10,9 +10,9 @@
 // Every other operation may be called from any thread and holds m_dbMutex
 // for the whole of its SQLite work, so one statement of this process runs at
 // a time on the shared handle; other processes are waited for up to the
-// busy time-out (five minutes), or until the run flag clears.  The handle is opened without SQLite's own
-// per-call lock: whoever uses m_db directly holds m_dbMutex too, or does so
-// while no operation can run.
+// busy time-out (five minutes), or until the run flag clears.  The handle is
+// opened without SQLite's own per-call lock: whoever uses m_db directly
+// holds m_dbMutex too, or does so while no operation can run.
 //
 // Results: 0 success, -1 failure, unless an operation says otherwise.  A
 // write that matches no row succeeds.  Messages go to system_db_debug.

@@ -14,8 +14,9 @@
 //
 // Threads: a server belongs to the main thread; a sender to the thread that
 // made it.  Nothing here takes a lock; the senders of all threads share only
-// the run flag and the end of a stop's exchanges, both atomic.  Server failures are logged at ERROR
-// under `ipc`; the sender logs nothing and leaves that to its caller.
+// the run flag and the end of a stop's exchanges, both atomic.  Server
+// failures are logged at ERROR under `ipc`; the sender logs nothing and
+// leaves that to its caller.
 #ifndef VESTA_IPC_IPC_H_
 #define VESTA_IPC_IPC_H_
 
