@@ -8,42 +8,6 @@
 
 namespace {
 
-TEST(UserIsInListTest, UsersAndGroups) {
-  KlibSzList groups;
-  groups.items = {"users", "STAFF", "Développeurs"};
-  const struct {
-    const char* user;
-    const char* list;
-    int want;
-  } cases[] = {
-      {"alice", "bob,Alice", 0},
-      {"alice", "bob,alice2,ali", -1},
-      {"alice", ",,alice,", 0},
-      {"alice", "@staff", 0},  // group name in capitals in the user's list
-      {"alice", "@sta", -1},
-      {"alice", "@développeurs", 0},  // UTF-8 group, other case
-      {"alice", "@alice", -1},        // a group, not the user
-      {"ÉLODIE", "bob,élodie", 0},    // UTF-8 user names without case
-      {"Straße", "STRASSE", -1},      // no multi-character folding
-      {"\xff"
-       "x",
-       "\xff"
-       "X",
-       0},  // stray bytes compare as themselves
-      {"\xff"
-       "x",
-       "\xfe"
-       "x",
-       -1},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.want, SDK::UserIsInList(c.user, &groups, c.list)) << c.user << " in " << c.list;
-  }
-  EXPECT_EQ(-1, SDK::UserIsInList(nullptr, &groups, "alice"));
-  EXPECT_EQ(-1, SDK::UserIsInList("alice", nullptr, "alice"));
-  EXPECT_EQ(-1, SDK::UserIsInList("alice", &groups, nullptr));
-}
-
 TEST(NotifierTest, OneJsonLinePerNotification) {
   TempDir dir;
   setenv("VESTA_ROOT", dir.path().c_str(), 1);
