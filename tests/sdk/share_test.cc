@@ -3,9 +3,7 @@
 #include "sdk/share.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <stdlib.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -14,7 +12,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -38,9 +35,7 @@ class ShareTest : public ::testing::Test {
  protected:
   ShareTest() {
     setenv("VESTA_ROOT", dir_.path().c_str(), 1);
-    EXPECT_EQ(
-        0, system(("mkdir -p '" + dir_.File("etc/vesta/shares") + "' '" + dir_.File("data") + "'")
-                      .c_str()));
+    EXPECT_EQ(0, system(("mkdir -p '" + dir_.File("etc/vesta/shares") + "'").c_str()));
   }
   ~ShareTest() override { unsetenv("VESTA_ROOT"); }
 
@@ -48,10 +43,9 @@ class ShareTest : public ::testing::Test {
   void Write(const std::string& name, const std::string& path, const std::string& keys) {
     dir_.Write("etc/vesta/shares/" + name + ".conf", "path=" + path + "\n" + keys);
   }
-  std::shared_ptr<SDK::Share> Make(const std::string& path, const std::string& keys,
-                                   const std::string& table = kProcMounts) {
+  std::shared_ptr<SDK::Share> Make(const std::string& path, const std::string& keys) {
     Write("a", path, keys);
-    return SDK::GetShare("a", table);
+    return SDK::GetShare("a");
   }
 
   TempDir dir_;
@@ -69,7 +63,6 @@ TEST_F(ShareTest, PathEncryptionAndMount) {
       {"/volume1//photo/.", "locked=yes\n", "/volume1/photo -M"},  // locked means nothing here
       {"/volume1/secret", "encrypted=yes\nlocked=yes\n", "/volume1/secret E-"},
       {"/volume1/secret", "encrypted=yes\nlocked=no\n", "/volume1/secret EM"},
-      {"/volume1/secret", "encrypted=yes\n", "/volume1/secret EM"},
       // Unreadable: neither encrypted nor mounted.
       {"/volume1/secret", "encrypted=perhaps\nlocked=no\n", "/volume1/secret --"},
   };
@@ -95,7 +88,7 @@ TEST_F(ShareTest, PathEncryptionAndMount) {
 // on a 64-bit directory offset without 64-bit offsets) fails the
 // calculation rather than let the mode bits grant more.
 TEST_F(ShareTest, AclMaskOfAShareThatCannotBeListed) {
-  const std::string data = dir_.File("data");
+  const std::string data = dir_.path();
   Write("a", data, "acl_mask=\"ROOT:0x74\"\n");
   uint32_t mask = 0;
   EXPECT_EQ(0, ZEPHACLPermCalc(data.c_str(), "root", &mask));
@@ -103,26 +96,6 @@ TEST_F(ShareTest, AclMaskOfAShareThatCannotBeListed) {
   DirReader::read_entry = FailingReaddir;
   EXPECT_EQ(-1, ZEPHACLPermCalc(data.c_str(), "root", &mask));
   DirReader::read_entry = readdir;
-}
-
-// The folder is a tmpfs the test mounts (in a mount namespace of its own,
-// gone with the process), listed as ext4 by the share's mount table: the
-// real stat finds the mount point, the share's table its type and device.
-TEST_F(ShareTest, FileSystemOfTheFolder) {
-  const std::string data = dir_.File("data");
-  ASSERT_EQ(0, unshare(CLONE_NEWNS)) << strerror(errno);
-  ASSERT_EQ(0, mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) << strerror(errno);
-  ASSERT_EQ(0, mount("vesta-test", data.c_str(), "tmpfs", 0, "size=64k")) << strerror(errno);
-  ASSERT_EQ(0, mkdir((data + "/sub").c_str(), 0755));
-  const std::string table = dir_.Write("mounts", "/dev/md7 " + data + " ext4 rw 0 0\n");
-  PObject map;
-  const int ret = Make(data + "/sub", "", table)->GetFileSystemProperty(&map);
-  umount2(data.c_str(), MNT_DETACH);
-  ASSERT_EQ(0, ret);
-  EXPECT_EQ(R"({"device_path": "/dev/md7", "fs_type": 1, "is_mounted_on_btrfs": 0, "is_usb": 0, )"
-            R"("mount_point_path": "D", "share_bin_path": "D", "support_quota": 1, )"
-            R"("support_snapshot": 0, "tmp_path": "D/@tmp", "zephtify_path": "D"})",
-            std::regex_replace(ToJson(map), std::regex(data), "D"));
 }
 
 // The platform lock is re-entered by its holder, deaf to a foreign Unlock
@@ -141,7 +114,7 @@ TEST_F(ShareTest, OperationsWaitForThePlatformLock) {
   std::atomic<bool> done{false};
   std::thread other([&] {
     tid = static_cast<pid_t>(syscall(SYS_gettid));
-    s->IsForbidden();
+    s->IsMounted();
     done = true;
   });
   // Until it gets through or sleeps on a futex (its wait channel: not a
