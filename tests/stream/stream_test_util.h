@@ -19,7 +19,8 @@
 inline std::string Hex(const std::string& text) {
   std::istringstream in(text);
   std::string out;
-  for (std::string byte; in >> byte;) out.push_back(static_cast<char>(std::stoi(byte, nullptr, 16)));
+  for (std::string byte; in >> byte;)
+    out.push_back(static_cast<char>(std::stoi(byte, nullptr, 16)));
   return out;
 }
 
@@ -28,10 +29,9 @@ inline std::string WireString(const std::string& text) {
   return Hex("10") + static_cast<char>(text.size() >> 8) + static_cast<char>(text.size()) + text;
 }
 
-inline int EncodeToString(const PObject& value, std::string* bytes, PStream* stream = nullptr) {
-  PStream local;
+inline int EncodeToString(const PObject& value, std::string* bytes) {
   std::ostringstream out;
-  int rc = (stream != nullptr ? stream : &local)->Send(&out, value);
+  int rc = PStream().Send(&out, value);
   *bytes = out.str();
   return rc;
 }
