@@ -1,4 +1,4 @@
-// The buffered stream over fakes of the descriptor and clock; bandwidth, hosts, connects.
+// The buffered stream over fakes of the descriptor and clock; host names, connects.
 #include "net/cat/buffered_io.h"
 
 #include <errno.h>
@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <deque>
 #include <thread>
 #include <tuple>
@@ -27,12 +26,8 @@ namespace {
 class FakeClock : public cat::Clock {
  public:
   uint64_t NowMicros() override { return now_us; }
-  void SleepMicros(uint64_t micros) override {
-    sleeps.push_back(micros);
-    now_us += micros;
-  }
+  void SleepMicros(uint64_t micros) override { now_us += micros; }
   uint64_t now_us = 1000000000;
-  std::vector<uint64_t> sleeps;
 };
 
 struct Step {
@@ -232,6 +227,13 @@ TEST(BufferedIOTest, SilentPeerTimesOutInThreeSecondWaitsAndCancelStopsFirst) {
   EXPECT_EQ("-3 -- in 0 out 0", w.State());
   EXPECT_EQ(2, w.script->waits);
 
+  Fixture d;  // a deadline ends the waits before the idle time-out would
+  d.script->silent = true;
+  d.stream.SetDeadline(5000000);
+  EXPECT_EQ(0, d.stream.Read(buf, 4));
+  EXPECT_EQ("-3 -- in 0 out 0", d.State());
+  EXPECT_EQ(5000000u, d.script->clock.now_us - start);
+
   Fixture c;
   c.script->reads = {{3, 0, "abc"}};
   c.controller.cancelled = true;
@@ -257,8 +259,7 @@ TEST(BufferedIOTest, FileSendAndGenericReceiveReportFailures) {
   close(fd);
 
   // The generic copy (a socket maps the file instead) at an offset past 4 GiB,
-  // kept whole on every ABI; then past a file size limit (a full device is
-  // met on this path by the channel's tests).
+  // kept whole on every ABI.  (Full disks are met through PStream.)
   const uint64_t far = (uint64_t{4} << 30) + 5;
   Fixture g;
   g.script->pattern = 5;
@@ -268,12 +269,6 @@ TEST(BufferedIOTest, FileSendAndGenericReceiveReportFailures) {
   EXPECT_EQ(5, pread(sparse.fd(), got, 5, static_cast<off_t>(far)));
   EXPECT_EQ(net_io_test::Pattern(5), std::string(got, 5));
   sparse.Close();
-  Fixture f;
-  f.script->pattern = 200000;
-  cat::File file(open(dir.File("dst").c_str(), O_RDWR | O_CREAT, 0644));
-  net_io_test::FileSizeLimit limit(70000);
-  EXPECT_EQ(-1, f.stream.BufferedIOBase::RecvFile(file, 0, 200000));
-  EXPECT_EQ(cat::kErrTooLarge, f.stream.GetError());
 }
 
 // After a 3-byte read, 8189 bytes of the file are buffered: they are stored first,
@@ -323,46 +318,6 @@ TEST(BufferedIOTest, HandOverMovesTheDescriptorAndSettings) {
   EXPECT_EQ(-1, on_file.HandOver(&tls));
   EXPECT_EQ(cat::kErrSslNotSocket, tls.GetError());
   EXPECT_NE(nullptr, on_file.GetIO());  // unchanged on failure
-}
-
-class FixedLimiter : public cat::RateLimiter {
- public:
-  uint64_t GetRate(Direction d) override { return rate[d]; }
-  size_t GetAllowance(Direction d) override { return allowance[d]; }
-  void OnBlockDone(Direction d, size_t n) override { done[d] += n; }
-  uint64_t rate[2] = {0, 0};
-  size_t allowance[2] = {0, 0};
-  size_t done[2] = {0, 0};
-};
-
-TEST(BandwidthControllerTest, SleepsTheRestOfEachBlocksShareOfTheSecond) {
-  FakeClock clock;
-  FixedLimiter limiter;
-  const auto kRead = cat::RateLimiter::kRead, kWrite = cat::RateLimiter::kWrite;
-  limiter.rate[kWrite] = 1000000;
-  cat::BandwidthController bw(&limiter, &clock);
-  clock.now_us += 10000;  // a 64 KiB block written in 10 ms
-  bw.OnWrite(65536);
-  clock.now_us += 70000;  // slower than its 65,536 us: no sleep
-  bw.OnWrite(65536);
-  EXPECT_EQ(131072u, limiter.done[kWrite]);
-  limiter.rate[kWrite] = 1000;  // 65 s expected: capped at 1 s
-  bw.OnWrite(65536);
-  bw.OnRead(65536);  // the read direction is unlimited: no sleep, no report
-  EXPECT_EQ(0u, limiter.done[kRead]);
-  limiter.rate[kRead] = 2000000;  // 1 MiB at 2 MB/s, 100 ms taken
-  clock.now_us += 100000;
-  bw.OnRead(1048576);
-  cat::BandwidthController(nullptr, &clock).OnWrite(1 << 30);
-  EXPECT_EQ((std::vector<uint64_t>{55536, 1000000, 524288 - 100000}), clock.sleeps);
-
-  // The quota is the allowance when smaller; allowance 0 is no limit.
-  EXPECT_EQ(5000u, bw.ReadQuota(5000));
-  limiter.allowance[kRead] = 100;
-  limiter.allowance[kWrite] = 9000;
-  EXPECT_EQ(100u, bw.ReadQuota(5000));
-  EXPECT_EQ(5000u, bw.WriteQuota(5000));
-  EXPECT_EQ(123u, cat::BandwidthController(nullptr, &clock).WriteQuota(123));
 }
 
 TEST(HostMatchTest, WildcardsAndCase) {
@@ -440,10 +395,7 @@ TEST(SocketOpsTest, HangingConnectEndsAtTheLimitOrOnCancel) {
   net_io_test::Listener listener(0);
   int filler = cat::ConnectTcp("127.0.0.1", listener.port(), 0, nullptr);
   ASSERT_GE(filler, 0);
-  auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(-1, cat::ConnectTcp("127.0.0.1", listener.port(), 1, nullptr));
-  // Two empty 800 ms polls count 1.6 s >= 1 s: never sooner.
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
 
   // The flag is set once the connect is under way: unset, it would outlast ctest's limit.
   std::atomic<int> cancel{0};

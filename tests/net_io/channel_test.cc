@@ -1,4 +1,8 @@
-// Channel over a UNIX socket pair and loopback TCP; files compared by the sha256sum tool.
+// Channel over a UNIX socket pair and loopback TCP: closed channels and bad
+// arguments, big-endian integers, digests, socket options, the cancel flag.
+// Files (and full disks, peers gone mid-file) are PStream's to test
+// (tests/stream), idle and deadline waits the buffered stream's
+// (buffered_io_test.cc, on a fake clock).
 #include "net/channel.h"
 
 #include <fcntl.h>
@@ -7,7 +11,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <future>
 #include <string>
 #include <vector>
 
@@ -16,8 +19,6 @@
 #include "tests/net_io/net_io_test_util.h"
 
 namespace {
-
-using net_io_test::Sha256Of;
 
 // `a` and `b` joined by a UNIX socket pair or loopback TCP (`a` opened by host and
 // port, which is returned).
@@ -34,13 +35,6 @@ int Connect(bool tcp, Channel* a, Channel* b) {
   EXPECT_EQ(0, b->Open(fds[1], true));
   return 0;
 }
-
-class CountingReporter : public Channel::ProgressReporter {
- public:
-  void Update(uint64_t bytes) override { total += bytes; }
-  uint64_t GetBytes() const override { return total; }
-  uint64_t total = 0;
-};
 
 TEST(ChannelTest, ClosedChannelAndBadArguments) {
   Channel ch;
@@ -146,99 +140,7 @@ TEST(ChannelTest, OpenTunesTheSocketAndKnowsThePeer) {
   EXPECT_EQ("127.0.0.1:" + std::to_string(listener_port), address + ":" + std::to_string(port));
 }
 
-// The sender sends bytes [offset, offset + sent) of a file, after a header when asked;
-// the receiver, whose file holds the first `offset` bytes, expects `expected` bytes at
-// `offset`.  With a digest the send digests and the receive copies; else it maps the file.
-TEST(ChannelTest, FileTransfers) {
-  const struct {
-    bool tcp, digest, header;
-    uint64_t offset, sent, expected;
-    int rc;
-    uint64_t stored;
-  } kCases[] = {
-      {true, false, false, 0, (8 << 20) + 7, (8 << 20) + 7, 0, (8 << 20) + 7},
-      {false, false, true, 1000003, 2000000, 2000000, 0, 2000000},  // not page-aligned
-      {false, true, false, 100, 1000000, 1000000, 0, 1000000},
-      {false, false, false, 0, 1 << 20, 4 << 20, -2, 1 << 20},  // the sender goes early
-      {false, true, false, 0, 1 << 20, 4 << 20, -2, (1 << 20) - (1 << 20) % 81920},
-  };
-  TempDir dir;
-  const std::string src = dir.Write("src", net_io_test::Pattern((8 << 20) + 7));
-  const std::string dst = dir.File("dst");
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::Message() << c.tcp << c.digest << c.header << " " << c.offset);
-    RunCommand("head -c " + std::to_string(c.offset) + " '" + src + "' > '" + dst + "'");
-    Channel a, b;
-    Connect(c.tcp, &a, &b);
-    if (c.digest) a.SetHash(true, "sha256"), b.SetHash(true, "sha256");
-    int in = open(src.c_str(), O_RDONLY), out = open(dst.c_str(), O_RDWR);
-    std::string sent_digest;
-    auto sender = std::async(std::launch::async, [&] {
-      CountingReporter r;
-      if (c.header && a.WriteUInt32(0xCAFEF00D) != 0) return -1;
-      int rc = a.SendFile(in, c.offset, c.sent, &r);
-      if (rc == 0) rc = a.Flush(0);
-      sent_digest = a.GetHash();
-      a.Close();
-      return rc == 0 && r.total == c.sent ? 0 : -1;
-    });
-    uint32_t header = 0;
-    if (c.header) b.ReadUInt32(&header);
-    EXPECT_EQ(c.header ? 0xCAFEF00Du : 0u, header);  // the file's bytes stay behind it
-    CountingReporter r;
-    uint64_t received = 0;
-    EXPECT_EQ(c.rc, b.RecvFile(out, c.offset, c.expected, &r, &received));
-    EXPECT_EQ(0, sender.get());
-    close(in);
-    close(out);
-    EXPECT_EQ(std::make_pair(c.stored, c.stored), std::make_pair(received, r.total));
-    EXPECT_EQ(Sha256Of(src, 0, c.offset + c.stored), Sha256Of(dst, 0, c.offset + c.stored));
-    const std::string digest = c.digest ? Sha256Of(src, c.offset, c.sent) : "";
-    EXPECT_EQ(digest + digest, sent_digest + b.GetHash());
-  }
-}
-
-// A receive past a 1 MiB file size limit, or into a full device, in both receive modes.
-TEST(ChannelTest, FileTooLargeAndDiskFullHaveTheirOwnCodes) {
-  TempDir dir;
-  const struct {
-    bool digest;
-    const char* path;
-    int rc;
-  } kCases[] = {{false, "limited", -34},
-                {true, "limited", -34},
-                {false, "/dev/full", -16},
-                {true, "/dev/full", -16}};
-  const std::string data(4 << 20, 'y');
-  for (const auto& c : kCases) {
-    Channel a, b;
-    Connect(false, &a, &b);
-    if (c.digest) b.SetHash(true, "sha256");
-    auto sender = std::async(std::launch::async, [&] {
-      a.Write(data.data(), data.size());
-      return a.Flush(0);
-    });
-    const std::string path = c.path[0] == '/' ? c.path : dir.File(c.path);
-    int out = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    {
-      net_io_test::FileSizeLimit limit(1 << 20);
-      EXPECT_EQ(c.rc, b.RecvFile(out, 0, data.size(), nullptr, nullptr)) << c.path << c.digest;
-    }
-    close(out);
-    b.Close();
-    sender.get();
-  }
-}
-
-TEST(ChannelTest, SilentPeerTimesOutAndCancelStopsAConnect) {
-  Channel a, b;
-  Connect(false, &a, &b);
-  b.SetTimeout(1);
-  char buf[1];
-  EXPECT_EQ(-2, b.Read(buf, 1));  // after one 3-second wait
-  EXPECT_EQ(-3, b.GetIOError());
-  EXPECT_FALSE(b.IsGood());
-
+TEST(ChannelTest, CancelFlagStopsConnectsAndReads) {
   net_io_test::Listener listener;
   std::atomic<int> cancel{1};
   Channel ch;
@@ -248,6 +150,7 @@ TEST(ChannelTest, SilentPeerTimesOutAndCancelStopsAConnect) {
   EXPECT_EQ(0, ch.Open("127.0.0.1", listener.port()));
   int accepted = listener.Accept();
   cancel = 1;  // a set flag also stops reads at once
+  char buf[1];
   EXPECT_EQ(-2, ch.Read(buf, 1));
   EXPECT_EQ(-2, ch.GetIOError());
   close(accepted);
