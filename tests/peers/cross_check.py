@@ -22,11 +22,11 @@ import pstream  # noqa: E402
 
 INT_EDGES = [0, 255, 256, 65535, 65536, 2**32 - 1, 2**32, 2**63 - 1, -1, -(2**63)]
 TEXT_POOL = "abcxyzABC_0123 \"\\\t\n\x01é€😀"
-# Sent every run: the key rule ("__a" arrives as "_a"), a cut string, keys
-# and texts that are no UTF-8, each kind of byte block, files larger than a
-# socket buffer.
-EDGES = [{"_agent": "x", "_": 1, "__a": None}, "a" + "b" * 65536, {b"\xff\x00": b"\x80"},
-         [pstream.Buffer(), pstream.Binary(), pstream.BinaryEx()],
+# Sent every run: the key rule ("__a" arrives as "_a"), a cut string and the
+# longest whole one, keys and texts that are no UTF-8, each kind of byte
+# block, files larger than a socket buffer.
+EDGES = [{"_agent": "x", "_": 1, "__a": None}, "a" + "b" * 65536, "z" * 65535,
+         {b"\xff\x00": b"\x80"}, [pstream.Buffer(), pstream.Binary(), pstream.BinaryEx()],
          {"k": [pstream.Binary(bytes(100000)), pstream.BinaryEx(b"x" * 70000, "h")]}]
 
 
@@ -39,7 +39,9 @@ def gen_value(rng, depth=0):
         return rng.randbytes(rng.randrange(limit))
 
     kinds = ["null", "int", "text", "bytes", "buffer"]
-    kind = rng.choice(kinds + (["list", "dict", "dict", "binary", "binary_ex"] if depth < 4 else []))
+    if depth < 4:
+        kinds += ["list", "dict", "dict", "binary", "binary_ex"]
+    kind = rng.choice(kinds)
     if kind == "list":
         return [gen_value(rng, depth + 1) for _ in range(rng.randrange(6))]
     if kind == "dict":  # keys with a '_' to drop, keys that are no UTF-8; none twice on the wire

@@ -42,24 +42,6 @@ inline int DecodeFromString(const std::string& bytes, PObject* value, PStream* s
   return (stream != nullptr ? stream : &local)->Recv(&in, value);
 }
 
-// Encodes through a Channel on a socket pair; *bytes is what arrived.  For
-// values that fit in the socket buffers.
-inline int EncodeThroughChannel(const PObject& value, std::string* bytes) {
-  int sv[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return -100;
-  int rc;
-  {
-    Channel channel;
-    channel.Open(sv[0], false);
-    rc = PStream().Send(&channel, value);
-  }
-  bytes->clear();
-  char block[65536];
-  for (ssize_t n; (n = read(sv[1], block, sizeof(block))) > 0;) bytes->append(block, n);
-  close(sv[1]);
-  return rc;
-}
-
 // Decodes `bytes` arriving on a Channel whose peer then closes.  For inputs
 // that fit in the socket buffers.
 inline int DecodeThroughChannel(const std::string& bytes, PObject* value,
