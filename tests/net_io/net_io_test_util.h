@@ -69,12 +69,6 @@ inline std::string CertSignature(const std::string& cert) {
                     "' | sed '1,/Signature Value:/d' | tr -d ' \\n'");
 }
 
-// `openssl x509 -fingerprint -sha256` in lower case without colons.
-inline std::string CertFingerprint(const std::string& cert) {
-  return RunCommand("openssl x509 -noout -fingerprint -sha256 -in '" + cert +
-                    "' | cut -d= -f2 | tr -d ':\\n' | tr A-F a-f");
-}
-
 // SHA-256 of bytes [offset, offset + length) of a file, by the sha256sum tool.
 inline std::string Sha256Of(const std::string& path, unsigned long long offset = 0,
                             long long length = -1) {
