@@ -186,26 +186,12 @@ TEST(BufferedIOTest, WritesStayBufferedUntilFlushAndSurviveShortWrites) {
   EXPECT_EQ(-1, g.stream.Flush());
   EXPECT_EQ("0123", g.script->written);
   EXPECT_EQ(0, g.stream.Write(big.data(), 9000));
-}
+  EXPECT_EQ("-1 -- in 0 out 4", g.State());
 
-TEST(BufferedIOTest, WriteFailuresMapToStreamErrors) {
-  const struct {
-    int err;
-    ssize_t first;
-    const char* state;
-  } kCases[] = {{ENOSPC, 100, "-5 -- in 0 out 100"},
-                {EDQUOT, 100, "-5 -- in 0 out 100"},
-                {EFBIG, 100, "-6 -- in 0 out 100"},
-                {EPIPE, 100, "-1 -- in 0 out 100"},
-                {0, 0, "0 r- in 0 out 0"}};  // a write of 0 bytes closes the write side
-  const std::string big = net_io_test::Pattern(20000);
-  for (const auto& c : kCases) {
-    Fixture f;
-    f.script->writes = {{c.first, 0, ""}, {-1, c.err, ""}};
-    EXPECT_EQ(c.first, f.stream.Write(big.data(), big.size())) << c.err;
-    EXPECT_EQ(0, f.stream.Write("a", 1));  // a closed write side takes nothing
-    EXPECT_EQ(c.state, f.State()) << c.err;
-  }
+  Fixture h;  // a write of 0 bytes closes the write side, without an error
+  h.script->writes = {{0, 0, ""}};
+  EXPECT_EQ(0, h.stream.Write(big.data(), 9000));
+  EXPECT_EQ("0 r- in 0 out 0", h.State());
 }
 
 TEST(BufferedIOTest, SilentPeerTimesOutInThreeSecondWaitsAndCancelStopsFirst) {
@@ -242,64 +228,19 @@ TEST(BufferedIOTest, SilentPeerTimesOutInThreeSecondWaitsAndCancelStopsFirst) {
   EXPECT_EQ(0, c.script->read_calls + c.script->waits);
 }
 
-TEST(BufferedIOTest, FileSendAndGenericReceiveReportFailures) {
+// Files travel only inside PStream values (tests/stream); this is the
+// one offset a 32-bit build could cut: past 4 GiB.
+TEST(BufferedIOTest, FileReceiveAtAnOffsetPast4GiB) {
   TempDir dir;
-  const std::string data = net_io_test::Pattern(200000);
-  int fd = open(dir.Write("src", data).c_str(), O_RDONLY);
-  {
-    Fixture f;  // sends the range in order, through Write
-    cat::File file(fd);
-    EXPECT_EQ(150000, f.stream.SendFile(file, 1000, 150000));
-    EXPECT_EQ(0, f.stream.Flush());
-    EXPECT_EQ(data.substr(1000, 150000), f.script->written);
-    Fixture g;  // the file ends before the length: -1
-    EXPECT_EQ(-1, g.stream.SendFile(file, 100000, 100001));
-    EXPECT_EQ(cat::kErrIO, g.stream.GetError());
-  }
-  close(fd);
-
-  // The generic copy (a socket maps the file instead) at an offset past 4 GiB,
-  // kept whole on every ABI.  (Full disks are met through PStream.)
   const uint64_t far = (uint64_t{4} << 30) + 5;
-  Fixture g;
-  g.script->pattern = 5;
+  Fixture f;
+  f.script->pattern = 5;
   cat::File sparse(open(dir.File("sparse").c_str(), O_RDWR | O_CREAT, 0644));
-  EXPECT_EQ(5, g.stream.BufferedIOBase::RecvFile(sparse, far, 5));
+  EXPECT_EQ(5, f.stream.BufferedIOBase::RecvFile(sparse, far, 5));
   char got[5] = {};
   EXPECT_EQ(5, pread(sparse.fd(), got, 5, static_cast<off_t>(far)));
   EXPECT_EQ(net_io_test::Pattern(5), std::string(got, 5));
   sparse.Close();
-}
-
-// After a 3-byte read, 8189 bytes of the file are buffered: they are stored first,
-// the rest lands through the mapping, which moves on in windows of 128 MiB.
-TEST(BufferedIOTest, SocketReceiveStoresBufferedBytesThenMapsTheRestInWindows) {
-  TempDir dir;
-  for (uint64_t length : {uint64_t{300000}, (uint64_t{128} << 20) + 300007}) {
-    Fixture f;
-    f.script->pattern = 3 + length + 1000;
-    char head[3];
-    ASSERT_EQ(3, f.stream.Read(head, 3));
-    EXPECT_EQ(8189u, f.stream.BufferedReadBytes());
-    const std::string path = dir.Write("dst", std::string(10, 'Z'));
-    cat::File file(open(path.c_str(), O_RDWR));
-    EXPECT_EQ(static_cast<int64_t>(length), f.stream.RecvFile(file, 5, length));
-    file.Close();
-    EXPECT_EQ(8192u + length, f.controller.read_total);  // buffered bytes reported again
-    const std::string got = ReadFile(path);
-    ASSERT_EQ(5 + length, got.size());
-    EXPECT_EQ("ZZZZZ", got.substr(0, 5));
-    uint64_t right = 0;  // bytes in place before the first wrong one
-    while (right < length && got[5 + right] == net_io_test::PatternByte(3 + right)) ++right;
-    EXPECT_EQ(length, right);
-  }
-
-  // Without a descriptor that is a file or a socket: -4.
-  cat::BufferedIO other;
-  cat::File none(-1);
-  EXPECT_EQ(-1, other.RecvFile(none, 0, 10));
-  EXPECT_EQ(cat::kErrNotSocket, other.GetError());
-  EXPECT_EQ(-1, other.RecvFileMapped(none, 0, 10));
 }
 
 TEST(BufferedIOTest, HandOverMovesTheDescriptorAndSettings) {
@@ -365,10 +306,9 @@ TEST(SocketOpsTest, ConnectsAndFailsWithinItsLimits) {
   ASSERT_EQ(0, listen(unix_listener, 1));
   const int fds[] = {cat::ConnectTcp("127.0.0.1", listener.port(), 5, nullptr),
                      cat::ConnectTcp("localhost", listener.port(), 0, nullptr),  // blocking
-                     cat::ConnectUnix(addr.sun_path, 5, nullptr),
-                     cat::CreateTcpSocket(false, 1)->fd()};
-  const bool nonblocking[] = {true, false, true, true};
-  for (int i = 0; i < 4; ++i) {
+                     cat::ConnectUnix(addr.sun_path, 5, nullptr)};
+  const bool nonblocking[] = {true, false, true};
+  for (int i = 0; i < 3; ++i) {
     ASSERT_GE(fds[i], 0) << i;
     EXPECT_EQ(nonblocking[i], (fcntl(fds[i], F_GETFL) & O_NONBLOCK) != 0) << i;
     EXPECT_TRUE(fcntl(fds[i], F_GETFD) & FD_CLOEXEC) << i;
