@@ -7,10 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-#include <thread>
-#include <vector>
-
 #include "stream/PObject.h"
 #include "tests/stream/stream_test_util.h"
 
@@ -215,24 +211,6 @@ TEST(PStreamTest, DumpAtDebugLevel) {
   EXPECT_NE(std::string::npos, deep_dump.find("\nDEBUG " + std::string(22, ' ') + "5\n"));
   EXPECT_NE(std::string::npos, deep_dump.find("\nDEBUG " + std::string(20, ' ') + "[\n"));
   EXPECT_EQ(std::string::npos, deep_dump.find("DEBUG " + std::string(23, ' ')));
-}
-
-TEST(PStreamTest, TemporaryNamesAreDistinctAcrossThreads) {
-  std::vector<std::string> names(4 * 200);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&names, t] {
-      for (int i = 0; i < 200; ++i) names[t * 200 + i] = PStream::TemporaryName();
-    });
-  }
-  for (std::thread& t : threads) t.join();
-  std::string all;
-  for (const std::string& name : names) all += name;
-  EXPECT_EQ(8u * names.size(), all.size());
-  EXPECT_EQ(
-      std::string::npos,
-      all.find_first_not_of("0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-_"));
-  EXPECT_EQ(names.size(), std::set<std::string>(names.begin(), names.end()).size());
 }
 
 }  // namespace
