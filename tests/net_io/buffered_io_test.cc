@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -251,14 +250,6 @@ TEST(BufferedIOTest, HandOverMovesTheDescriptorAndSettings) {
   EXPECT_EQ(nullptr, f.stream.GetIO());
   EXPECT_EQ(std::make_tuple(7, &f.controller, 1000),
             std::make_tuple(target.GetTimeout(), target.GetController(), target.GetIO()->fd()));
-
-  // A TLS stream refuses a descriptor that is not a socket.
-  cat::BufferedIO on_file;
-  on_file.Attach(cat::File(0));
-  cat::SslServerSocket tls;
-  EXPECT_EQ(-1, on_file.HandOver(&tls));
-  EXPECT_EQ(cat::kErrSslNotSocket, tls.GetError());
-  EXPECT_NE(nullptr, on_file.GetIO());  // unchanged on failure
 }
 
 TEST(HostMatchTest, WildcardsAndCase) {
@@ -294,31 +285,6 @@ TEST(SocketOpsTest, HostAddressForms) {
     const std::string address = cat::ParseHostAddress(c[0], &port);
     EXPECT_EQ(c[1], address + " " + std::to_string(port));
   }
-}
-
-TEST(SocketOpsTest, ConnectsAndFailsWithinItsLimits) {
-  net_io_test::Listener listener;
-  TempDir dir;
-  struct sockaddr_un addr = {AF_UNIX, {}};
-  snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", dir.File("s.sock").c_str());
-  int unix_listener = socket(AF_UNIX, SOCK_STREAM, 0);
-  ASSERT_EQ(0, bind(unix_listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-  ASSERT_EQ(0, listen(unix_listener, 1));
-  const int fds[] = {cat::ConnectTcp("127.0.0.1", listener.port(), 5, nullptr),
-                     cat::ConnectTcp("localhost", listener.port(), 0, nullptr),  // blocking
-                     cat::ConnectUnix(addr.sun_path, 5, nullptr)};
-  const bool nonblocking[] = {true, false, true};
-  for (int i = 0; i < 3; ++i) {
-    ASSERT_GE(fds[i], 0) << i;
-    EXPECT_EQ(nonblocking[i], (fcntl(fds[i], F_GETFL) & O_NONBLOCK) != 0) << i;
-    EXPECT_TRUE(fcntl(fds[i], F_GETFD) & FD_CLOEXEC) << i;
-    close(fds[i]);
-  }
-  close(unix_listener);
-
-  EXPECT_EQ(-1, cat::ConnectTcp("127.0.0.1", net_io_test::FreePort(), 5, nullptr));
-  EXPECT_EQ(-1, cat::ConnectTcp("no-such-host.invalid", 80, 5, nullptr));
-  EXPECT_EQ(-1, cat::ConnectUnix(dir.File("none.sock"), 5, nullptr));
 }
 
 // Connects to 127.0.0.1:port in progress (SYN_SENT in /proc/net/tcp).
