@@ -37,9 +37,7 @@ struct Step {
 
 // State shared by a fake descriptor and its clones.
 struct Script {
-  std::deque<Step> reads;  // then `pattern` bytes of PatternByte, then the end
-  uint64_t pattern = 0;
-  uint64_t pattern_pos = 0;
+  std::deque<Step> reads;   // then the end
   std::deque<Step> writes;  // empty: accept everything
   std::string written;      // all bytes accepted by Write
   bool silent = false;      // Wait reports nothing ready, once the clock has moved on
@@ -55,16 +53,10 @@ class ScriptedSocket : public cat::Socket {
 
   ssize_t Read(void* buffer, size_t n) override {
     ++s_->read_calls;
-    char* out = static_cast<char*>(buffer);
-    if (s_->reads.empty()) {  // odd-sized reads of the pattern
-      size_t k = static_cast<size_t>(std::min<uint64_t>({n, 100003, s_->pattern}));
-      for (size_t i = 0; i < k; ++i) out[i] = net_io_test::PatternByte(s_->pattern_pos++);
-      s_->pattern -= k;
-      return static_cast<ssize_t>(k);
-    }
+    if (s_->reads.empty()) return 0;
     if (Failed(&s_->reads)) return -1;
     Step& step = s_->reads.front();
-    const size_t k = step.data.copy(out, n);
+    const size_t k = step.data.copy(static_cast<char*>(buffer), n);
     step.data.erase(0, k);
     if (step.data.empty()) s_->reads.pop_front();
     return static_cast<ssize_t>(k);
@@ -145,7 +137,7 @@ TEST(BufferedIOTest, ReadsRetryInterruptsServeFromTheBufferAndEndCleanly) {
   EXPECT_EQ("0 -w in 8 out 0", f.State());  // a clean close is not an error
 
   Fixture g;  // one refill serves small reads; large ones honour the quota
-  g.script->pattern = 20000;
+  g.script->reads = {{20000, 0, net_io_test::Pattern(20000)}};
   g.controller.max_step = 3000;
   std::string got(20000, '\0');
   ASSERT_EQ(7, g.stream.Read(&got[0], 7));
@@ -233,12 +225,12 @@ TEST(BufferedIOTest, FileReceiveAtAnOffsetPast4GiB) {
   TempDir dir;
   const uint64_t far = (uint64_t{4} << 30) + 5;
   Fixture f;
-  f.script->pattern = 5;
+  f.script->reads = {{5, 0, "abcde"}};
   cat::File sparse(open(dir.File("sparse").c_str(), O_RDWR | O_CREAT, 0644));
   EXPECT_EQ(5, f.stream.BufferedIOBase::RecvFile(sparse, far, 5));
   char got[5] = {};
   EXPECT_EQ(5, pread(sparse.fd(), got, 5, static_cast<off_t>(far)));
-  EXPECT_EQ(net_io_test::Pattern(5), std::string(got, 5));
+  EXPECT_EQ("abcde", std::string(got, 5));
   sparse.Close();
 }
 
