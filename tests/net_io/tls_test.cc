@@ -36,43 +36,22 @@ struct TlsServer {
   bool ready;
 };
 
-class TlsTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    dir_ = new TempDir();
-    certs_ok_ = net_io_test::MakeCerts(dir_->path());
-    for (const char* name :
-         {"server", "wild", "cnonly", "self", "server+ca", "forged", "forged+ca"}) {
-      servers_[name] = std::make_unique<TlsServer>(dir_->path(), name);
-    }
-  }
-  static void TearDownTestSuite() {
-    servers_.clear();
-    delete dir_;
-  }
-
-  void SetUp() override {
-    ASSERT_TRUE(certs_ok_);
-    for (auto& s : servers_) ASSERT_TRUE(s.second->ready) << s.first;
-    Channel::SetCAPath(Cert("ca.crt"));
-  }
-
-  static std::string Cert(const std::string& file) { return dir_->File(file); }
-
-  // Opens `ch` to the server with certificate `name` and converts it.
-  static int ConnectTls(Channel* ch, const std::string& name) {
-    if (ch->Open("127.0.0.1", servers_[name]->port) != 0) return -1000;
-    return ch->ConvertToSSLChannel(false);
-  }
-
-  inline static TempDir* dir_ = nullptr;
-  inline static bool certs_ok_ = false;
-  inline static std::map<std::string, std::unique_ptr<TlsServer>> servers_;
-};
-
 // The chain checked against the CA bundle and the host names (the common
 // name when there is no subjectAltName), or trust by the signature text.
-TEST_F(TlsTest, ChainHostOrSignatureChecks) {
+TEST(TlsTest, ChainHostOrSignatureChecks) {
+  TempDir dir;
+  ASSERT_TRUE(net_io_test::MakeCerts(dir.path()));
+  std::map<std::string, std::unique_ptr<TlsServer>> servers;
+  for (const char* name :
+       {"server", "wild", "cnonly", "self", "server+ca", "forged", "forged+ca"}) {
+    servers[name] = std::make_unique<TlsServer>(dir.path(), name);
+    ASSERT_TRUE(servers[name]->ready) << name;
+  }
+  // Opens `ch` to the server with certificate `name` and converts it.
+  auto connect_tls = [&](Channel* ch, const std::string& name) {
+    return ch->Open("127.0.0.1", servers[name]->port) == 0 ? ch->ConvertToSSLChannel(false) : -1000;
+  };
+  Channel::SetCAPath(dir.File("ca.crt"));
   const struct {
     const char* server;
     bool by_signature;
@@ -102,16 +81,16 @@ TEST_F(TlsTest, ChainHostOrSignatureChecks) {
     Channel ch;
     ch.SetTrustBySignature(c.by_signature);
     ch.SetExpectedHost(c.host);
-    ch.SetExpectedSignature(*c.signature ? net_io_test::CertSignature(Cert(c.signature)) : "");
-    EXPECT_EQ(c.result, ConnectTls(&ch, c.server)) << c.server << " / " << c.host;
+    ch.SetExpectedSignature(*c.signature ? net_io_test::CertSignature(dir.File(c.signature)) : "");
+    EXPECT_EQ(c.result, connect_tls(&ch, c.server)) << c.server << " / " << c.host;
     EXPECT_EQ(c.result == 0, ch.IsSSL());
     if (c.result != 0) continue;
     EXPECT_EQ(0, ch.ConvertToSSLChannel(false));  // already TLS: nothing changes
   }
-  Channel::SetCAPath(Cert("no-such-bundle.crt"));  // no bundle trusts nothing
+  Channel::SetCAPath(dir.File("no-such-bundle.crt"));  // no bundle trusts nothing
   Channel ch;
   ch.SetTrustBySignature(false);
-  EXPECT_EQ(-24, ConnectTls(&ch, "server"));
+  EXPECT_EQ(-24, connect_tls(&ch, "server"));
 }
 
 }  // namespace
