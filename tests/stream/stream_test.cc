@@ -114,6 +114,10 @@ TEST(PStreamTest, MalformedAndTooDeepInputFailsCleanlyAndNamesTheFailingMember) 
       {std::string(128, '\x41') + Hex("43"), -5, kTooDeep, ""},
       {Hex("42") + WireString("outer") + Hex("42") + WireString("inner") + Hex("07"), -5,
        "PStream: unknown tag 7", "outer.inner"},
+      // A member of a binary_ex is decoded aside, and gone before the
+      // binary_ex sees it fail: its keys are named while they live.
+      {Hex("43") + WireString("binary") + Hex("42") + WireString("a key past the slot") + Hex("07"),
+       -5, "PStream: unknown tag 7", "binary.a key past the slot"},
       {Hex("42") + WireString("a") + Hex("00 00 40"), 0, "", ""},
       {Hex("42") + WireString("list") + Hex("41 01 01 01 00 02"), -5,
        "expect length 0, but we've got 2", "list"},  // an element: its map key alone
@@ -193,7 +197,8 @@ TEST(PStreamTest, DumpAtDebugLevel) {
   LogCapture log(dir, "stream=7\n");
   PObject value = Map({{"k", Array({PObject(7), Buffer("ab")})}, {"s", PObject("t")}});
   std::string bytes;
-  ASSERT_EQ(0, EncodeToString(value, &bytes));
+  PStream out;  // for both values: nothing of the first is left for the second
+  ASSERT_EQ(0, EncodeToString(value, &bytes, &out));
   const std::string dump =
       "DEBUG {\nDEBUG   \"k\"\nDEBUG   [\nDEBUG     7\nDEBUG     2\nDEBUG   ]\n"
       "DEBUG   \"s\"\nDEBUG   \"t\"\nDEBUG }\n";
@@ -206,11 +211,13 @@ TEST(PStreamTest, DumpAtDebugLevel) {
   // Indentation stops growing at 22 blanks.
   PObject deep(5);
   for (int i = 0; i < 13; ++i) deep = Array({deep});
-  ASSERT_EQ(0, EncodeToString(deep, &bytes));
+  ASSERT_EQ(0, EncodeToString(deep, &bytes, &out));
   const std::string deep_dump = log.Take();
   EXPECT_NE(std::string::npos, deep_dump.find("\nDEBUG " + std::string(22, ' ') + "5\n"));
   EXPECT_NE(std::string::npos, deep_dump.find("\nDEBUG " + std::string(20, ' ') + "[\n"));
   EXPECT_EQ(std::string::npos, deep_dump.find("DEBUG " + std::string(23, ' ')));
+  ASSERT_EQ(0, DecodeFromString(bytes, &back));
+  EXPECT_EQ(deep, back);
 }
 
 }  // namespace

@@ -29,9 +29,10 @@ inline std::string WireString(const std::string& text) {
   return Hex("10") + static_cast<char>(text.size() >> 8) + static_cast<char>(text.size()) + text;
 }
 
-inline int EncodeToString(const PObject& value, std::string* bytes) {
+inline int EncodeToString(const PObject& value, std::string* bytes, PStream* stream = nullptr) {
+  PStream local;
   std::ostringstream out;
-  int rc = PStream().Send(&out, value);
+  int rc = (stream != nullptr ? stream : &local)->Send(&out, value);
   *bytes = out.str();
   return rc;
 }
