@@ -38,7 +38,6 @@ const ConfigKey kMainKeys[] = {
     {"str", kConfigString, offsetof(Main, str)},
     {"set", kConfigStringSet, offsetof(Main, set)},
     {"set_alias", kConfigStringSet, offsetof(Main, set)},
-    {"odd", 9, offsetof(Main, num)},
 };
 const ConfigKey kOtherKeys[] = {
     {"value", kConfigInt32, offsetof(Other, value)},
@@ -46,7 +45,7 @@ const ConfigKey kOtherKeys[] = {
 // The second section's name is exactly 32 characters long.
 const char kLongSection[] = "abcdefghij-ABCDEFGHIJ_0123456789";
 const ConfigSection kSections[] = {
-    {"Main", offsetof(Record, main), kMainKeys, 6},
+    {"Main", offsetof(Record, main), kMainKeys, 5},
     {kLongSection, offsetof(Record, other), kOtherKeys, 1},
 };
 const ConfigSchema kSchema = {kSections, 2};
@@ -83,68 +82,43 @@ class ParserTest : public ::testing::Test {
 TEST_F(ParserTest, EveryErrorWithItsNameAndLine) {
   const std::string k33(33, 'k');
   const std::string s33 = std::string(kLongSection) + "x";
-  const std::string long_string = "[Main]\nstr = \"" + std::string(4097, 'a') + "\"\n";
-  const std::string long_number = "[Main]\nbig = " + std::string(4096, '1') + "\n";
   const std::string cases[][2] = {
       {"[Main\n", "SECTION_MISSING_RIGHT_BRACKET at line 1"},
-      {"# c\n[Main# x]\n", "SECTION_MISSING_RIGHT_BRACKET at line 2"},
       {"[]\n", "SECTION_MISSING_SECTION at line 1"},
       {"[Ma.in]\n", "SECTION_ILLEGAL_CHARACTER at line 1"},
       {"[" + s33 + "]\n", "SECTION_TOO_LONG at line 1"},
-      {"[Nope]\n", "SECTION_UNDEFINED_SECTION at line 1"},
       {"[main]\n", "SECTION_UNDEFINED_SECTION at line 1"},
-      {"[Main]\n= 5\n", "KEY_MISSING_KEY at line 2"},
+      // The continuation of an unknown set is read as a key line.
+      {"[Main]\nbogus = \"a\",\n  \"b\"\n", "KEY_MISSING_KEY at line 3"},
       {"[Main]\nnum 5\n", "KEY_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\n" + k33 + " = 1\n", "KEY_TOO_LONG at line 2"},
       {"[Main]\nnum = +x\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
-      {"[Main]\nnum = .5\n", "VALUE_NUMERIC_MISSING_INTEGER_PART at line 2"},
       {"[Main]\nnum = 5.\n", "VALUE_NUMERIC_MISSING_FRACTIONAL_PART at line 2"},
       {"[Main]\nnum =\n", "VALUE_NUMERIC_MISSING_VALUE at line 2"},
       {"[Main]\nnum = 0123\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
-      {"[Main]\nnum = 12a\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
-      {"[Main]\nnum = 1.5.2\n", "VALUE_NUMERIC_ILLEGAL_SYNTAX at line 2"},
       {"[Main]\nstr = abc\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
-      {"[Main]\nset = abc\n", "VALUE_STRING_MISSING_LEFT_QUOTE at line 2"},
       {"[Main]\n\nstr = \"abc\n", "VALUE_STRING_MISSING_RIGHT_QUOTE at line 3"},
       {"[Main]\nstr = \"abc", "VALUE_STRING_MISSING_RIGHT_QUOTE at line 2"},
       {"[Main]\nstr = \"a\\qb\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nstr = \"a\x01" "b\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nstr = \"\\x4\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
+      {"[Main]\nstr = \"a\001b\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\\xg0\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nstr = \"\\400\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
-      {"[Main]\nstr = \"\\08\"\n", "VALUE_STRING_ILLEGAL_CHARACTER at line 2"},
       {"[Main]\nstr = \"\"\n", "VALUE_STRING_EMPTY at line 2"},
       {"[Main]\nset = \"a\" \"b\"\n", "VALUE_SET_MISSING_SEPARATER at line 2"},
-      {long_string, "VALUE_TOO_LONG at line 2"},
-      {long_number, "VALUE_TOO_LONG at line 2"},
-      {"[Main] x\n", "LINE_NOT_ENDED at line 1"},
-      {"[Main]\nnum = 5 x\n", "LINE_NOT_ENDED at line 2"},
+      {"[Main]\nstr = \"" + std::string(4097, 'a') + "\"\n", "VALUE_TOO_LONG at line 2"},
       {"[Main]\nstr = \"a\" b\n", "LINE_NOT_ENDED at line 2"},
-      {"[Main]\nset = \"a\", \"b\" x\n", "LINE_NOT_ENDED at line 2"},
       {"num = 1\n", "LINE_NOT_EXPECTED at line 1"},
       {"[Main]\nset = \"a\",\nnum = 1\n", "LINE_NOT_EXPECTED at line 3"},
-      {"[Main]\nodd = 1\n", "INTERNAL_ERROR at line 2"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(kParseFailed, Parse(c[0])) << c[0];
     EXPECT_EQ("parser: " + c[1] + "\n", err_) << c[0];
   }
-  // A string of exactly 4096 bytes and a number of 4095 characters pass.
+  // A string of exactly 4096 bytes passes.
   EXPECT_EQ(kParseOk, Parse("[Main]\nstr = \"" + std::string(4096, 'a') + "\"\n")) << err_;
   EXPECT_EQ(4096u, strlen(record_.main.str));
-  EXPECT_EQ(kParseOk, Parse("[Main]\nnum = " + std::string(4095, '0').replace(0, 1, "1") +
-                            "\n")) << err_;
-
-  EXPECT_STREQ("NO_ERROR", ConfigErrorName(0));
-  EXPECT_STREQ("Unknown error", ConfigErrorName(-27));
-  EXPECT_STREQ("Unknown error", ConfigErrorName(1));
-  // A missing file fails without a word.
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(kParseFailed, ParseConfigFile(dir_.File("missing").c_str(), kSchema, &record_));
-  EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
 }
 
-TEST_F(ParserTest, ValuesEscapesAndSets) {
+TEST_F(ParserTest, ValuesEscapesSetsAndUnknownKeys) {
   const std::string text =
       "  # leading comment\n"
       "\n"
@@ -159,75 +133,49 @@ TEST_F(ParserTest, ValuesEscapesAndSets) {
       "  \"c\",\n"
       "\"d\"\n"
       "set_alias = \"e\"\n"
-      "[" + std::string(kLongSection) + "]\n"
-      "value = +0\n"
+      "[abcdefghij-ABCDEFGHIJ_0123456789]\n"
+      "value = +7\n"
       "[Main]\n"
       "set = \"f\"\n";
   ASSERT_EQ(kParseOk, Parse(text)) << err_;
   EXPECT_EQ(-12, record_.main.num);
   EXPECT_EQ(18446744073709551615ull, record_.main.big);
-  EXPECT_EQ(std::string("\a\b\f\n\r\t\v'\"\\?AJ\xff" "A\xff"), record_.main.str);
+  EXPECT_EQ(std::string("\a\b\f\n\r\t\v'\"\\?AJ\377A\377"), record_.main.str);
   EXPECT_EQ((std::vector<std::string>{"a", "b", "c", "d", "e", "f"}), Set());
-  EXPECT_EQ(0, record_.other.value);
+  EXPECT_EQ(7, record_.other.value);
   EXPECT_EQ("", out_ + err_);
 
   EXPECT_EQ(kParseOk, Parse("[Main]\nnum = 0\nbig = 0.25\n"));
 
-  // Values stored before an error stay for the caller to clear.
-  EXPECT_EQ(kParseFailed, Parse("[Main]\nnum = 7\nset = \"x\"\nstr = bad\n"));
-  EXPECT_EQ(7, record_.main.num);
-  EXPECT_EQ((std::vector<std::string>{"x"}), Set());
-}
-
-TEST_F(ParserTest, UnknownKeysWarnAndAreSkipped) {
-  EXPECT_EQ(kParseUnknownKeys,
-            Parse("[Main]\nbogus = anything \"at all\n num = 3\nother_key=\n"));
+  // Unknown keys are skipped with a warning.
+  EXPECT_EQ(kParseUnknownKeys, Parse("[Main]\nbogus = anything \"at all\n num = 3\nother_key=\n"));
   EXPECT_EQ("warning: unknown key (bogus)\nwarning: unknown key (other_key)\n", out_);
   EXPECT_EQ("", err_);
   EXPECT_EQ(3, record_.main.num);
-  // A key of another section is unknown here.
-  EXPECT_EQ(kParseUnknownKeys, Parse("[Main]\nvalue = 1\n"));
-  // The continuation of an unknown set is read as a key line.
-  EXPECT_EQ(kParseFailed, Parse("[Main]\nbogus = \"a\",\n  \"b\"\n"));
-  EXPECT_EQ("parser: KEY_MISSING_KEY at line 3\n", err_);
+  EXPECT_EQ(kParseUnknownKeys, Parse("[Main]\nvalue = 1\n"));  // a key of another section
 }
 
-class ServiceSettingTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    setenv("VESTA_ROOT", dir_.path().c_str(), 1);
-    ASSERT_EQ(0,
-              system(("mkdir -p '" + dir_.File("var/packages/Fernbox/etc/tandem") + "'").c_str()));
-  }
-  void TearDown() override { unsetenv("VESTA_ROOT"); }
+// The service settings below $VESTA_ROOT.
+TEST(ServiceSettingTest, VolumePathsLockAndFailures) {
+  TempDir dir;
+  setenv("VESTA_ROOT", dir.path().c_str(), 1);
+  const std::string etc = "var/packages/Fernbox/etc/tandem/";
+  ASSERT_EQ(0, system(("mkdir -p '" + dir.File(etc) + "'").c_str()));
+  const std::string config = dir.File(etc + "service.conf"),
+                    lock = dir.File(etc + "setting.conf.lock");
+  ServiceSetting setting(config);
+  std::string v;
+  EXPECT_EQ(-1, setting.GetServiceVolume(&v));  // no configuration
 
-  TempDir dir_;
-  const std::string config_ = dir_.File("var/packages/Fernbox/etc/tandem/service.conf");
-  const std::string lock_ = dir_.File("var/packages/Fernbox/etc/tandem/setting.conf.lock");
-};
-
-TEST_F(ServiceSettingTest, VolumePathsLockAndFailures) {
-  ServiceSetting setting(config_);
-  std::string v = "unchanged";
-  // A missing configuration fails before the lock file is made.
-  EXPECT_EQ(-1, setting.GetServiceVolume(&v));
-  EXPECT_NE(0, access(lock_.c_str(), F_OK));
-  EXPECT_EQ(-1, setting.GetSessionDir(1, &v));
+  dir.Write(etc + "service.conf", "other=1\n");
+  const mode_t old_mask = umask(077);  // the lock file's mode does not depend on it
   EXPECT_EQ(-1, setting.GetFilterDbPath(&v));
-  EXPECT_EQ("unchanged", v);
-
-  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\n");
-  mode_t old_mask = umask(077);  // the lock file's mode does not depend on it
-  EXPECT_EQ(-1, setting.GetServiceVolume(&v));
   umask(old_mask);
-  EXPECT_EQ(-1, setting.GetSessionConfDir(1, &v));
   struct stat st;
-  ASSERT_EQ(0, stat(lock_.c_str(), &st));
+  ASSERT_EQ(0, stat(lock.c_str(), &st));
   EXPECT_EQ(0644u, st.st_mode & 0777);
 
-  dir_.Write("var/packages/Fernbox/etc/tandem/service.conf", "other=1\nvolume=/volume2\n");
-  ASSERT_EQ(0, setting.GetServiceVolume(&v));
-  EXPECT_EQ("/volume2", v);
+  dir.Write(etc + "service.conf", "other=1\nvolume=/volume2\n");
   std::string root, filter, big, db, conf;
   ASSERT_EQ(0, setting.GetSessionRootDir(&root) | setting.GetFilterDbPath(&filter) |
                    setting.GetSessionDir(18446744073709551615ull, &big) |
@@ -238,37 +186,30 @@ TEST_F(ServiceSettingTest, VolumePathsLockAndFailures) {
       "/volume2/@FernboxTandem/session/42/db /volume2/@FernboxTandem/session/42/conf",
       root + " " + filter + " " + big + " " + db + " " + conf);
 
+  // The lock excludes other processes until Unlock or the object's end.
+  const int other = open(lock.c_str(), O_RDWR);
   ASSERT_EQ(0, setting.Lock());
-  int other = open(lock_.c_str(), O_RDWR);
-  ASSERT_GE(other, 0);
   EXPECT_EQ(-1, flock(other, LOCK_EX | LOCK_NB));
   setting.Unlock();
   EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
   flock(other, LOCK_UN);
   {
-    ServiceSetting again(config_);
+    ServiceSetting again(config);
     ASSERT_EQ(0, again.Lock());
     EXPECT_EQ(-1, flock(other, LOCK_EX | LOCK_NB));
   }
   EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
   close(other);
 
-  // A link at the lock file's path is never followed (nor its target
-  // locked); the volume is still read.
-  ASSERT_EQ(0, unlink(lock_.c_str()));
-  ASSERT_EQ(0, symlink(dir_.Write("target", "kept").c_str(), lock_.c_str()));
-  ServiceSetting linked(config_);
+  // A link at the lock file's path is never followed: no lock, but the
+  // volume is still read.
+  ASSERT_EQ(0, unlink(lock.c_str()));
+  ASSERT_EQ(0, symlink(dir.Write("target", "kept").c_str(), lock.c_str()));
+  ServiceSetting linked(config);
   EXPECT_EQ(-1, linked.Lock());
   ASSERT_EQ(0, linked.GetServiceVolume(&v));
-
-  // A lock file that cannot be made still lets the volume be read: the
-  // configuration here lives outside the (missing) lock directory.
-  const std::string elsewhere = dir_.Write("elsewhere.conf", "volume=/volume3\n");
-  ASSERT_EQ(0, system(("rm -rf '" + dir_.path() + "/var'").c_str()));
-  ServiceSetting no_lock(elsewhere);
-  EXPECT_EQ(-1, no_lock.Lock());
-  ASSERT_EQ(0, no_lock.GetServiceVolume(&v));
-  EXPECT_EQ("/volume3", v);
+  EXPECT_EQ("/volume2", v);
+  unsetenv("VESTA_ROOT");
 }
 
 }  // namespace

@@ -484,7 +484,8 @@ TEST_F(SystemDBTest, UndecodablePasswordsAreKeptAsStored) {
     TempDir empty;
     int status = -1;
     const std::string out = RunCommand(
-        "VESTA_TEST_NO_CIPHER=1 OPENSSL_MODULES='" + empty.path() + "' '" + self +
+        "VESTA_TEST_NO_CIPHER=1 OPENSSL_MODULES='" + empty.path() + "' " +
+            VESTA_TEST_EMULATOR " '" + self +
             "' --gtest_filter=SystemDBTest.UndecodablePasswordsAreKeptAsStored 2>&1",
         &status);
     EXPECT_EQ(0, status) << out;

@@ -87,6 +87,7 @@ TEST_F(DaemonIpcTest, ReplyRules) {
       {[] { return ReloadSessionFilter(1); }, -1,
        "ERROR ipc response error[action=reload_session, error=17]"},
       {[] { return UnlinkConnection(1); }, -1,
+       "WARNING Channel: -2\nERROR Error stack: \n"
        "ERROR receive ipc command fail[action=unlink_connection]"},
   });
   EXPECT_EQ(0, RemoveSession(1));
@@ -149,10 +150,12 @@ TEST_F(DaemonIpcTest, AddSession) {
   unknown.sync_folder = "no-such-share";
   log_.ExpectEach({
       {[&] { return AddSession(HomeSession(), options, true, false); }, -1,
+       "ERROR ipc response error[action=add_session, error=no]\n"
        "ERROR add session to daemon fail[id=12,path=team]"},
       {[&] { return AddSession(file, options, true, false); }, -1,
        "ERROR create session folder fail"},
       {[&] { return AddSession(unknown, options, true, false); }, -1,
+       "ERROR ZEPHShareGet(no-such-share): -1 Error code: 5120\n"
        "ERROR get share path fail[no-such-share]\nERROR prepare PObject for adding session fail"},
   });
   EXPECT_EQ(1u, peer_.TakeRequests().size());

@@ -1,14 +1,12 @@
-// The buffered stream over fakes of the descriptor and clock; bandwidth, hosts, connects.
+// The buffered stream over fakes of the descriptor and clock; host names, connects.
 #include "net/cat/buffered_io.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <deque>
 #include <thread>
 #include <tuple>
@@ -27,12 +25,8 @@ namespace {
 class FakeClock : public cat::Clock {
  public:
   uint64_t NowMicros() override { return now_us; }
-  void SleepMicros(uint64_t micros) override {
-    sleeps.push_back(micros);
-    now_us += micros;
-  }
+  void SleepMicros(uint64_t micros) override { now_us += micros; }
   uint64_t now_us = 1000000000;
-  std::vector<uint64_t> sleeps;
 };
 
 struct Step {
@@ -43,9 +37,7 @@ struct Step {
 
 // State shared by a fake descriptor and its clones.
 struct Script {
-  std::deque<Step> reads;  // then `pattern` bytes of PatternByte, then the end
-  uint64_t pattern = 0;
-  uint64_t pattern_pos = 0;
+  std::deque<Step> reads;   // then the end
   std::deque<Step> writes;  // empty: accept everything
   std::string written;      // all bytes accepted by Write
   bool silent = false;      // Wait reports nothing ready, once the clock has moved on
@@ -61,16 +53,10 @@ class ScriptedSocket : public cat::Socket {
 
   ssize_t Read(void* buffer, size_t n) override {
     ++s_->read_calls;
-    char* out = static_cast<char*>(buffer);
-    if (s_->reads.empty()) {  // odd-sized reads of the pattern
-      size_t k = static_cast<size_t>(std::min<uint64_t>({n, 100003, s_->pattern}));
-      for (size_t i = 0; i < k; ++i) out[i] = net_io_test::PatternByte(s_->pattern_pos++);
-      s_->pattern -= k;
-      return static_cast<ssize_t>(k);
-    }
+    if (s_->reads.empty()) return 0;
     if (Failed(&s_->reads)) return -1;
     Step& step = s_->reads.front();
-    const size_t k = step.data.copy(out, n);
+    const size_t k = step.data.copy(static_cast<char*>(buffer), n);
     step.data.erase(0, k);
     if (step.data.empty()) s_->reads.pop_front();
     return static_cast<ssize_t>(k);
@@ -151,7 +137,7 @@ TEST(BufferedIOTest, ReadsRetryInterruptsServeFromTheBufferAndEndCleanly) {
   EXPECT_EQ("0 -w in 8 out 0", f.State());  // a clean close is not an error
 
   Fixture g;  // one refill serves small reads; large ones honour the quota
-  g.script->pattern = 20000;
+  g.script->reads = {{20000, 0, net_io_test::Pattern(20000)}};
   g.controller.max_step = 3000;
   std::string got(20000, '\0');
   ASSERT_EQ(7, g.stream.Read(&got[0], 7));
@@ -191,26 +177,12 @@ TEST(BufferedIOTest, WritesStayBufferedUntilFlushAndSurviveShortWrites) {
   EXPECT_EQ(-1, g.stream.Flush());
   EXPECT_EQ("0123", g.script->written);
   EXPECT_EQ(0, g.stream.Write(big.data(), 9000));
-}
+  EXPECT_EQ("-1 -- in 0 out 4", g.State());
 
-TEST(BufferedIOTest, WriteFailuresMapToStreamErrors) {
-  const struct {
-    int err;
-    ssize_t first;
-    const char* state;
-  } kCases[] = {{ENOSPC, 100, "-5 -- in 0 out 100"},
-                {EDQUOT, 100, "-5 -- in 0 out 100"},
-                {EFBIG, 100, "-6 -- in 0 out 100"},
-                {EPIPE, 100, "-1 -- in 0 out 100"},
-                {0, 0, "0 r- in 0 out 0"}};  // a write of 0 bytes closes the write side
-  const std::string big = net_io_test::Pattern(20000);
-  for (const auto& c : kCases) {
-    Fixture f;
-    f.script->writes = {{c.first, 0, ""}, {-1, c.err, ""}};
-    EXPECT_EQ(c.first, f.stream.Write(big.data(), big.size())) << c.err;
-    EXPECT_EQ(0, f.stream.Write("a", 1));  // a closed write side takes nothing
-    EXPECT_EQ(c.state, f.State()) << c.err;
-  }
+  Fixture h;  // a write of 0 bytes closes the write side, without an error
+  h.script->writes = {{0, 0, ""}};
+  EXPECT_EQ(0, h.stream.Write(big.data(), 9000));
+  EXPECT_EQ("0 r- in 0 out 0", h.State());
 }
 
 TEST(BufferedIOTest, SilentPeerTimesOutInThreeSecondWaitsAndCancelStopsFirst) {
@@ -232,6 +204,13 @@ TEST(BufferedIOTest, SilentPeerTimesOutInThreeSecondWaitsAndCancelStopsFirst) {
   EXPECT_EQ("-3 -- in 0 out 0", w.State());
   EXPECT_EQ(2, w.script->waits);
 
+  Fixture d;  // a deadline ends the waits before the idle time-out would
+  d.script->silent = true;
+  d.stream.SetDeadline(5000000);
+  EXPECT_EQ(0, d.stream.Read(buf, 4));
+  EXPECT_EQ("-3 -- in 0 out 0", d.State());
+  EXPECT_EQ(5000000u, d.script->clock.now_us - start);
+
   Fixture c;
   c.script->reads = {{3, 0, "abc"}};
   c.controller.cancelled = true;
@@ -240,71 +219,19 @@ TEST(BufferedIOTest, SilentPeerTimesOutInThreeSecondWaitsAndCancelStopsFirst) {
   EXPECT_EQ(0, c.script->read_calls + c.script->waits);
 }
 
-TEST(BufferedIOTest, FileSendAndGenericReceiveReportFailures) {
+// Files travel only inside PStream values (tests/stream); this is the
+// one offset a 32-bit build could cut: past 4 GiB.
+TEST(BufferedIOTest, FileReceiveAtAnOffsetPast4GiB) {
   TempDir dir;
-  const std::string data = net_io_test::Pattern(200000);
-  int fd = open(dir.Write("src", data).c_str(), O_RDONLY);
-  {
-    Fixture f;  // sends the range in order, through Write
-    cat::File file(fd);
-    EXPECT_EQ(150000, f.stream.SendFile(file, 1000, 150000));
-    EXPECT_EQ(0, f.stream.Flush());
-    EXPECT_EQ(data.substr(1000, 150000), f.script->written);
-    Fixture g;  // the file ends before the length: -1
-    EXPECT_EQ(-1, g.stream.SendFile(file, 100000, 100001));
-    EXPECT_EQ(cat::kErrIO, g.stream.GetError());
-  }
-  close(fd);
-
-  // The generic copy (a socket maps the file instead) at an offset past 4 GiB,
-  // kept whole on every ABI; then past a file size limit (a full device is
-  // met on this path by the channel's tests).
   const uint64_t far = (uint64_t{4} << 30) + 5;
-  Fixture g;
-  g.script->pattern = 5;
+  Fixture f;
+  f.script->reads = {{5, 0, "abcde"}};
   cat::File sparse(open(dir.File("sparse").c_str(), O_RDWR | O_CREAT, 0644));
-  EXPECT_EQ(5, g.stream.BufferedIOBase::RecvFile(sparse, far, 5));
+  EXPECT_EQ(5, f.stream.BufferedIOBase::RecvFile(sparse, far, 5));
   char got[5] = {};
   EXPECT_EQ(5, pread(sparse.fd(), got, 5, static_cast<off_t>(far)));
-  EXPECT_EQ(net_io_test::Pattern(5), std::string(got, 5));
+  EXPECT_EQ("abcde", std::string(got, 5));
   sparse.Close();
-  Fixture f;
-  f.script->pattern = 200000;
-  cat::File file(open(dir.File("dst").c_str(), O_RDWR | O_CREAT, 0644));
-  net_io_test::FileSizeLimit limit(70000);
-  EXPECT_EQ(-1, f.stream.BufferedIOBase::RecvFile(file, 0, 200000));
-  EXPECT_EQ(cat::kErrTooLarge, f.stream.GetError());
-}
-
-// After a 3-byte read, 8189 bytes of the file are buffered: they are stored first,
-// the rest lands through the mapping, which moves on in windows of 128 MiB.
-TEST(BufferedIOTest, SocketReceiveStoresBufferedBytesThenMapsTheRestInWindows) {
-  TempDir dir;
-  for (uint64_t length : {uint64_t{300000}, (uint64_t{128} << 20) + 300007}) {
-    Fixture f;
-    f.script->pattern = 3 + length + 1000;
-    char head[3];
-    ASSERT_EQ(3, f.stream.Read(head, 3));
-    EXPECT_EQ(8189u, f.stream.BufferedReadBytes());
-    const std::string path = dir.Write("dst", std::string(10, 'Z'));
-    cat::File file(open(path.c_str(), O_RDWR));
-    EXPECT_EQ(static_cast<int64_t>(length), f.stream.RecvFile(file, 5, length));
-    file.Close();
-    EXPECT_EQ(8192u + length, f.controller.read_total);  // buffered bytes reported again
-    const std::string got = ReadFile(path);
-    ASSERT_EQ(5 + length, got.size());
-    EXPECT_EQ("ZZZZZ", got.substr(0, 5));
-    uint64_t right = 0;  // bytes in place before the first wrong one
-    while (right < length && got[5 + right] == net_io_test::PatternByte(3 + right)) ++right;
-    EXPECT_EQ(length, right);
-  }
-
-  // Without a descriptor that is a file or a socket: -4.
-  cat::BufferedIO other;
-  cat::File none(-1);
-  EXPECT_EQ(-1, other.RecvFile(none, 0, 10));
-  EXPECT_EQ(cat::kErrNotSocket, other.GetError());
-  EXPECT_EQ(-1, other.RecvFileMapped(none, 0, 10));
 }
 
 TEST(BufferedIOTest, HandOverMovesTheDescriptorAndSettings) {
@@ -315,54 +242,6 @@ TEST(BufferedIOTest, HandOverMovesTheDescriptorAndSettings) {
   EXPECT_EQ(nullptr, f.stream.GetIO());
   EXPECT_EQ(std::make_tuple(7, &f.controller, 1000),
             std::make_tuple(target.GetTimeout(), target.GetController(), target.GetIO()->fd()));
-
-  // A TLS stream refuses a descriptor that is not a socket.
-  cat::BufferedIO on_file;
-  on_file.Attach(cat::File(0));
-  cat::SslServerSocket tls;
-  EXPECT_EQ(-1, on_file.HandOver(&tls));
-  EXPECT_EQ(cat::kErrSslNotSocket, tls.GetError());
-  EXPECT_NE(nullptr, on_file.GetIO());  // unchanged on failure
-}
-
-class FixedLimiter : public cat::RateLimiter {
- public:
-  uint64_t GetRate(Direction d) override { return rate[d]; }
-  size_t GetAllowance(Direction d) override { return allowance[d]; }
-  void OnBlockDone(Direction d, size_t n) override { done[d] += n; }
-  uint64_t rate[2] = {0, 0};
-  size_t allowance[2] = {0, 0};
-  size_t done[2] = {0, 0};
-};
-
-TEST(BandwidthControllerTest, SleepsTheRestOfEachBlocksShareOfTheSecond) {
-  FakeClock clock;
-  FixedLimiter limiter;
-  const auto kRead = cat::RateLimiter::kRead, kWrite = cat::RateLimiter::kWrite;
-  limiter.rate[kWrite] = 1000000;
-  cat::BandwidthController bw(&limiter, &clock);
-  clock.now_us += 10000;  // a 64 KiB block written in 10 ms
-  bw.OnWrite(65536);
-  clock.now_us += 70000;  // slower than its 65,536 us: no sleep
-  bw.OnWrite(65536);
-  EXPECT_EQ(131072u, limiter.done[kWrite]);
-  limiter.rate[kWrite] = 1000;  // 65 s expected: capped at 1 s
-  bw.OnWrite(65536);
-  bw.OnRead(65536);  // the read direction is unlimited: no sleep, no report
-  EXPECT_EQ(0u, limiter.done[kRead]);
-  limiter.rate[kRead] = 2000000;  // 1 MiB at 2 MB/s, 100 ms taken
-  clock.now_us += 100000;
-  bw.OnRead(1048576);
-  cat::BandwidthController(nullptr, &clock).OnWrite(1 << 30);
-  EXPECT_EQ((std::vector<uint64_t>{55536, 1000000, 524288 - 100000}), clock.sleeps);
-
-  // The quota is the allowance when smaller; allowance 0 is no limit.
-  EXPECT_EQ(5000u, bw.ReadQuota(5000));
-  limiter.allowance[kRead] = 100;
-  limiter.allowance[kWrite] = 9000;
-  EXPECT_EQ(100u, bw.ReadQuota(5000));
-  EXPECT_EQ(5000u, bw.WriteQuota(5000));
-  EXPECT_EQ(123u, cat::BandwidthController(nullptr, &clock).WriteQuota(123));
 }
 
 TEST(HostMatchTest, WildcardsAndCase) {
@@ -400,32 +279,6 @@ TEST(SocketOpsTest, HostAddressForms) {
   }
 }
 
-TEST(SocketOpsTest, ConnectsAndFailsWithinItsLimits) {
-  net_io_test::Listener listener;
-  TempDir dir;
-  struct sockaddr_un addr = {AF_UNIX, {}};
-  snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", dir.File("s.sock").c_str());
-  int unix_listener = socket(AF_UNIX, SOCK_STREAM, 0);
-  ASSERT_EQ(0, bind(unix_listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-  ASSERT_EQ(0, listen(unix_listener, 1));
-  const int fds[] = {cat::ConnectTcp("127.0.0.1", listener.port(), 5, nullptr),
-                     cat::ConnectTcp("localhost", listener.port(), 0, nullptr),  // blocking
-                     cat::ConnectUnix(addr.sun_path, 5, nullptr),
-                     cat::CreateTcpSocket(false, 1)->fd()};
-  const bool nonblocking[] = {true, false, true, true};
-  for (int i = 0; i < 4; ++i) {
-    ASSERT_GE(fds[i], 0) << i;
-    EXPECT_EQ(nonblocking[i], (fcntl(fds[i], F_GETFL) & O_NONBLOCK) != 0) << i;
-    EXPECT_TRUE(fcntl(fds[i], F_GETFD) & FD_CLOEXEC) << i;
-    close(fds[i]);
-  }
-  close(unix_listener);
-
-  EXPECT_EQ(-1, cat::ConnectTcp("127.0.0.1", net_io_test::FreePort(), 5, nullptr));
-  EXPECT_EQ(-1, cat::ConnectTcp("no-such-host.invalid", 80, 5, nullptr));
-  EXPECT_EQ(-1, cat::ConnectUnix(dir.File("none.sock"), 5, nullptr));
-}
-
 // Connects to 127.0.0.1:port in progress (SYN_SENT in /proc/net/tcp).
 int ConnectsInProgress(int port) {
   char remote[32];
@@ -440,10 +293,7 @@ TEST(SocketOpsTest, HangingConnectEndsAtTheLimitOrOnCancel) {
   net_io_test::Listener listener(0);
   int filler = cat::ConnectTcp("127.0.0.1", listener.port(), 0, nullptr);
   ASSERT_GE(filler, 0);
-  auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(-1, cat::ConnectTcp("127.0.0.1", listener.port(), 1, nullptr));
-  // Two empty 800 ms polls count 1.6 s >= 1 s: never sooner.
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
 
   // The flag is set once the connect is under way: unset, it would outlast ctest's limit.
   std::atomic<int> cancel{0};

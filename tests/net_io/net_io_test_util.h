@@ -69,26 +69,15 @@ inline std::string CertSignature(const std::string& cert) {
                     "' | sed '1,/Signature Value:/d' | tr -d ' \\n'");
 }
 
-// `openssl x509 -fingerprint -sha256` in lower case without colons.
-inline std::string CertFingerprint(const std::string& cert) {
-  return RunCommand("openssl x509 -noout -fingerprint -sha256 -in '" + cert +
-                    "' | cut -d= -f2 | tr -d ':\\n' | tr A-F a-f");
+// SHA-256 of a file, by the sha256sum tool.
+inline std::string Sha256Of(const std::string& path) {
+  return RunCommand("sha256sum < '" + path + "'").substr(0, 64);
 }
 
-// SHA-256 of bytes [offset, offset + length) of a file, by the sha256sum tool.
-inline std::string Sha256Of(const std::string& path, unsigned long long offset = 0,
-                            long long length = -1) {
-  std::string cmd = "tail -c +" + std::to_string(offset + 1) + " '" + path + "' 2>/dev/null";
-  if (length >= 0) cmd += " | head -c " + std::to_string(length);
-  return RunCommand(cmd + " | sha256sum").substr(0, 64);
-}
-
-// Byte `i` of an endless stream that names its own position: a misplaced byte shows.
-inline char PatternByte(uint64_t i) { return static_cast<char>(i >> (8 * (i % 8)) ^ i % 251); }
-
+// `n` bytes in which each names its own position: a misplaced byte shows.
 inline std::string Pattern(size_t n) {
   std::string s(n, '\0');
-  for (size_t i = 0; i < n; ++i) s[i] = PatternByte(i);
+  for (uint64_t i = 0; i < n; ++i) s[i] = static_cast<char>(i >> (8 * (i % 8)) ^ i % 251);
   return s;
 }
 

@@ -2,24 +2,21 @@
 """A simulated remote storage server for tests and the sandbox.
 
 Per request: an 8-byte header (magic 0x25521814, version 70, command, payload
-length; big-endian), then one request map. Commands 25 query_server_info, 17
-query_user_info, 22 encrypt_channel (then TLS with --cert/--key, not on --unix),
-any other N "cmd<N>".
+length; big-endian), then one request map.  Commands 25 query_server_info, 17
+query_user_info, 22 encrypt_channel (then TLS, not on --unix), N "cmd<N>".
+Listens on 127.0.0.1 at TCP --port (0: a free one, written to --ready FILE)
+and on the UNIX socket --unix PATH when given.
 
-Script (--script FILE, read again for every request):
+--script FILE, read again for every request:
     {"replies": {"query_user_info": {"uid": 1026}, "*": {}},
      "keep_alive": {"query_user_info": 2}, "keep_alive_every": 1.0,
      "close_after_header": ["query_server_info"], "tls": {"cert": PEM, "key": PEM}}
-replies: an action's reply ("*" for any other; else {}), {"$binary": TEXT} sent as a
-binary, {"$repeat": [VALUE, N]} as an array of N times VALUE; keep_alive: that many
-{"type": "keep_alive"} first, keep_alive_every seconds apart (default 0);
-close_after_header: no reply, the server ends its side after the header; tls: the
+a reply may hold {"$binary": TEXT} (sent as a file) and {"$repeat": [VALUE, N]}
+(an array of N times VALUE); keep-alives go first, that many, seconds apart;
+close_after_header: the server ends its side after the header; tls: the
 certificate (chain) and key of the TLS switch instead of --cert/--key.
-
-Record (--record FILE): a JSON line per request, {"command": 25, "tls": true, "unix":
+--record FILE: a JSON line per request, {"command": 25, "tls": true, "unix":
 false, "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
-Listens on 127.0.0.1 at TCP --port (0: a free one, written to --ready FILE) and
-on the UNIX socket --unix PATH when given. The wire codec is pstream.py.
 """
 
 import argparse

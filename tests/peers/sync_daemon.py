@@ -1,22 +1,10 @@
 #!/usr/bin/env python3
-"""A simulated sync daemon for tests and the sandbox.
-
-Listens on the sync daemon's command socket ($VESTA_ROOT/tmp/tarn.sock by
-default), reads one value per connection, records it and answers by a
-script.  Standard library only; the wire codec is tests/peers/pstream.py.
-
-Script (a JSON file, read again for every request):
-
-    {"replies": {"pause": {"error": "busy"}, "*": {"ack": "ok"}},
-     "close": ["resume"]}
-
-"replies": an action's reply ("*" for any other; else {}); actions in
-"close" get no reply, the connection is closed.
-
-Record (--record): one JSON line per request, {"request": value}.
-
-Usage: sync_daemon.py [--socket PATH] [--record FILE] [--script FILE]
-                      [--ready FILE]
+"""A simulated sync daemon for tests and the sandbox: listens on the sync
+daemon's command socket ($VESTA_ROOT/tmp/tarn.sock by default), reads one
+value per connection, records it (--record: a JSON line {"request": value})
+and answers by a script (--script, read again for every request):
+    {"replies": {"pause": {"error": "busy"}, "*": {"ack": "ok"}}, "close": ["resume"]}
+an action's reply ("*" for any other; else {}); actions in "close" get none.
 """
 
 import argparse

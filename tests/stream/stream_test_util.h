@@ -19,7 +19,8 @@
 inline std::string Hex(const std::string& text) {
   std::istringstream in(text);
   std::string out;
-  for (std::string byte; in >> byte;) out.push_back(static_cast<char>(std::stoi(byte, nullptr, 16)));
+  for (std::string byte; in >> byte;)
+    out.push_back(static_cast<char>(std::stoi(byte, nullptr, 16)));
   return out;
 }
 
@@ -40,24 +41,6 @@ inline int DecodeFromString(const std::string& bytes, PObject* value, PStream* s
   PStream local;
   std::istringstream in(bytes);
   return (stream != nullptr ? stream : &local)->Recv(&in, value);
-}
-
-// Encodes through a Channel on a socket pair; *bytes is what arrived.  For
-// values that fit in the socket buffers.
-inline int EncodeThroughChannel(const PObject& value, std::string* bytes) {
-  int sv[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return -100;
-  int rc;
-  {
-    Channel channel;
-    channel.Open(sv[0], false);
-    rc = PStream().Send(&channel, value);
-  }
-  bytes->clear();
-  char block[65536];
-  for (ssize_t n; (n = read(sv[1], block, sizeof(block))) > 0;) bytes->append(block, n);
-  close(sv[1]);
-  return rc;
 }
 
 // Decodes `bytes` arriving on a Channel whose peer then closes.  For inputs
