@@ -97,7 +97,7 @@ void MonitorDaemon::StatusThreadLoop() {
     }
     // One-second steps, so that a cleared flag is seen within a second even
     // when the SIGTERM arrived before the sleep began.
-    for (int32_t i = 0; i < period && status_thread_running.load(); ++i) sleep(1);
+    for (int32_t i = 0; i < period && status_thread_running.load(); ++i) PauseOneSecond();
     if (!status_thread_running.load()) break;
     UpdateStatus();
     EndFastMonitorIfDue(CurrentTime());
@@ -112,6 +112,8 @@ void MonitorDaemon::EndFastMonitorIfDue(int64_t now) {
 }
 
 int64_t MonitorDaemon::CurrentTime() const { return monitor::Now(); }
+
+void MonitorDaemon::PauseOneSecond() { sleep(1); }
 
 int MonitorDaemon::UpdateStatus() {
   PObject status;

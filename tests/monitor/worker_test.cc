@@ -1,12 +1,8 @@
-// The two worker threads of MonitorDaemon in-process, on a stepped clock.
-#include <signal.h>
+// The bodies of the two worker threads, run on the test's thread on a
+// stepped clock.
 #include <stdlib.h>
-#include <time.h>
 
-#include <chrono>
-#include <future>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -36,13 +32,11 @@ int64_t LastListed(MonitorDaemon* d, uint64_t conn_id) {
 class WorkerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    Daemon::SetSignalHandler(SIGTERM, Daemon::stop);  // SIGTERM wakes a worker
-    setenv("VESTA_ROOT", dir_.path().c_str(), 1);     // no sync daemon answers there
+    setenv("VESTA_ROOT", dir_.path().c_str(), 1);  // no sync daemon answers there
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
   }
   void TearDown() override {
     SystemDB::deinitialize();
-    Daemon::daemon_run.store(1);
     unsetenv("VESTA_ROOT");
   }
 
@@ -52,7 +46,10 @@ class WorkerTest : public ::testing::Test {
   LogCapture log_{dir_, "monitor_daemon=7\n"};
 };
 
-// Watches what the status passes hand to HandleError, on a clock the test sets.
+// Watches what the status passes hand to HandleError, on a clock the test
+// sets; the workers' pauses and clock reads are traced ("s" a second of
+// pause, "t" a clock read) and the status thread is stopped after `stop_after`
+// of them.
 class WatchedMonitor : public MonitorDaemon {
  public:
   int HandleError(const ConnectionEntry& connection, const SessionInfo& /*session*/, int code,
@@ -62,73 +59,86 @@ class WatchedMonitor : public MonitorDaemon {
     return 0;
   }
   int64_t CurrentTime() const override {
-    ++clock_reads;
+    Trace('t');
     return now;
+  }
+  void PauseOneSecond() override { Trace('s'); }
+
+  // Runs the status thread's body on the calling thread until `steps` have
+  // been traced; returns the trace.
+  std::string RunStatusThread(size_t steps) {
+    trace.clear();
+    stop_after = steps;
+    status_thread_running = true;
+    StatusThreadMain(this);
+    return trace;
   }
 
   std::atomic<int64_t> now{kJune2038};
-  mutable std::atomic<int> clock_reads{0};
   std::vector<int> errors;  // code * 10 + 1 when the previous record was given
+  mutable std::string trace;
+  size_t stop_after = 0;
+
+ private:
+  void Trace(char c) const {
+    trace += c;
+    if (trace.size() == stop_after) {
+      const_cast<WatchedMonitor*>(this)->status_thread_running = false;
+      const_cast<WatchedMonitor*>(this)->list_share_thread_running = false;
+    }
+  }
 };
 
-// Connection 1 as stored; DaemonStatus reports it unchanged but for `key`.
-const char kConnectionRow[] =
-    "DELETE FROM connection_table; INSERT INTO connection_table (id, conn_mode, "
-    "package_version, protocol_version, status) VALUES (1, 1, 10000, 70, 1);";
-
-PObject DaemonStatus(const std::string& status, const char* key = "", const PObject& value = {}) {
-  PObject c, reply;
-  c["connection_id"] = 1;
-  c["status"] = status;
-  c["connection_mode"] = 1;
-  c["package_version"] = 10000;
-  c["protocol_version"] = 70;
-  if (*key) c[key] = value;
-  reply["connection_list"].MutableArray().push_back(c);
-  return reply;
+// Between two passes (each reading the clock once: no sync daemon answers)
+// the status thread pauses exactly its period, in one-second steps that
+// end at once when its flag is cleared; a period of 0 means no pause.
+TEST_F(WorkerTest, StatusPassesArePausedByTheirPeriod) {
+  const struct {
+    int32_t period;
+    size_t steps;
+    const char* trace;
+  } kCases[] = {
+      {3, 12, "ssstssstssst"}, {1, 6, "ststst"}, {0, 3, "ttt"}, {3, 5, "sssts"},
+  };
+  for (const auto& c : kCases) {
+    WatchedMonitor d;
+    d.update_status_period = c.period;
+    EXPECT_EQ(c.trace, d.RunStatusThread(c.steps)) << c.period;
+  }
 }
 
-TEST_F(WorkerTest, ListsDueConnectionsAndStopsOnSigterm) {
-  Sql("INSERT INTO connection_table (id, session, status) VALUES (4, 's', 0);"
-      "INSERT INTO connection_table (id, session, status) VALUES (5, 's', 1);");
-  WatchedMonitor d;  // the clock stands in June 2038
-  d.update_status_period = 30;
-  ASSERT_EQ(0, d.StartWorkerThreads());
-  EXPECT_TRUE(d.status_thread_running && d.list_share_thread_running);
-  // Right after start every listable connection is due; status 1 never is.
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) == kJune2038; }));
-  EXPECT_EQ(0, LastListed(&d, 5));
-  // A second start leaves the running workers alone.
-  EXPECT_EQ(0, d.StartWorkerThreads());
-
-  // Listed again once the period has passed; "refresh_session" makes a
-  // listed connection due at once, which alone explains the last listing.
+// The share-listing thread builds its schedule from the database, lists
+// each due connection in schedule order (never one of status 1), and pauses
+// a second when none is due.
+TEST_F(WorkerTest, ListingThreadListsDueConnectionsInScheduleOrder) {
+  Sql("INSERT INTO connection_table (id, session, status) VALUES (5, 's', 1), (4, 's', 0),"
+      "(3, 's', 0);");
+  WatchedMonitor d;
   d.list_share_period = 3600;
-  d.now = kJune2038 + 3600;
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) == d.now; }));
-  d.now += 1;
+  d.stop_after = 6;  // two listings (a clock read to find, one to mark), then a pause
+  d.list_share_thread_running = true;
+  MonitorDaemon::ListShareThreadMain(&d);
+  EXPECT_EQ("ttttts", d.trace);
+  EXPECT_EQ((std::vector<int64_t>{0, kJune2038, kJune2038}),
+            (std::vector<int64_t>{LastListed(&d, 5), LastListed(&d, 4), LastListed(&d, 3)}));
+
+  // Due again once the period has passed; "refresh_session" makes a listed
+  // connection due at once; an id not in the schedule rebuilds it from the
+  // database, keeping the last-listed time of the connections that stay.
+  ListShareScheduleEntry due;
+  EXPECT_FALSE(d.FindDueConnection(kJune2038 + 3599, &due));
+  EXPECT_TRUE(d.FindDueConnection(kJune2038 + 3600, &due) && due.conn_id == 3);
   PObject refresh, reply;
   refresh["action"] = "refresh_session";
   refresh["conn_id"] = 4;
   EXPECT_EQ(0, d.Dispatch(refresh, &reply));
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) == d.now; }));
   EXPECT_TRUE(reply.IsNull());
-
-  // An id that is not scheduled rebuilds the schedule from the database,
-  // keeping the last-listed time of the connections that stay.
-  const int64_t listed = LastListed(&d, 4);
+  EXPECT_TRUE(d.FindDueConnection(kJune2038, &due) && due.conn_id == 4);
   Sql("INSERT INTO connection_table (id, session, status) VALUES (6, 's', 0);");
   refresh["conn_id"] = 6;
   d.Dispatch(refresh, &reply);
-  EXPECT_EQ(listed, LastListed(&d, 4));
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 6) > 0; }));
-
-  // Both workers end at once, although the status thread sleeps 30-s periods.
-  auto stopped = std::async(std::launch::async, [&d] { d.StopWorkerThreads(); });
-  EXPECT_EQ(std::future_status::ready, stopped.wait_for(std::chrono::seconds(3)));
-  stopped.wait();
-  EXPECT_FALSE(d.status_thread_running || d.list_share_thread_running);
-  d.StopWorkerThreads();  // harmless when stopped
+  EXPECT_EQ((std::vector<int64_t>{0, kJune2038, 0}),
+            (std::vector<int64_t>{LastListed(&d, 4), LastListed(&d, 3), LastListed(&d, 6)}));
 }
 
 TEST_F(WorkerTest, DueSearchFollowsScheduleOrder) {
@@ -157,21 +167,36 @@ TEST_F(WorkerTest, FastMonitorEndsAfterThirtySeconds) {
   EXPECT_EQ(30, d.disconnected_time_threadhold.load());
   EXPECT_EQ(kJune2038, d.fast_monitor_since.load());
 
-  // Status passes back to back on the test's clock, read once per pass (no
-  // sync daemon answers): on for 30 s, off one second later.
-  d.now = kJune2038 + 30;
-  d.disconnected_time_threadhold = 9;
+  // On for 30 s, off at the first pass after them.
   d.update_status_period = 0;
-  d.status_thread_running = true;
-  std::thread status(&MonitorDaemon::StatusThreadMain, static_cast<MonitorDaemon*>(&d));
-  EXPECT_TRUE(WaitFor([&] { return d.clock_reads.load() >= 3; }));  // a pass has ended
-  EXPECT_EQ(10, d.list_share_period.load());
+  d.disconnected_time_threadhold = 9;
+  d.now = kJune2038 + 30;
+  d.RunStatusThread(1);
+  EXPECT_EQ((std::vector<int64_t>{10, 9, kJune2038}),
+            (std::vector<int64_t>{d.list_share_period, d.disconnected_time_threadhold,
+                                  d.fast_monitor_since}));
   d.now = kJune2038 + 31;
-  EXPECT_TRUE(WaitFor([&] { return d.fast_monitor_since.load() == 0; }));
-  d.status_thread_running = false;
-  status.join();
-  EXPECT_EQ(300, d.list_share_period.load());
-  EXPECT_EQ(30, d.disconnected_time_threadhold.load());
+  d.RunStatusThread(1);
+  EXPECT_EQ((std::vector<int64_t>{300, 30, 0}),
+            (std::vector<int64_t>{d.list_share_period, d.disconnected_time_threadhold,
+                                  d.fast_monitor_since}));
+}
+
+// Connection 1 as stored; DaemonStatus reports it unchanged but for `key`.
+const char kConnectionRow[] =
+    "DELETE FROM connection_table; INSERT INTO connection_table (id, conn_mode, "
+    "package_version, protocol_version, status) VALUES (1, 1, 10000, 70, 1);";
+
+PObject DaemonStatus(const std::string& status, const char* key = "", const PObject& value = {}) {
+  PObject c, reply;
+  c["connection_id"] = 1;
+  c["status"] = status;
+  c["connection_mode"] = 1;
+  c["package_version"] = 10000;
+  c["protocol_version"] = 70;
+  if (*key) c[key] = value;
+  reply["connection_list"].MutableArray().push_back(c);
+  return reply;
 }
 
 TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
@@ -242,8 +267,6 @@ TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
       {"package_version", 9999, nullptr, false, 0, 161, 0},
       {"package_version", 9999, nullptr, true, 0, 220, 0},
       {"protocol_version", 69, nullptr, false, 0, 220, 0},
-      {"protocol_version", 70, nullptr, false, 0, 0, 2},
-      {"protocol_version", 79, nullptr, false, 0, 0, 2},
       {"protocol_version", 80, nullptr, false, 0, 230, 0},
       {"nx_id", 0, "OTHER", false, 5, 0, 0},
       {"server_ip", 0, "192.0.2.99", false, 0, 0, 2},  // written, then followed in the same pass
