@@ -117,7 +117,9 @@ void MonitorDaemon::PauseOneSecond() { sleep(1); }
 
 int MonitorDaemon::UpdateStatus() {
   PObject status;
-  if (GetStatus(&status) != 0) {
+  // A stop gives the query up: a sync daemon that never answers would
+  // otherwise hold the stop for the Channel's idle time-out.
+  if (GetStatus(&status, &daemon_run) != 0) {
     LOG_ERROR(kComponent, "failed to get daemon status");
     return -1;
   }
