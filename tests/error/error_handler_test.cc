@@ -97,11 +97,11 @@ class ErrorHandlerTest : public ::testing::Test {
       notes += (notes.empty() ? "" : ", ") + n["notify_id"].asString();
     }
     std::istringstream lines(log_.Take());
-    // An entry that runs on in the line of the one before it is cut off.
+    // An entry that runs on in the line of the one before it ends as "+".
     const std::regex next_entry(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d \(.*)");
     for (std::string line; std::getline(lines, line);) {
       if (line.rfind("ERROR ", 0) != 0) continue;
-      errors += (errors.empty() ? "" : ", ") + std::regex_replace(line.substr(6), next_entry, "");
+      errors += (errors.empty() ? "" : ", ") + std::regex_replace(line.substr(6), next_entry, "+");
     }
     return commands + " / " + notes + " / " + errors;
   }
@@ -173,10 +173,10 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
   } kCases[] = {
       // Builds below 10000 are not served.
       {"3000 to 4000", 3000, 4000, "", "nx1", 70, true, "-2|2|4000",
-       kResync + ", pause c1" + kChanged + "Server build number 4000 is too old"},
+       kResync + ", pause c1" + kChanged + "Server build number 4000 is too old+"},
       {"3500 to 4200", 3500, 4200, "", "nx1", 70, false, "-2|2|4200",
        "reload_connection c1, reload_session s1, pause c1" + kChanged +
-           "Server build number 4200 is too old"},
+           "Server build number 4200 is too old+"},
       {"10200 to 12500", 10200, 12500, "", "nx1", 70, false, "0|0|12500",
        "reload_connection c1, add_event s1/4, add_event s2/4 /  / "},
       {"12124 to 13000", 12124, 13000, "", "nx1", 70, false, "0|0|13000", "reload_connection c1 /  / "},

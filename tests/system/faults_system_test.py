@@ -98,12 +98,6 @@ class FailingDatabaseTest(unittest.TestCase):
         self.pid = box.start_and_wait()
         box.sql(ROWS % port)
 
-    def listed_until(self, predicate):
-        """Makes connection 1 due for listing until `predicate` holds (a
-        request during a listing is undone by its end)."""
-        refresh = {"action": "refresh_session", "conn_id": 1}
-        return mst.wait_for(lambda: self.box.request(refresh) or predicate(), limit=10, step=0.2)
-
     def commands(self):
         """What the sync daemon was told since the last call, status queries aside."""
         return [r for r in self.box.requests("sync_daemon", new=True)
@@ -150,7 +144,7 @@ class FailingDatabaseTest(unittest.TestCase):
                 if fault == "locked":
                     # The listing and the error handler each begin with a read,
                     # which waits; the lock is released once both are on it.
-                    self.assertTrue(self.listed_until(lambda: box.log_text()[log_from:].count(
+                    self.assertTrue(box.refresh_until(lambda: box.log_text()[log_from:].count(
                         "listing shared folders of connection 1")))
                     self.assertEqual({"ack": "ok"}, box.request(error))
                     locker.communicate("COMMIT;\n", timeout=20)
@@ -159,14 +153,14 @@ class FailingDatabaseTest(unittest.TestCase):
                     self.assertIsNone(box.request({"action": "next"}))
                     self.assertEqual("0|1", box.sql("SELECT error, status FROM session_table;"))
                     self.assertEqual([], self.commands())
-                    self.assertTrue(self.listed_until(lambda: listing in box.log_text()[log_from:]))
+                    self.assertTrue(box.refresh_until(lambda: listing in box.log_text()[log_from:]))
                     subprocess.run(["umount", self.dir] if fault == "read-only"
                                    else ["rm", filler], check=True)
                     self.assertEqual({"ack": "ok"}, box.request(error))
                 self.assertIsNone(box.request({"action": "next"}))
                 self.assertEqual("-3|3", box.sql("SELECT error, status FROM session_table;"))
                 self.assertEqual([{"action": "pause", "session_id": 1}], self.commands())
-                self.assertTrue(self.listed_until(
+                self.assertTrue(box.refresh_until(
                     lambda: box.sql("SELECT user_uid FROM connection_table;") == str(uid)))
                 self.assertEqual(errors, self.main_errors(log_from))
                 self.assertEqual("ok", box.sql("PRAGMA integrity_check;"))

@@ -46,19 +46,6 @@ def command(program, *args):
     return EMULATOR + [program] + list(args)
 
 
-def vm_rss_kib(pid, field="VmRSS"):
-    """The process's resident size (or another field of /proc/PID/status, such as
-    its peak VmHWM) in KiB."""
-    with open("/proc/%d/status" % pid) as f:
-        return int(next(line for line in f if line.startswith(field + ":")).split()[1])
-
-
-def sanitized_binary():
-    with open(BINARY, "rb") as f:
-        data = f.read()
-    return b"__asan_init" in data or b"__tsan_init" in data
-
-
 def main():
     global BINARY
     BINARY = os.path.abspath(sys.argv.pop(1))
@@ -142,6 +129,12 @@ class Sandbox:
             s.connect(self.socket)
             s.sendall(pstream.encode(value))
             return pstream.recv_value(s)
+
+    def refresh_until(self, predicate):
+        """Asks "refresh_session" for connection 1 until `predicate` holds (a
+        request during a listing is undone by the listing's end)."""
+        return wait_for(lambda: self.request({"action": "refresh_session", "conn_id": 1}) or
+                        predicate(), limit=10, step=0.2)
 
     def send_raw(self, data):
         """Sends `data`, closes our side; what came back (b"": dropped)."""
