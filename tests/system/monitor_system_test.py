@@ -4,13 +4,13 @@ in: a fresh VESTA_ROOT, the simulated peers of tests/peers beside it, and
 readers of what they wrote.
 Usage: monitor_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
+import contextlib
 import json
 import os
 import shlex
 import shutil
 import signal
 import socket
-import stat
 import subprocess
 import sys
 import tempfile
@@ -119,9 +119,6 @@ class Sandbox:
         except OSError:
             return ""
 
-    def files(self):
-        return {os.path.join(d, n) for d, _, names in os.walk(self.root) for n in names}
-
     def request(self, value, timeout=10):
         """Sends one value and returns the decoded reply."""
         with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
@@ -135,18 +132,6 @@ class Sandbox:
         request during a listing is undone by the listing's end)."""
         return wait_for(lambda: self.request({"action": "refresh_session", "conn_id": 1}) or
                         predicate(), limit=10, step=0.2)
-
-    def send_raw(self, data):
-        """Sends `data`, closes our side; what came back (b"": dropped)."""
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-            s.settimeout(20)
-            s.connect(self.socket)
-            try:
-                s.sendall(data)
-                s.shutdown(socket.SHUT_WR)
-                return s.recv(16)
-            except (ConnectionResetError, BrokenPipeError):
-                return b""  # closed with our bytes unread
 
     def start_peer(self, peer, *args):
         """Starts tests/peers/PEER.py answering from PEER.json (script())
@@ -210,9 +195,10 @@ class Sandbox:
         return pids
 
     def wait_gone(self, pid):
-        """(gone within 10 s, seconds it took)"""
+        """(gone within STOP_LIMIT, seconds it took): the daemon ends that
+        soon once told to stop."""
         t0 = time.monotonic()
-        gone = wait_for(lambda: pid not in self.daemons(), limit=10)
+        gone = wait_for(lambda: pid not in self.daemons(), limit=STOP_LIMIT)
         return gone, time.monotonic() - t0
 
     def mount(self, name, *options):
@@ -248,22 +234,15 @@ class MonitorTest(unittest.TestCase):
             with self.subTest(stop=how):
                 log_from = len(box.log_text())
                 pid = box.start_and_wait()
-                self.assertEqual(0o666, stat.S_IMODE(os.stat(box.socket).st_mode))
-                self.assertTrue(stat.S_ISSOCK(os.stat(box.socket).st_mode))
                 self.assertTrue(os.path.exists(box.db))
                 if how == "request":
-                    # An action is answered after it ran: the empty value.
-                    self.assertIsNone(box.request({"action": "stop"}))
+                    self.assertIsNone(box.request({"action": "stop"}))  # answered once it ran
                 else:
                     os.kill(pid, how)
-                gone, took = box.wait_gone(pid)
-                self.assertTrue(gone)
-                self.assertLess(took, STOP_LIMIT)
-                self.assertFalse(os.path.exists(box.socket))
-                self.assertFalse(os.path.exists(box.pid_file))
+                self.assertTrue(box.wait_gone(pid)[0])
+                self.assertFalse(os.path.exists(box.socket) or os.path.exists(box.pid_file))
                 log = box.log_text()[log_from:]
                 stops = log.find("monitor daemon stops receiving messages")
-                self.assertGreaterEqual(stops, 0, log)
                 self.assertGreater(log.find("SystemDB has been deinitialzed", stops), stops, log)
 
     def test_unbindable_socket_opens_nothing_and_removes_its_pid_file(self):
@@ -275,9 +254,7 @@ class MonitorTest(unittest.TestCase):
                                  in box.log_text()), box.log_text())
         self.assertTrue(wait_for(lambda: not os.path.exists(box.pid_file)))
         self.assertFalse(os.path.exists(box.db))
-        log = box.log_text()
-        self.assertNotIn("UpdateListShareConnections", log)
-        self.assertNotIn("failed to initialize system database", log)
+        self.assertNotIn("UpdateListShareConnections", box.log_text())
 
     def test_a_pid_file_naming_a_live_process_stops_the_start(self):
         box = self.box
@@ -297,7 +274,6 @@ class MonitorTest(unittest.TestCase):
                 running = box.daemons()
                 if starts:
                     running = [box.start_and_wait()]
-                    self.assertNotEqual(pid, running[0])
                 else:
                     self.assertEqual(0, box.start())
                 self.assertEqual(running, box.daemons())
@@ -311,12 +287,10 @@ class MonitorTest(unittest.TestCase):
         # Under a file-size limit the log already passes, every line fails
         # (EFBIG, no SIGXFSZ) and the daemon serves on.
         subprocess.run(["prlimit", "--pid", str(pid), "--fsize=1"], check=True)
-        acked = ({"notify": "error", "conn_id": 1, "sess_id": 0, "error_type": -18},
-                 {"notify": "share_hook", "share_name": "docs", "type": "x"},
-                 {"notify": "unknown"})
-        answered = ({"action": "unknown"}, {"action": "fast_monitor"},
-                    {"action": "refresh_session", "conn_id": 7}, {})
-        for request in acked + answered:
+        for request in ({"notify": "error", "conn_id": 1, "sess_id": 0, "error_type": -18},
+                        {"notify": "share_hook", "share_name": "docs", "type": "x"},
+                        {"notify": "unknown"}, {"action": "unknown"}, {"action": "fast_monitor"},
+                        {"action": "refresh_session", "conn_id": 7}, {}):
             with self.subTest(request=request):
                 self.assertEqual({"ack": "ok"} if "notify" in request else None,
                                  box.request(request))
@@ -346,44 +320,39 @@ class MonitorTest(unittest.TestCase):
     def test_bad_requests_are_dropped_and_the_next_one_served(self):
         box = self.box
         pid = box.start_and_wait()
-        # A file in a request: refused before any file is written (the
+        # A file in a request is refused before any file is written (the
         # daemon's working directory is "/").
-        before_files, before_root = box.files(), set(os.listdir("/"))
-        binary = b"\x42\x10\x00\x01f\x30" + (5).to_bytes(8, "big") + b"hello\x40"
-        self.assertEqual(b"", box.send_raw(binary))
+        before = set(os.listdir("/")), set(os.listdir(box.root))
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+            s.connect(box.socket)
+            s.sendall(b"\x42\x10\x00\x01f\x30" + (5).to_bytes(8, "big") + b"hello\x40")
+            s.settimeout(20)
+            self.assertEqual(b"", s.recv(16))
         self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
-        self.assertEqual(set(), box.files() - before_files)  # the log aside: it grows
-        self.assertEqual(set(), set(os.listdir("/")) - before_root)
+        self.assertEqual(before, (set(os.listdir("/")), set(os.listdir(box.root))))
 
         # A request that trickles in is cut off at its deadline (10 s), well
-        # before the request behind it gives up.
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as slow:
+        # before the request behind it gives up; a silent one holds up no stop.
+        with socket.socket(socket.AF_UNIX) as slow, socket.socket(socket.AF_UNIX) as silent:
             slow.connect(box.socket)
             slow.sendall(b"\x42\x10\xff\xff")  # a key announced 65,535 bytes long
             stop = threading.Event()
 
             def trickle():
-                while not stop.wait(0.5):
-                    try:
+                with contextlib.suppress(OSError):  # until cut off
+                    while not stop.wait(0.5):
                         slow.send(b"a")
-                    except OSError:
-                        return
             threading.Thread(target=trickle).start()
             try:
                 self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}, timeout=30))
             finally:
                 stop.set()
-
-        # A stop signal is not held up by a silent client.
-        opened = box.log_text().count("Channel: opening socket")
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as silent:
+            opened = box.log_text().count("Channel: opening socket")
             silent.connect(box.socket)
             self.assertTrue(wait_for(
                 lambda: box.log_text().count("Channel: opening socket") > opened))
             os.kill(pid, signal.SIGTERM)
-            gone, took = box.wait_gone(pid)
-        self.assertTrue(gone)
-        self.assertLess(took, STOP_LIMIT)
+            self.assertTrue(box.wait_gone(pid)[0])
 
 
 if __name__ == "__main__":

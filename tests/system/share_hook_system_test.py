@@ -110,7 +110,8 @@ class ShareHookTest(unittest.TestCase):
         self.box.sql("UPDATE session_table SET is_daemon_enable = 0 WHERE id = 2;")
         self.assertEqual([REMOVE, {"action": "unlink_connection", "connection_id": 1}],
                          self.hook("share_removed"))
-        self.assertEqual("0|3|0", self.box.sql("SELECT error, status, linked FROM connection_table"))
+        self.assertEqual("0|3|0",
+                         self.box.sql("SELECT error, status, linked FROM connection_table;"))
         self.assertEqual([], self.hook("encrypt", share="nobody"))
         self.assertRegex(self.box.log_text(), r"\[WARNING\] .*: no such session 'nobody'\n")
 
