@@ -139,47 +139,33 @@ TEST_F(WorkerTest, ListingThreadListsDueConnectionsInScheduleOrder) {
   d.Dispatch(refresh, &reply);
   EXPECT_EQ((std::vector<int64_t>{0, kJune2038, 0}),
             (std::vector<int64_t>{LastListed(&d, 4), LastListed(&d, 3), LastListed(&d, 6)}));
-}
-
-TEST_F(WorkerTest, DueSearchFollowsScheduleOrder) {
-  MonitorDaemon d;
-  d.list_share_period = 100;
-  d.list_share_schedule = {{1, 950, 0}, {2, 0, 1}, {3, 900, 0}, {4, 0, 0}};
-  ListShareScheduleEntry due;
-  EXPECT_TRUE(d.FindDueConnection(1000, &due) && due.conn_id == 3);  // 900 + 100 <= 1000
-  EXPECT_TRUE(d.FindDueConnection(1050, &due) && due.conn_id == 1);
-  d.list_share_schedule = {{2, 0, 1}};
-  EXPECT_FALSE(d.FindDueConnection(1000, &due));
   // A period near the top of the range does not wrap into "due".
   d.list_share_period = 2147483647;
   d.list_share_schedule = {{1, 1000, 0}};
   EXPECT_FALSE(d.FindDueConnection(2000, &due));
 }
 
+// "fast_monitor" lists every 10 s for 30 s: the first status pass after them
+// restores the periods.
 TEST_F(WorkerTest, FastMonitorEndsAfterThirtySeconds) {
   WatchedMonitor d;
   PObject request, reply;
   request["action"] = "fast_monitor";
-  d.list_share_period = 77;
   d.disconnected_time_threadhold = 9;
-  d.Dispatch(request, &reply);
-  EXPECT_EQ(10, d.list_share_period.load());
-  EXPECT_EQ(30, d.disconnected_time_threadhold.load());
-  EXPECT_EQ(kJune2038, d.fast_monitor_since.load());
-
-  // On for 30 s, off at the first pass after them.
   d.update_status_period = 0;
+  d.Dispatch(request, &reply);
+  auto state = [&d] {
+    return std::vector<int64_t>{d.list_share_period, d.disconnected_time_threadhold,
+                                d.fast_monitor_since};
+  };
+  EXPECT_EQ((std::vector<int64_t>{10, 30, kJune2038}), state());
   d.disconnected_time_threadhold = 9;
   d.now = kJune2038 + 30;
   d.RunStatusThread(1);
-  EXPECT_EQ((std::vector<int64_t>{10, 9, kJune2038}),
-            (std::vector<int64_t>{d.list_share_period, d.disconnected_time_threadhold,
-                                  d.fast_monitor_since}));
+  EXPECT_EQ((std::vector<int64_t>{10, 9, kJune2038}), state());
   d.now = kJune2038 + 31;
   d.RunStatusThread(1);
-  EXPECT_EQ((std::vector<int64_t>{300, 30, 0}),
-            (std::vector<int64_t>{d.list_share_period, d.disconnected_time_threadhold,
-                                  d.fast_monitor_since}));
+  EXPECT_EQ((std::vector<int64_t>{300, 30, 0}), state());
 }
 
 // Connection 1 as stored; DaemonStatus reports it unchanged but for `key`.
