@@ -80,14 +80,13 @@ class SystemDBTest : public ::testing::Test {
     return std::stoull(Sql("INSERT INTO " + table + " (" + columns + ") VALUES (" + values +
                            "); SELECT last_insert_rowid();"));
   }
-  uint64_t AddConnection(const std::string& nx_id, int conn_type) {
+  uint64_t AddConnection(const std::string& nx_id, int conn_type = 0) {
     return Insert("connection_table", "nx_id, conn_type, server_name",
                   "'" + nx_id + "', " + std::to_string(conn_type) + ", 'server-" + nx_id + "'");
   }
-  uint64_t AddSession(uint64_t conn_id, const std::string& remote_path,
-                      const std::string& sync_folder) {
+  uint64_t AddSession(uint64_t conn_id, const std::string& sync_folder) {
     return Insert("session_table", "conn_id, view_id, remote_path, sync_folder",
-                  std::to_string(conn_id) + ", 7, '" + remote_path + "', '" + sync_folder + "'");
+                  std::to_string(conn_id) + ", 7, '/docs/', '" + sync_folder + "'");
   }
 
   TempDir dir_;
@@ -104,31 +103,22 @@ TEST_F(SystemDBTest, SchemaSeedsOpeningAndReopening) {
             Sql(kSeeds));
   EXPECT_EQ("INFO SystemDB has been initialized with location '" + path_ + "'\n", opened_);
 
-  // A second open while open is a no-op; so is a second close.
-  sqlite3* handle = DB::m_db;
-  EXPECT_EQ(0, DB::initialize(dir_.File("other.sqlite")));
-  EXPECT_EQ(handle, DB::m_db);
-  EXPECT_NE(0, access(dir_.File("other.sqlite").c_str(), F_OK));
-  DB::deinitialize();
-  EXPECT_EQ(nullptr, DB::m_db);
-  EXPECT_EQ("", DB::m_system_db_path);
-  DB::deinitialize();
-  EXPECT_EQ("INFO SystemDB has been initialized (no-op)\nINFO SystemDB has been deinitialzed\n"
-            "INFO SystemDB has been deinitialzed (no-op)\n",
-            log_.Take());
-
-  // A failed open leaves it closed.
-  const std::string missing = dir_.File("missing/dir/system.sqlite");
+  // A second open while open is a no-op; so is a second close; a failed
+  // open leaves it closed.
   const std::string junk = dir_.Write("junk.sqlite", std::string(4096, 'x'));
   log_.ExpectEach({
-      {[&] { return DB::initialize(missing); }, -1,
-       "ERROR SystemDB: Failed to open database at '" + missing +
+      {[&] { return DB::initialize(junk); }, 0, "INFO SystemDB has been initialized (no-op)"},
+      {[&] { return DB::deinitialize(), DB::deinitialize(), 0; }, 0,
+       "INFO SystemDB has been deinitialzed\nINFO SystemDB has been deinitialzed (no-op)"},
+      {[&] { return DB::initialize(dir_.File("missing/system.sqlite")); }, -1,
+       "ERROR SystemDB: Failed to open database at '" + dir_.File("missing/system.sqlite") +
            "'. [14] unable to open database file"},
       {[&] { return DB::initialize(junk); }, -1,
        "ERROR SystemDB: Failed to initialize database at '" + junk +
            "'. [26] file is not a database\nERROR initialize fail file is not a database"},
   });
   EXPECT_EQ(nullptr, DB::m_db);
+  EXPECT_EQ("", DB::m_system_db_path);
 
   // A file of an older version (a table missing, its own seeds and rows):
   // opening adds what is missing and keeps what is there.
@@ -143,39 +133,13 @@ TEST_F(SystemDBTest, SchemaSeedsOpeningAndReopening) {
                                           "SELECT count(*) FROM backup_plan_table;"));
 }
 
-// Writes to a missing row (999) succeed and change nothing; reads of one fail.
-TEST_F(SystemDBTest, OneRowWritesAndReads) {
-  uint64_t conn = AddConnection("NX1", 0);
-  uint64_t sess = AddSession(conn, "/docs/", "/volume1/docs/");
-  for (int rc : {DB::setSessionStatus(sess, 3), DB::setSessionErr(sess, -7),
-                 DB::setConnectionStatus(conn, 2), DB::setConnectionErr(conn, -12),
-                 DB::setLinkByConnection(conn, 1), DB::setSessionEncryptionState(sess, 1, 0),
-                 DB::updateUserInfo(conn, 4294967295u, 100, false), DB::setSessionStatus(999, 1),
-                 DB::setConnectionErr(999, 1)}) {
-    EXPECT_EQ(0, rc);
-  }
-  EXPECT_EQ("3|-7|1|0|2|-12|1|4294967295|100|0",
-            Sql("SELECT s.status, s.error, s.is_encryption, s.is_mounted, c.status, c.error, "
-                "c.linked, c.user_uid, c.user_gid, c.user_is_admin FROM session_table s, "
-                "connection_table c"));
-  int ss = 0, se = 0, cs = 0, ce = 0;
-  ASSERT_EQ(0, DB::getSessionStatusAndErr(sess, &ss, &se, &cs, &ce));
-  EXPECT_EQ((std::vector<int>{3, -7, 2, -12}), (std::vector<int>{ss, se, cs, ce}));
-  uint64_t orphan = AddSession(555, "/x/", "/volume1/x/");  // its connection has no row
-  log_.ExpectEach({
-      {[&] { return DB::getSessionStatusAndErr(orphan, &ss, &se, &cs, &ce); }, -1,
-       "DEBUG cannnot get getSessionStatusAndErr " + std::to_string(orphan)},
-      {[&] { return DB::getSessionErr(999, &se); }, -1,
-       "WARNING cannnot get error code for session 999"},
-      {[&] { return DB::getConnectionErr(999, &ce); }, -1,
-       "WARNING cannnot get error code for connection 999"},
-  });
-}
-
-// Writes that SQLite refuses fail with their own line and SQLite's code.
-TEST_F(SystemDBTest, EveryOperationFailsWithItsOwnLine) {
-  uint64_t conn = AddConnection("NX1", 0);
-  uint64_t sess = AddSession(conn, "/docs/", "/volume1/docs/");
+// Writes that SQLite refuses fail with their own line and SQLite's code;
+// reads of a missing row or of a table gone under the open handle (found
+// when stepped, then when prepared) fail with theirs.
+TEST_F(SystemDBTest, EveryFailureHasItsOwnLine) {
+  uint64_t conn = AddConnection("NX1");
+  uint64_t sess = AddSession(conn, "/volume1/docs/");
+  uint64_t orphan = AddSession(555, "/volume1/x/");  // its connection has no row
   Sql("CREATE TRIGGER s BEFORE UPDATE ON session_table BEGIN SELECT RAISE(ABORT, 'frozen'); "
       "END; CREATE TRIGGER c BEFORE UPDATE ON connection_table BEGIN SELECT "
       "RAISE(ABORT, 'frozen'); END;");
@@ -185,6 +149,7 @@ TEST_F(SystemDBTest, EveryOperationFailsWithItsOwnLine) {
   e.nx_id = "NX1";
   SessionInfo s;
   ASSERT_EQ(0, DB::getSessionInfoBySessionID(sess, &s));
+  int a, b, c, d;
   log_.ExpectEach({
       {[&] { return DB::setSessionStatus(sess, 0); }, -1, "ERROR setSessionStatus" + f},
       {[&] { return DB::setConnectionStatus(conn, 0); }, -1, "ERROR setConnectionStatus" + f},
@@ -199,29 +164,44 @@ TEST_F(SystemDBTest, EveryOperationFailsWithItsOwnLine) {
       {[&] { return DB::updateConnectionEntry(&e, e.proxy, e.tunnel); }, -1,
        "ERROR updateConnectionEntry" + f},
       {[&] { return DB::updateSessionInfo(&s); }, -1, "ERROR updateSessionInfo" + f},
-  });
-
-  // A read whose table went away under the open handle: found when stepped,
-  // then when prepared.
-  Sql("ALTER TABLE connection_table RENAME TO c_old;");
-  int error = 0;
-  log_.ExpectEach({
+      {[&] { return DB::getSessionStatusAndErr(orphan, &a, &b, &c, &d); }, -1,
+       "DEBUG cannnot get getSessionStatusAndErr " + std::to_string(orphan)},
+      {[&] { return DB::getSessionErr(999, &a); }, -1,
+       "WARNING cannnot get error code for session 999"},
+      {[&] { return DB::getConnectionErr(999, &a); }, -1,
+       "WARNING cannnot get error code for connection 999"},
+      {[&] { return Sql("ALTER TABLE connection_table RENAME TO c_old;").size(); }, 0, ""},
       {[&] { return DB::getConnectionEntryByConnID(1, &e); }, -1,
        "ERROR sqlite3_step: [1] no such table: connection_table"},
       {[&] { return DB::getConnectionEntryByConnID(1, &e); }, -1,
        "ERROR getConnectionEntryByConnID: sqlite3_prepare_v2: no such table: connection_table (1)"},
-      {[&] { return DB::getConnectionErr(1, &error); }, -1,
+      {[&] { return DB::getConnectionErr(1, &a); }, -1,
        "ERROR sqlite3_prepare_v2: no such table: connection_table (1)"},
+      {[&] { return Sql("ALTER TABLE c_old RENAME TO connection_table;").size(); }, 0, ""},
+      {[&] { return DB::getConnectionErr(conn, &a); }, 0, ""},
   });
-  Sql("ALTER TABLE c_old RENAME TO connection_table;");
-  EXPECT_EQ(0, DB::getConnectionErr(conn, &error));
 }
 
-TEST_F(SystemDBTest, SessionPathsAndFlags) {
-  uint64_t conn = AddConnection("NX1", 0);
-  uint64_t docs = AddSession(conn, "/docs/", "");
+// Writes go to the rows named; the folders are stored with a trailing "/"
+// and read without; flags are stored as 1 and 0 and read, five as any
+// non-zero value, five as exactly 1.
+TEST_F(SystemDBTest, SessionRows) {
+  uint64_t conn = AddConnection("NX1");
+  uint64_t docs = AddSession(conn, "");
   uint64_t root = Insert("session_table", "conn_id, view_id, remote_path",
                          std::to_string(conn) + ", 8, '/'");
+  for (int rc : {DB::setSessionStatus(docs, 3), DB::setSessionErr(docs, -7),
+                 DB::setConnectionStatus(conn, 2), DB::setConnectionErr(conn, -12),
+                 DB::setLinkByConnection(conn, 1), DB::updateUserInfo(conn, 4294967295u, 100, 0),
+                 DB::setSessionStatus(999, 1)}) {
+    EXPECT_EQ(0, rc);
+  }
+  int ss = 0, se = 0, cs = 0, ce = 0;
+  ASSERT_EQ(0, DB::getSessionStatusAndErr(docs, &ss, &se, &cs, &ce));
+  EXPECT_EQ((std::vector<int>{3, -7, 2, -12}), (std::vector<int>{ss, se, cs, ce}));
+  EXPECT_EQ("1|4294967295|100|0",
+            Sql("SELECT linked, user_uid, user_gid, user_is_admin FROM connection_table"));
+
   SessionInfo s;
   s.conn_id = conn;
   s.view_id = 7;
@@ -234,9 +214,7 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   s.with_q9share = s.is_encryption = s.is_mounted = s.sync_temp_file = true;
   s.use_windows_cloud_file_api = s.is_shared_with_me = true;
   s.session_type = 2;
-  s.node_id = 99;  // not written: node_id is not one of the updated columns
   ASSERT_EQ(0, DB::updateSessionInfo(&s));
-  EXPECT_EQ(docs, s.id);
   SessionInfo r;
   r.conn_id = conn;
   r.view_id = 8;
@@ -244,11 +222,8 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
   r.sync_folder = "/volume2/b";
   r.rename_conflict = r.is_mounted = false;
   ASSERT_EQ(0, DB::updateSessionInfo(&r));
-  EXPECT_EQ(root, r.id);
-  EXPECT_EQ("DEBUG update row id " + std::to_string(docs) + "\nDEBUG update row id " +
-                std::to_string(root) + "\n",
-            log_.Take());
-  // Flags are stored as 1 and 0, what the other processes of the package read.
+  EXPECT_EQ((std::vector<uint64_t>{docs, root}), (std::vector<uint64_t>{s.id, r.id}));
+  EXPECT_EQ("DEBUG update row id 1\nDEBUG update row id 2\n", log_.Take());
   EXPECT_EQ("/volume1/a/|/docs/|it's|1|1|1|1|1|1|1|1|1|1\n/volume2/b/|/||0|0|0|0|0|0|0|0|0|0",
             Sql("SELECT sync_folder, remote_path, share_name, is_read_only, is_daemon_enable, "
                 "ignore_local_remove, rename_conflict, with_q9share, is_encryption, is_mounted, "
@@ -256,55 +231,48 @@ TEST_F(SystemDBTest, SessionPathsAndFlags) {
                 "session_table ORDER BY id;"));
   SessionInfo got;
   ASSERT_EQ(1, DB::getSessionInfoBySyncFolder("/volume1/a", &got));
-  s.node_id = 0;
   EXPECT_EQ(s, got);
-  ASSERT_EQ(0, DB::getSessionInfoBySessionID(root, &got));
-  EXPECT_EQ(r, got);
-
   // Not found: 0, and the record is left as the caller passed it.
   EXPECT_EQ(0, DB::getSessionInfoBySyncFolder("/volume9/none", &got));
   EXPECT_EQ(0, DB::getSessionInfoBySessionID(12345, &got));
+  EXPECT_EQ(s, got);
+  ASSERT_EQ(0, DB::getSessionInfoBySessionID(root, &got));
   EXPECT_EQ(r, got);
   got.remote_path = "/other";
   log_.ExpectEach({{[&] { return DB::updateSessionInfo(&got); }, -1,
                     "ERROR cannnot get id for last update session"}});
 
-  // Flags: five are true for any non-zero value, five only for 1.
   Sql("UPDATE session_table SET is_read_only = 2, is_daemon_enable = -1, ignore_local_remove = 5,"
       " rename_conflict = 2, with_q9share = 3, is_encryption = 2, is_mounted = 2, sync_temp_file"
       " = -1, use_windows_cloud_file_api = 2, is_shared_with_me = 7, sync_folder = "
-      "'C:\\data\\/\\', remote_path = '/a/b//' WHERE id = " + std::to_string(docs));
-  ASSERT_EQ(0, DB::getSessionInfoBySessionID(docs, &got));
+      "'C:\\data\\/\\', remote_path = '/a/b//' WHERE id = 1; UPDATE session_table SET "
+      "sync_folder = '//' WHERE id = 2;");
+  std::list<SessionInfo> list(1);
+  ASSERT_EQ(0, DB::getSessionListByConnectionID(&list, conn));
+  ASSERT_EQ(2u, list.size());
+  got = list.front();
   EXPECT_EQ((std::vector<bool>{true, true, true, true, true, false, false, false, false, false}),
             (std::vector<bool>{got.is_read_only, got.is_daemon_enable, got.ignore_local_remove,
                                got.rename_conflict, got.with_q9share, got.is_encryption,
                                got.is_mounted, got.sync_temp_file,
                                got.use_windows_cloud_file_api, got.is_shared_with_me}));
-  EXPECT_EQ("C:\\data /a/b", got.sync_folder + " " + got.remote_path);
   // A folder made only of separators is kept as it is.
-  Sql("UPDATE session_table SET sync_folder = '//' WHERE id = " + std::to_string(docs));
-  ASSERT_EQ(0, DB::getSessionInfoBySessionID(docs, &got));
-  EXPECT_EQ("//", got.sync_folder);
-
-  std::list<SessionInfo> list(1);
-  ASSERT_EQ(0, DB::getSessionListByConnectionID(&list, conn));
-  EXPECT_EQ((std::vector<uint64_t>{docs, root}),
-            (std::vector<uint64_t>{list.front().id, list.back().id}));
+  EXPECT_EQ("C:\\data /a/b //", got.sync_folder + " " + got.remote_path + " " +
+                                    list.back().sync_folder);
   ASSERT_EQ(0, DB::getSessionListByConnectionID(&list, conn + 100));
   EXPECT_TRUE(list.empty());
 }
 
-TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
+TEST_F(SystemDBTest, ConnectionRowsMatchOnNxIdAndType) {
   uint64_t first = AddConnection("NX1", 0);
   uint64_t second = AddConnection("NX1", 1);
   Sql("UPDATE connection_table SET hopgate_mode = 'relay', linked = 1, status = 2, error = -3, "
-      "username = 'bob', user_uid = 1026, user_gid = 100 WHERE id = " + std::to_string(second));
-
+      "username = 'bob', user_uid = 1026, user_gid = 100 WHERE id = 2");
   ConnectionEntry e = SampleConnection();
   ASSERT_EQ(0, DB::updateConnectionEntry(&e, e.proxy, e.tunnel));
   EXPECT_EQ(second, e.id);
-  EXPECT_EQ("DEBUG update conn id " + std::to_string(second) + "\n", log_.Take());
-  EXPECT_EQ(std::to_string(first) + "||server-NX1\n" + std::to_string(second) + "||o'brien's server",
+  EXPECT_EQ("DEBUG update conn id 2\n", log_.Take());
+  EXPECT_EQ("1||server-NX1\n2||o'brien's server",
             Sql("SELECT id, hopgate_mode, server_name FROM connection_table ORDER BY id"));
   ConnectionEntry got;
   got.resolved_address = "stale";
@@ -317,11 +285,9 @@ TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
   want.user_uid = 1026;
   want.user_gid = 100;
   EXPECT_EQ(want, got);  // resolved_address too: reset to ""
-  EXPECT_EQ("1|1|1|0|1|1",
-            Sql("SELECT use_ssl, ssl_allow_untrust, use_proxy, use_system_proxy, use_tunnel, "
-                "enable_shared_with_me FROM connection_table WHERE id = " +
-                std::to_string(second)));
-
+  EXPECT_EQ("1|1|1|0|1|1", Sql("SELECT use_ssl, ssl_allow_untrust, use_proxy, use_system_proxy, "
+                               "use_tunnel, enable_shared_with_me FROM connection_table WHERE "
+                               "id = 2"));
   // The proxy and tunnel given beside the entry are what is stored.
   ProxyInfo other_proxy;
   other_proxy.use_system_proxy = true;
@@ -339,20 +305,17 @@ TEST_F(SystemDBTest, ConnectionEntriesMatchOnNxIdAndType) {
                     "INFO connection 777 does not exit"}});
   EXPECT_EQ(before, Sql("SELECT * FROM connection_table ORDER BY id;"));
 
-  // Row reading: NULL texts become empty, ports keep their low 16 bits.
-  Sql("UPDATE connection_table SET server_ip = NULL, proxy_port = 70000, tunnel_port = 65537, "
-      "proxy_password = 'not base64!' WHERE id = " + std::to_string(first));
-  ASSERT_EQ(0, DB::getConnectionEntryByConnID(first, &got));
-  EXPECT_EQ("|4464|1|", got.server_ip + "|" + std::to_string(got.proxy.proxy_port) + "|" +
-                            std::to_string(got.tunnel.tunnel_port) + "|" +
-                            got.proxy.proxy_password);
-
-  // The list has every row, linked or not.
+  // NULL texts read as empty, ports keep their low 16 bits; the list has
+  // every row, linked or not.
+  Sql("UPDATE connection_table SET server_ip = NULL, proxy_port = 70000, tunnel_port = 65537 "
+      "WHERE id = 1");
   std::list<ConnectionEntry> all;
   ASSERT_EQ(0, DB::getLinkedConnectionEntryList(&all));
-  EXPECT_EQ((std::vector<uint64_t>{first, 0, second}),
-            (std::vector<uint64_t>{all.front().id, static_cast<uint64_t>(all.front().linked),
-                                   all.back().id}));
+  got = all.front();
+  EXPECT_EQ("|4464|1|0|2", got.server_ip + "|" + std::to_string(got.proxy.proxy_port) + "|" +
+                               std::to_string(got.tunnel.tunnel_port) + "|" +
+                               std::to_string(got.linked) + "|" + std::to_string(all.size()));
+  EXPECT_EQ(first, got.id);
 }
 
 TEST_F(SystemDBTest, GeneralOptionsAndServerViews) {
@@ -366,9 +329,9 @@ TEST_F(SystemDBTest, GeneralOptionsAndServerViews) {
   ASSERT_EQ(0, DB::getGeneralOptions(&o));
   // notification, icon overlay, filtered overlay, context menu, startup,
   // black-white icon, tutorial, sync mode, folder, machine, device
-  const GeneralOptions want{true, false, false, true, false, false, true, 3, "/volume1/x", "m-1",
-                            "d-2"};
-  EXPECT_EQ(want, o);
+  EXPECT_EQ((GeneralOptions{true, false, false, true, false, false, true, 3, "/volume1/x", "m-1",
+                            "d-2"}),
+            o);
 
   // view, node, name, privilege, version, privilege disabled, encrypted, mounted, q9share
   const ServerViewEntry a{1, 11, "it's mine", 3, 9, false, true, true, false};
@@ -385,16 +348,18 @@ TEST_F(SystemDBTest, GeneralOptionsAndServerViews) {
   EXPECT_EQ("2|12|5|0|photo|0|1|0|0|1\n" + b6, Sql(kViews));
   ASSERT_EQ(0, DB::replaceServerViews(5, {}));
   EXPECT_EQ(b6, Sql(kViews));
-  // A failing script leaves the views as they were and the handle usable.
+  // A failing script leaves the views as they were.
   Sql("CREATE TRIGGER no_bad BEFORE INSERT ON server_view_table WHEN NEW.name = 'bad' "
       "BEGIN SELECT RAISE(ABORT, 'refused'); END;");
   EXPECT_EQ(-1, DB::replaceServerViews(6, {{3, 0, "bad", 0, 0, false, false, true, false}}));
   EXPECT_EQ(0u, log_.Take().find("ERROR sqlite3_exec: Failed (19) refused, sql = BEGIN "
                                  "TRANSACTION;DELETE FROM server_view_table WHERE conn_id = 6;"));
   EXPECT_EQ(b6, Sql(kViews));
-  EXPECT_EQ(0, DB::replaceServerViews(7, {a}));
-  EXPECT_EQ("2", Sql("SELECT count(*) FROM server_view_table;"));
 }
+
+// The stored password against OpenSSL's own command line.  Blowfish's key
+// schedule repeats the key over its 72 bytes, so the 4-byte key 5c3a9e71
+// and the 16-byte key made of it four times are the same key.
 TEST_F(SystemDBTest, ProxyPasswordRoundTripAndCipherBytes) {
   for (const std::string& plain : {std::string(), std::string("p"), std::string("12345678"),
                                    std::string(100, '!'), std::string("ab\0cd", 5)}) {
@@ -406,10 +371,7 @@ TEST_F(SystemDBTest, ProxyPasswordRoundTripAndCipherBytes) {
     EXPECT_EQ(plain.size(), raw.size());  // CFB keeps the length
     EXPECT_TRUE(plain.empty() ? stored.empty() : plain != raw);
   }
-  // Through the table, then against OpenSSL's own command line.  Blowfish's
-  // key schedule repeats the key over its 72 bytes, so the 4-byte key
-  // 5c3a9e71 and the 16-byte key made of it four times are the same key.
-  uint64_t conn = AddConnection("NX9", 0);
+  uint64_t conn = AddConnection("NX9");
   ConnectionEntry e;
   e.nx_id = "NX9";
   e.proxy.proxy_password = "S3cret-proxy!";
@@ -459,7 +421,7 @@ TEST_F(SystemDBTest, UndecodablePasswordsAreKeptAsStored) {
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.stored + (row.changed != nullptr ? " -> changed" : ""));
     Sql("DELETE FROM connection_table;");
-    const uint64_t conn = AddConnection("NX7", 0);
+    const uint64_t conn = AddConnection("NX7");
     Sql("UPDATE connection_table SET proxy_password = '" + row.stored + "';");
     ConnectionEntry e;
     ASSERT_EQ(0, DB::getConnectionEntryByConnID(conn, &e));
@@ -482,8 +444,8 @@ TEST_F(SystemDBTest, FourThreadsOfMixedOperations) {
   constexpr int kThreads = 4, kOperations = 200;  // a multiple of the 5 kinds below
   uint64_t conn[kThreads], sess[kThreads];
   for (int t = 0; t < kThreads; ++t) {
-    conn[t] = AddConnection("T" + std::to_string(t), 0);
-    sess[t] = AddSession(conn[t], "/r/", "/volume1/t" + std::to_string(t) + "/");
+    conn[t] = AddConnection("T" + std::to_string(t));
+    sess[t] = AddSession(conn[t], "/volume1/t" + std::to_string(t) + "/");
   }
   std::atomic<int> failures{0};
   auto worker = [&](int t) {
@@ -525,7 +487,7 @@ TEST_F(SystemDBTest, FourThreadsOfMixedOperations) {
 // time-out (five minutes; shortened on the handle for the row that
 // outlasts it) and fails past it, logged, the handle still usable.
 TEST_F(SystemDBTest, AWriteWaitsForAnotherProcessesLock) {
-  const uint64_t sess = AddSession(AddConnection("NX1", 0), "/r/", "/volume1/r/");
+  const uint64_t sess = AddSession(AddConnection("NX1"), "/volume1/r/");
   const std::string held = dir_.File("held"), release = dir_.File("release");
   for (const bool past_time_out : {false, true}) {
     SCOPED_TRACE(past_time_out);
