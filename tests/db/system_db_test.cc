@@ -436,53 +436,6 @@ TEST_F(SystemDBTest, UndecodablePasswordsAreKeptAsStored) {
   }
 }
 
-// The operations interleave on one handle; each thread's own rows end as
-// its last writes left them.
-TEST_F(SystemDBTest, FourThreadsOfMixedOperations) {
-  ASSERT_EQ(SQLITE_OK, sqlite3_exec(DB::m_db, "PRAGMA synchronous = OFF;", nullptr, nullptr,
-                                    nullptr));
-  constexpr int kThreads = 4, kOperations = 200;  // a multiple of the 5 kinds below
-  uint64_t conn[kThreads], sess[kThreads];
-  for (int t = 0; t < kThreads; ++t) {
-    conn[t] = AddConnection("T" + std::to_string(t));
-    sess[t] = AddSession(conn[t], "/volume1/t" + std::to_string(t) + "/");
-  }
-  std::atomic<int> failures{0};
-  auto worker = [&](int t) {
-    for (int i = 0; i < kOperations; ++i) {
-      int rc = 0, ss, se, cs, ce;
-      SessionInfo s;
-      std::list<ConnectionEntry> all;
-      const ServerViewEntry v{static_cast<uint64_t>(i), 0, "v", 0, 0, false, false, true, false};
-      switch (i % 5) {
-        case 0: rc = DB::setSessionStatus(sess[t], i); break;
-        case 1:
-          rc = DB::getSessionStatusAndErr(sess[t], &ss, &se, &cs, &ce);
-          if (rc == 0 && ss != i - 1) rc = -1;
-          break;
-        case 2: rc = DB::replaceServerViews(conn[t], {v, v}); break;
-        case 3:
-          rc = DB::getSessionInfoBySyncFolder("/volume1/t" + std::to_string(t), &s);
-          rc = (rc == 1 && s.id == sess[t]) ? 0 : -1;
-          break;
-        default:
-          rc = DB::getLinkedConnectionEntryList(&all);
-          if (rc == 0 && all.size() != kThreads) rc = -1;
-          break;
-      }
-      if (rc != 0) ++failures;
-    }
-  };
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) threads.emplace_back(worker, t);
-  for (std::thread& th : threads) th.join();
-  EXPECT_EQ(0, failures.load());
-  EXPECT_EQ("195|1\n195|1\n195|1\n195|1\n4\nok",
-            Sql("SELECT s.status, (SELECT count(*) FROM server_view_table WHERE conn_id = "
-                "s.conn_id) FROM session_table s; SELECT count(*) FROM server_view_table; PRAGMA "
-                "integrity_check;"));
-}
-
 // Another process holds the write lock: a write waits for it within the busy
 // time-out (five minutes; shortened on the handle for the row that
 // outlasts it) and fails past it, logged, the handle still usable.

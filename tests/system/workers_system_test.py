@@ -51,27 +51,6 @@ class Workers(unittest.TestCase):
 class WorkersTest(Workers):
     """The status thread and the share-listing thread at work."""
 
-    def test_status_recovers_a_connection_and_follows_its_server(self):
-        box = self.box
-        row = "SELECT status, error, server_ip || ':' || server_port FROM connection_table;"
-        self.start()
-        box.sql(CONNECTION % ("192.0.2.10", 6690, 1, -1))
-        self.report(status="disconnected")
-        self.assertTrue(mst.wait_for(lambda: "Connection #1 has been added" in box.log_text()))
-        self.report(server_ip="192.0.2.99", server_port=6691, connection_mode=17)
-        self.assertTrue(mst.wait_for(lambda: box.sql(row) == "0|0|192.0.2.99:6691", limit=10),
-                        box.sql(row))
-        self.assertEqual("17|1", box.sql("SELECT conn_mode, use_proxy FROM connection_table;"))
-
-        # Another server behind the address: paused with -5, notified once.
-        self.report(server_ip="192.0.2.99", server_port=6691, nx_id="OTHER")
-        self.assertTrue(mst.wait_for(lambda: box.sql(row) == "2|-5|192.0.2.99:6691", limit=10),
-                        box.sql(row))
-        self.assertIn({"action": "pause", "connection_id": 1}, box.requests("sync_daemon"))
-        asked = len(box.requests("sync_daemon"))
-        self.assertTrue(mst.wait_for(lambda: len(box.requests("sync_daemon")) >= asked + 2))
-        self.assertEqual(["NXChange"], [n["notify_id"] for n in box.records("notifications")])
-
     def test_listing_brings_sessions_in_line_with_the_servers_views(self):
         box = self.box
         self.start("proto_ui_debug=7\nstream=7\n")
