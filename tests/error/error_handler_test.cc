@@ -82,8 +82,8 @@ class ErrorHandlerTest : public ::testing::Test {
 
   // What happened since the last call: the sync daemon's requests ("action
   // s<session>" or "action c<connection>"; an add_event with its number of
-  // keys), the notification identifiers and the texts of the ERROR lines
-  // logged; each list ", "-joined, the three " / "-joined.
+  // keys), the notification identifiers and the ERROR and CRIT lines logged
+  // (the ERROR level word left out); each list ", "-joined, the three " / "-joined.
   std::string Effects() {
     std::string commands, notes, errors;
     for (const Json::Value& r : peer_.TakeRequests()) {
@@ -100,8 +100,8 @@ class ErrorHandlerTest : public ::testing::Test {
     // An entry that runs on in the line of the one before it ends as "+".
     const std::regex next_entry(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d \(.*)");
     for (std::string line; std::getline(lines, line);) {
-      if (line.rfind("ERROR ", 0) != 0) continue;
-      errors += (errors.empty() ? "" : ", ") + std::regex_replace(line.substr(6), next_entry, "+");
+      if (line.rfind("ERROR ", 0) != 0 && line.rfind("CRIT ", 0) != 0) continue;
+      errors += (errors.empty() ? "" : ", ") + std::regex_replace(line.substr(line[0] == 'E' ? 6 : 0), next_entry, "+");
     }
     return commands + " / " + notes + " / " + errors;
   }
@@ -122,6 +122,7 @@ TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
   // error|status|linked, then the effects.
   const std::string kCases[][2] = {
       {"0", "0|1|1 0|0|1  /  / "},
+      {"12", "-11|0|1 0|0|1 remove_session s1 / LocalShareNotMounted / "},
       {"13", "0|1|1 -1|0|1  /  / "},
       {"17", "-14|0|0 0|3|0 remove_session s1, unlink_connection c1" + kUnknown + "17"},
       {"18", "-14|0|0 0|3|0 remove_session s1, unlink_connection c1" + kUnknown + "18"},

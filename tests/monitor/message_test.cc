@@ -14,15 +14,8 @@
 #include "stream/PObject.h"
 #include "stream/stream.h"
 #include "tests/common/shell.h"
-#include "tests/common/temp_dir.h"
 
 namespace {
-
-// The state letter of thread `tid` ('S' while it sleeps, as on a mutex).
-char ThreadState(pid_t tid) {
-  const std::string stat = ReadFile("/proc/self/task/" + std::to_string(tid) + "/stat");
-  return stat.size() > stat.rfind(')') + 2 ? stat[stat.rfind(')') + 2] : '?';
-}
 
 TEST(HandleMessage, NotificationAckedBeforeHandlerActionAnsweredAfter) {
   for (const bool notify : {true, false}) {

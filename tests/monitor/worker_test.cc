@@ -1,8 +1,13 @@
 // The bodies of the two worker threads, run on the test's thread on a
 // stepped clock.
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -219,22 +224,43 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
   EXPECT_TRUE(d.connection_status_list.empty() && d.server_view_cache.empty());
 }
 
-// A connection the daemon reports ahead of a known one joins the listing
-// schedule at once, like one reported after it.
-TEST_F(WorkerTest, ConnectionAddedAheadOfAKnownOneIsScheduled) {
-  Sql(std::string(kConnectionRow) +
-      "INSERT INTO connection_table (id, conn_mode, package_version, "
-      "protocol_version, status) VALUES (5, 1, 10000, 70, 0);");
+// Connections the daemon reports ahead of and after a known one join the
+// status list and the listing schedule at once.
+TEST_F(WorkerTest, ConnectionsAddedAroundAKnownOneAreScheduled) {
+  Sql(std::string(kConnectionRow) + "INSERT INTO connection_table (id, conn_mode, "
+      "package_version, protocol_version) VALUES (5, 1, 10000, 70), (7, 1, 10000, 70);");
   WatchedMonitor d;
   d.connection_status_list = {{5, 0, 0, 0}};
   PObject report = DaemonStatus("connected");
-  PObject five = report["connection_list"].AsArray()[0];
-  five["connection_id"] = 5;
-  report["connection_list"].MutableArray().push_back(five);
+  for (int64_t id : {5, 7}) {
+    PObject c = report["connection_list"].AsArray()[0];
+    c["connection_id"] = id;
+    report["connection_list"].MutableArray().push_back(c);
+  }
   EXPECT_EQ(0, d.UpdateStatusFrom(report));
-  // Both scheduled (-1 would be unknown), neither listed yet.
-  EXPECT_EQ(std::make_pair(int64_t{0}, int64_t{0}),
-            std::make_pair(LastListed(&d, 1), LastListed(&d, 5)));
+  EXPECT_EQ(3u, d.connection_status_list.size());
+  // Scheduled (-1 would be unknown), not listed yet.
+  EXPECT_EQ((std::vector<int64_t>{0, 0, 0}),
+            (std::vector<int64_t>{LastListed(&d, 1), LastListed(&d, 5), LastListed(&d, 7)}));
+}
+
+// The real second of pause lasts until a signal cuts it short, as SIGTERM
+// does for a stopping worker.
+TEST_F(WorkerTest, APauseLastsUntilASignalCutsItShort) {
+  ASSERT_EQ(0, Daemon::SetSignalHandler(SIGTERM, Daemon::stop));
+  std::atomic<pid_t> tid{0};
+  std::atomic<bool> done{false};
+  std::thread pause([&] {
+    tid = static_cast<pid_t>(syscall(SYS_gettid));
+    MonitorDaemon().MonitorDaemon::PauseOneSecond();
+    done = true;
+  });
+  EXPECT_TRUE(WaitFor([&] { return done || (tid != 0 && ThreadState(tid) == 'S'); }));
+  EXPECT_FALSE(done);
+  pthread_kill(pause.native_handle(), SIGTERM);
+  pause.join();
+  signal(SIGTERM, SIG_DFL);
+  Daemon::daemon_run = 1;
 }
 
 TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
@@ -256,6 +282,7 @@ TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
       {"protocol_version", 80, nullptr, false, 0, 230, 0},
       {"nx_id", 0, "OTHER", false, 5, 0, 0},
       {"server_ip", 0, "192.0.2.99", false, 0, 0, 2},  // written, then followed in the same pass
+      {"server_port", 6691, nullptr, false, 0, 0, 2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.key) + " " + (c.text ? c.text : std::to_string(c.number)));
