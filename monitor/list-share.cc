@@ -164,7 +164,7 @@ void MonitorDaemon::ListShareThreadLoop() {
   while (list_share_thread_running.load()) {
     ListShareScheduleEntry due;
     if (!FindDueConnection(CurrentTime(), &due)) {
-      sleep(1);
+      PauseOneSecond();
       continue;
     }
     if (ListShare(due) != 0) {

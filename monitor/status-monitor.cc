@@ -97,7 +97,7 @@ void MonitorDaemon::StatusThreadLoop() {
     }
     // One-second steps, so that a cleared flag is seen within a second even
     // when the SIGTERM arrived before the sleep began.
-    for (int32_t i = 0; i < period && status_thread_running.load(); ++i) sleep(1);
+    for (int32_t i = 0; i < period && status_thread_running.load(); ++i) PauseOneSecond();
     if (!status_thread_running.load()) break;
     UpdateStatus();
     EndFastMonitorIfDue(CurrentTime());
@@ -113,9 +113,13 @@ void MonitorDaemon::EndFastMonitorIfDue(int64_t now) {
 
 int64_t MonitorDaemon::CurrentTime() const { return monitor::Now(); }
 
+void MonitorDaemon::PauseOneSecond() { sleep(1); }
+
 int MonitorDaemon::UpdateStatus() {
   PObject status;
-  if (GetStatus(&status) != 0) {
+  // A stop gives the query up: a sync daemon that never answers would
+  // otherwise hold the stop for the Channel's idle time-out.
+  if (GetStatus(&status, &daemon_run) != 0) {
     LOG_ERROR(kComponent, "failed to get daemon status");
     return -1;
   }

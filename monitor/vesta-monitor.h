@@ -153,6 +153,11 @@ class MonitorDaemon : public Daemon {
   // Seconds since the epoch, as the workers read the clock.  Virtual so that
   // tests can step over the thresholds without waiting for them.
   virtual int64_t CurrentTime() const;
+  // One second of a worker's pause: the status thread pays its period in
+  // such steps, the share-listing thread waits one when nothing is due.
+  // SIGTERM sent to the thread cuts it short.  Virtual so that tests can
+  // count the pauses without waiting them.
+  virtual void PauseOneSecond();
 
   // Bodies of the two workers; `arg` is the MonitorDaemon.
   static void* StatusThreadMain(void* arg);

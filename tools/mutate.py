@@ -54,9 +54,10 @@ os.execvp(sys.argv[1], sys.argv[1:])
 # Area: gtest binaries (each brings all its ctest entries), tests run through
 # Python by ctest name, and what those need built.
 STREAM = ("stream_test pobject_test stream_file_test stream_memory_test ipc_test", "pstream_cross_check", "pstream_echo")
-DB = ("system_db_test filter_test error_handler_test", "error_system", DAEMON)
-ERROR = ("error_handler_test", "error_system", DAEMON)
-MONITOR = ("worker_test message_test", "monitor_system workers_system", DAEMON + " vesta-monitorctl")
+DB = ("system_db_test filter_test error_handler_test", "error_system faults_system", DAEMON)
+ERROR = ("error_handler_test", "error_system faults_system", DAEMON)
+MONITOR = ("worker_test message_test", "monitor_system workers_system faults_system",
+           DAEMON + " vesta-monitorctl")
 SHARES = ("share_test", "share_hook_system", DAEMON)
 AREAS = {"stream/stream.cc": STREAM, "stream/stream_read.cc": STREAM, "stream/stream_binary.cc": STREAM,
          "stream/stream_read_containers.cc": STREAM, "stream/PObject.cc": STREAM,

@@ -1,5 +1,6 @@
 // The real tools the tests compare against (openssl, sqlite3, sha256sum) and
-// the peers they talk to, run from a test, and a wait with a deadline.
+// the peers they talk to, run from a test, a wait with a deadline and a
+// thread's state.
 #ifndef VESTA_TESTS_COMMON_SHELL_H_
 #define VESTA_TESTS_COMMON_SHELL_H_
 
@@ -10,6 +11,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -45,6 +48,15 @@ template <typename Pred>
 bool WaitFor(Pred pred, int limit_ms = 10000) {
   for (int waited = 0; waited < limit_ms && !pred(); waited += 10) usleep(10000);
   return pred();
+}
+
+// The state letter of thread `tid` of this process ('S' while it sleeps: in
+// a pause, on a mutex); '?' when it has none.
+inline char ThreadState(pid_t tid) {
+  std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t end = stat.rfind(')');
+  return end != std::string::npos && end + 2 < stat.size() ? stat[end + 2] : '?';
 }
 
 // A file of the source tree, by its path from the root.

@@ -78,10 +78,14 @@ class PeerProcess {
   // The record entries written since the last call.
   std::vector<Json::Value> Take() { return TakeJsonLines(dir_.File("record.jsonl"), &taken_); }
 
-  // The requests received since the last call.
+  // The requests received since the last call; one the peer could not
+  // decode fails the test.
   std::vector<Json::Value> TakeRequests() {
     std::vector<Json::Value> out;
-    for (const Json::Value& entry : Take()) out.push_back(entry["request"]);
+    for (const Json::Value& entry : Take()) {
+      EXPECT_TRUE(entry.isMember("request")) << entry;
+      out.push_back(entry["request"]);
+    }
     return out;
   }
 

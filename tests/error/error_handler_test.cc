@@ -82,8 +82,8 @@ class ErrorHandlerTest : public ::testing::Test {
 
   // What happened since the last call: the sync daemon's requests ("action
   // s<session>" or "action c<connection>"; an add_event with its number of
-  // keys), the notification identifiers and the texts of the ERROR lines
-  // logged; each list ", "-joined, the three " / "-joined.
+  // keys), the notification identifiers and the ERROR and CRIT lines logged
+  // (the ERROR level word left out); each list ", "-joined, the three " / "-joined.
   std::string Effects() {
     std::string commands, notes, errors;
     for (const Json::Value& r : peer_.TakeRequests()) {
@@ -97,11 +97,11 @@ class ErrorHandlerTest : public ::testing::Test {
       notes += (notes.empty() ? "" : ", ") + n["notify_id"].asString();
     }
     std::istringstream lines(log_.Take());
-    // An entry that runs on in the line of the one before it is cut off.
+    // An entry that runs on in the line of the one before it ends as "+".
     const std::regex next_entry(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d \(.*)");
     for (std::string line; std::getline(lines, line);) {
-      if (line.rfind("ERROR ", 0) != 0) continue;
-      errors += (errors.empty() ? "" : ", ") + std::regex_replace(line.substr(6), next_entry, "");
+      if (line.rfind("ERROR ", 0) != 0 && line.rfind("CRIT ", 0) != 0) continue;
+      errors += (errors.empty() ? "" : ", ") + std::regex_replace(line.substr(line[0] == 'E' ? 6 : 0), next_entry, "+");
     }
     return commands + " / " + notes + " / " + errors;
   }
@@ -122,6 +122,7 @@ TEST_F(ErrorHandlerTest, CodesOnlyTheMonitorRaises) {
   // error|status|linked, then the effects.
   const std::string kCases[][2] = {
       {"0", "0|1|1 0|0|1  /  / "},
+      {"12", "-11|0|1 0|0|1 remove_session s1 / LocalShareNotMounted / "},
       {"13", "0|1|1 -1|0|1  /  / "},
       {"17", "-14|0|0 0|3|0 remove_session s1, unlink_connection c1" + kUnknown + "17"},
       {"18", "-14|0|0 0|3|0 remove_session s1, unlink_connection c1" + kUnknown + "18"},
@@ -173,10 +174,10 @@ TEST_F(ErrorHandlerTest, ServerChanges) {
   } kCases[] = {
       // Builds below 10000 are not served.
       {"3000 to 4000", 3000, 4000, "", "nx1", 70, true, "-2|2|4000",
-       kResync + ", pause c1" + kChanged + "Server build number 4000 is too old"},
+       kResync + ", pause c1" + kChanged + "Server build number 4000 is too old+"},
       {"3500 to 4200", 3500, 4200, "", "nx1", 70, false, "-2|2|4200",
        "reload_connection c1, reload_session s1, pause c1" + kChanged +
-           "Server build number 4200 is too old"},
+           "Server build number 4200 is too old+"},
       {"10200 to 12500", 10200, 12500, "", "nx1", 70, false, "0|0|12500",
        "reload_connection c1, add_event s1/4, add_event s2/4 /  / "},
       {"12124 to 13000", 12124, 13000, "", "nx1", 70, false, "0|0|13000", "reload_connection c1 /  / "},

@@ -1,6 +1,5 @@
-// The daemon's configuration file, pid file and signal words; detaching and
-// removing the pid file are left to the system tests.
-#include <signal.h>
+// The daemon's configuration file, pid file and allowed uids; detaching,
+// signals and removing the pid file are left to the system tests.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -143,30 +142,6 @@ TEST(AllowedUids, ListsAndRefusals) {
     EXPECT_EQ(c.result, MonitorDaemon::ParseAllowedUids(c.text, &uids)) << c.text;
     EXPECT_EQ(c.uids, uids) << c.text;
   }
-}
-
-TEST(Signals, HandlersChangeOnlyTheirWord) {
-  ASSERT_EQ(0, Daemon::SetSignalHandler(SIGUSR1, Daemon::increaseLogLevel));
-  ASSERT_EQ(0, Daemon::SetSignalHandler(SIGUSR2, Daemon::decreateLogLevel));
-  ASSERT_EQ(0, Daemon::SetSignalHandler(SIGTERM, Daemon::stop));
-  const struct {
-    int signo;
-    int level, run;  // after the signal
-  } kSteps[] = {
-      {SIGUSR2, 0, 1}, {SIGUSR1, 1, 1}, {SIGUSR1, 2, 1}, {SIGUSR2, 1, 1}, {SIGTERM, 1, 0}};
-  Daemon::log_level = 0;  // never below 0
-  Daemon::daemon_run = 1;
-  for (const auto& s : kSteps) {
-    raise(s.signo);
-    EXPECT_EQ(s.level, Daemon::log_level.load()) << s.signo;
-    EXPECT_EQ(s.run, Daemon::daemon_run.load()) << s.signo;
-  }
-  EXPECT_EQ(0, Daemon::IgnoreSignal(SIGTERM));
-  raise(SIGTERM);  // ignored: the test goes on
-
-  Daemon::daemon_run = 1;
-  Daemon::log_level = 3;
-  for (int signo : {SIGUSR1, SIGUSR2, SIGTERM}) signal(signo, SIG_DFL);
 }
 
 }  // namespace

@@ -1,10 +1,11 @@
-// The two worker threads of MonitorDaemon in-process, on a stepped clock.
+// The bodies of the two worker threads, run on the test's thread on a
+// stepped clock.
 #include <signal.h>
 #include <stdlib.h>
-#include <time.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <future>
+#include <atomic>
 #include <string>
 #include <thread>
 #include <utility>
@@ -36,13 +37,11 @@ int64_t LastListed(MonitorDaemon* d, uint64_t conn_id) {
 class WorkerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    Daemon::SetSignalHandler(SIGTERM, Daemon::stop);  // SIGTERM wakes a worker
-    setenv("VESTA_ROOT", dir_.path().c_str(), 1);     // no sync daemon answers there
+    setenv("VESTA_ROOT", dir_.path().c_str(), 1);  // no sync daemon answers there
     ASSERT_EQ(0, SystemDB::initialize(dir_.File("system.sqlite")));
   }
   void TearDown() override {
     SystemDB::deinitialize();
-    Daemon::daemon_run.store(1);
     unsetenv("VESTA_ROOT");
   }
 
@@ -52,7 +51,10 @@ class WorkerTest : public ::testing::Test {
   LogCapture log_{dir_, "monitor_daemon=7\n"};
 };
 
-// Watches what the status passes hand to HandleError, on a clock the test sets.
+// Watches what the status passes hand to HandleError, on a clock the test
+// sets; the workers' pauses and clock reads are traced ("s" a second of
+// pause, "t" a clock read) and the status thread is stopped after `stop_after`
+// of them.
 class WatchedMonitor : public MonitorDaemon {
  public:
   int HandleError(const ConnectionEntry& connection, const SessionInfo& /*session*/, int code,
@@ -62,14 +64,114 @@ class WatchedMonitor : public MonitorDaemon {
     return 0;
   }
   int64_t CurrentTime() const override {
-    ++clock_reads;
+    Trace('t');
     return now;
+  }
+  void PauseOneSecond() override { Trace('s'); }
+
+  // Runs the status thread's body on the calling thread until `steps` have
+  // been traced; returns the trace.
+  std::string RunStatusThread(size_t steps) {
+    trace.clear();
+    stop_after = steps;
+    status_thread_running = true;
+    StatusThreadMain(this);
+    return trace;
   }
 
   std::atomic<int64_t> now{kJune2038};
-  mutable std::atomic<int> clock_reads{0};
   std::vector<int> errors;  // code * 10 + 1 when the previous record was given
+  mutable std::string trace;
+  size_t stop_after = 0;
+
+ private:
+  void Trace(char c) const {
+    trace += c;
+    if (trace.size() == stop_after) {
+      const_cast<WatchedMonitor*>(this)->status_thread_running = false;
+      const_cast<WatchedMonitor*>(this)->list_share_thread_running = false;
+    }
+  }
 };
+
+// Between two passes (each reading the clock once: no sync daemon answers)
+// the status thread pauses exactly its period, in one-second steps that
+// end at once when its flag is cleared; a period of 0 means no pause.
+TEST_F(WorkerTest, StatusPassesArePausedByTheirPeriod) {
+  const struct {
+    int32_t period;
+    size_t steps;
+    const char* trace;
+  } kCases[] = {
+      {3, 12, "ssstssstssst"}, {1, 6, "ststst"}, {0, 3, "ttt"}, {3, 5, "sssts"},
+  };
+  for (const auto& c : kCases) {
+    WatchedMonitor d;
+    d.update_status_period = c.period;
+    EXPECT_EQ(c.trace, d.RunStatusThread(c.steps)) << c.period;
+  }
+}
+
+// The share-listing thread builds its schedule from the database, lists
+// each due connection in schedule order (never one of status 1), and pauses
+// a second when none is due.
+TEST_F(WorkerTest, ListingThreadListsDueConnectionsInScheduleOrder) {
+  Sql("INSERT INTO connection_table (id, session, status) VALUES (5, 's', 1), (4, 's', 0),"
+      "(3, 's', 0);");
+  WatchedMonitor d;
+  d.list_share_period = 3600;
+  d.stop_after = 6;  // two listings (a clock read to find, one to mark), then a pause
+  d.list_share_thread_running = true;
+  MonitorDaemon::ListShareThreadMain(&d);
+  EXPECT_EQ("ttttts", d.trace);
+  EXPECT_EQ((std::vector<int64_t>{0, kJune2038, kJune2038}),
+            (std::vector<int64_t>{LastListed(&d, 5), LastListed(&d, 4), LastListed(&d, 3)}));
+
+  // Due again once the period has passed; "refresh_session" makes a listed
+  // connection due at once; an id not in the schedule rebuilds it from the
+  // database, keeping the last-listed time of the connections that stay.
+  ListShareScheduleEntry due;
+  EXPECT_FALSE(d.FindDueConnection(kJune2038 + 3599, &due));
+  EXPECT_TRUE(d.FindDueConnection(kJune2038 + 3600, &due) && due.conn_id == 3);
+  PObject refresh, reply;
+  refresh["action"] = "refresh_session";
+  refresh["conn_id"] = 4;
+  EXPECT_EQ(0, d.Dispatch(refresh, &reply));
+  EXPECT_TRUE(reply.IsNull());
+  EXPECT_TRUE(d.FindDueConnection(kJune2038, &due) && due.conn_id == 4);
+  Sql("INSERT INTO connection_table (id, session, status) VALUES (6, 's', 0);");
+  refresh["conn_id"] = 6;
+  d.Dispatch(refresh, &reply);
+  EXPECT_EQ((std::vector<int64_t>{0, kJune2038, 0}),
+            (std::vector<int64_t>{LastListed(&d, 4), LastListed(&d, 3), LastListed(&d, 6)}));
+  // A period near the top of the range does not wrap into "due".
+  d.list_share_period = 2147483647;
+  d.list_share_schedule = {{1, 1000, 0}};
+  EXPECT_FALSE(d.FindDueConnection(2000, &due));
+}
+
+// "fast_monitor" lists every 10 s for 30 s: the first status pass after them
+// restores the periods.
+TEST_F(WorkerTest, FastMonitorEndsAfterThirtySeconds) {
+  WatchedMonitor d;
+  PObject request, reply;
+  request["action"] = "fast_monitor";
+  d.disconnected_time_threadhold = 9;
+  d.update_status_period = 0;
+  d.Dispatch(request, &reply);
+  auto state = [&d] {
+    return std::vector<int64_t>{d.list_share_period, d.disconnected_time_threadhold,
+                                d.fast_monitor_since};
+  };
+  EXPECT_EQ((std::vector<int64_t>{10, 30, kJune2038}), state());
+  d.disconnected_time_threadhold = 9;
+  d.now = kJune2038 + 30;
+  d.RunStatusThread(1);
+  EXPECT_EQ((std::vector<int64_t>{10, 9, kJune2038}), state());
+  d.now = kJune2038 + 31;
+  d.RunStatusThread(1);
+  EXPECT_EQ((std::vector<int64_t>{300, 30, 0}), state());
+}
 
 // Connection 1 as stored; DaemonStatus reports it unchanged but for `key`.
 const char kConnectionRow[] =
@@ -86,92 +188,6 @@ PObject DaemonStatus(const std::string& status, const char* key = "", const PObj
   if (*key) c[key] = value;
   reply["connection_list"].MutableArray().push_back(c);
   return reply;
-}
-
-TEST_F(WorkerTest, ListsDueConnectionsAndStopsOnSigterm) {
-  Sql("INSERT INTO connection_table (id, session, status) VALUES (4, 's', 0);"
-      "INSERT INTO connection_table (id, session, status) VALUES (5, 's', 1);");
-  WatchedMonitor d;  // the clock stands in June 2038
-  d.update_status_period = 30;
-  ASSERT_EQ(0, d.StartWorkerThreads());
-  EXPECT_TRUE(d.status_thread_running && d.list_share_thread_running);
-  // Right after start every listable connection is due; status 1 never is.
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) == kJune2038; }));
-  EXPECT_EQ(0, LastListed(&d, 5));
-  // A second start leaves the running workers alone.
-  EXPECT_EQ(0, d.StartWorkerThreads());
-
-  // Listed again once the period has passed; "refresh_session" makes a
-  // listed connection due at once, which alone explains the last listing.
-  d.list_share_period = 3600;
-  d.now = kJune2038 + 3600;
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) == d.now; }));
-  d.now += 1;
-  PObject refresh, reply;
-  refresh["action"] = "refresh_session";
-  refresh["conn_id"] = 4;
-  EXPECT_EQ(0, d.Dispatch(refresh, &reply));
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 4) == d.now; }));
-  EXPECT_TRUE(reply.IsNull());
-
-  // An id that is not scheduled rebuilds the schedule from the database,
-  // keeping the last-listed time of the connections that stay.
-  const int64_t listed = LastListed(&d, 4);
-  Sql("INSERT INTO connection_table (id, session, status) VALUES (6, 's', 0);");
-  refresh["conn_id"] = 6;
-  d.Dispatch(refresh, &reply);
-  EXPECT_EQ(listed, LastListed(&d, 4));
-  EXPECT_TRUE(WaitFor([&] { return LastListed(&d, 6) > 0; }));
-
-  // Both workers end at once, although the status thread sleeps 30-s periods.
-  auto stopped = std::async(std::launch::async, [&d] { d.StopWorkerThreads(); });
-  EXPECT_EQ(std::future_status::ready, stopped.wait_for(std::chrono::seconds(3)));
-  stopped.wait();
-  EXPECT_FALSE(d.status_thread_running || d.list_share_thread_running);
-  d.StopWorkerThreads();  // harmless when stopped
-}
-
-TEST_F(WorkerTest, DueSearchFollowsScheduleOrder) {
-  MonitorDaemon d;
-  d.list_share_period = 100;
-  d.list_share_schedule = {{1, 950, 0}, {2, 0, 1}, {3, 900, 0}, {4, 0, 0}};
-  ListShareScheduleEntry due;
-  EXPECT_TRUE(d.FindDueConnection(1000, &due) && due.conn_id == 3);  // 900 + 100 <= 1000
-  EXPECT_TRUE(d.FindDueConnection(1050, &due) && due.conn_id == 1);
-  d.list_share_schedule = {{2, 0, 1}};
-  EXPECT_FALSE(d.FindDueConnection(1000, &due));
-  // A period near the top of the range does not wrap into "due".
-  d.list_share_period = 2147483647;
-  d.list_share_schedule = {{1, 1000, 0}};
-  EXPECT_FALSE(d.FindDueConnection(2000, &due));
-}
-
-TEST_F(WorkerTest, FastMonitorEndsAfterThirtySeconds) {
-  WatchedMonitor d;
-  PObject request, reply;
-  request["action"] = "fast_monitor";
-  d.list_share_period = 77;
-  d.disconnected_time_threadhold = 9;
-  d.Dispatch(request, &reply);
-  EXPECT_EQ(10, d.list_share_period.load());
-  EXPECT_EQ(30, d.disconnected_time_threadhold.load());
-  EXPECT_EQ(kJune2038, d.fast_monitor_since.load());
-
-  // Status passes back to back on the test's clock, read once per pass (no
-  // sync daemon answers): on for 30 s, off one second later.
-  d.now = kJune2038 + 30;
-  d.disconnected_time_threadhold = 9;
-  d.update_status_period = 0;
-  d.status_thread_running = true;
-  std::thread status(&MonitorDaemon::StatusThreadMain, static_cast<MonitorDaemon*>(&d));
-  EXPECT_TRUE(WaitFor([&] { return d.clock_reads.load() >= 3; }));  // a pass has ended
-  EXPECT_EQ(10, d.list_share_period.load());
-  d.now = kJune2038 + 31;
-  EXPECT_TRUE(WaitFor([&] { return d.fast_monitor_since.load() == 0; }));
-  d.status_thread_running = false;
-  status.join();
-  EXPECT_EQ(300, d.list_share_period.load());
-  EXPECT_EQ(30, d.disconnected_time_threadhold.load());
 }
 
 TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
@@ -208,22 +224,43 @@ TEST_F(WorkerTest, StatusPassesFollowConnectingDisconnectedAndRecovered) {
   EXPECT_TRUE(d.connection_status_list.empty() && d.server_view_cache.empty());
 }
 
-// A connection the daemon reports ahead of a known one joins the listing
-// schedule at once, like one reported after it.
-TEST_F(WorkerTest, ConnectionAddedAheadOfAKnownOneIsScheduled) {
-  Sql(std::string(kConnectionRow) +
-      "INSERT INTO connection_table (id, conn_mode, package_version, "
-      "protocol_version, status) VALUES (5, 1, 10000, 70, 0);");
+// Connections the daemon reports ahead of and after a known one join the
+// status list and the listing schedule at once.
+TEST_F(WorkerTest, ConnectionsAddedAroundAKnownOneAreScheduled) {
+  Sql(std::string(kConnectionRow) + "INSERT INTO connection_table (id, conn_mode, "
+      "package_version, protocol_version) VALUES (5, 1, 10000, 70), (7, 1, 10000, 70);");
   WatchedMonitor d;
   d.connection_status_list = {{5, 0, 0, 0}};
   PObject report = DaemonStatus("connected");
-  PObject five = report["connection_list"].AsArray()[0];
-  five["connection_id"] = 5;
-  report["connection_list"].MutableArray().push_back(five);
+  for (int64_t id : {5, 7}) {
+    PObject c = report["connection_list"].AsArray()[0];
+    c["connection_id"] = id;
+    report["connection_list"].MutableArray().push_back(c);
+  }
   EXPECT_EQ(0, d.UpdateStatusFrom(report));
-  // Both scheduled (-1 would be unknown), neither listed yet.
-  EXPECT_EQ(std::make_pair(int64_t{0}, int64_t{0}),
-            std::make_pair(LastListed(&d, 1), LastListed(&d, 5)));
+  EXPECT_EQ(3u, d.connection_status_list.size());
+  // Scheduled (-1 would be unknown), not listed yet.
+  EXPECT_EQ((std::vector<int64_t>{0, 0, 0}),
+            (std::vector<int64_t>{LastListed(&d, 1), LastListed(&d, 5), LastListed(&d, 7)}));
+}
+
+// The real second of pause lasts until a signal cuts it short, as SIGTERM
+// does for a stopping worker.
+TEST_F(WorkerTest, APauseLastsUntilASignalCutsItShort) {
+  ASSERT_EQ(0, Daemon::SetSignalHandler(SIGTERM, Daemon::stop));
+  std::atomic<pid_t> tid{0};
+  std::atomic<bool> done{false};
+  std::thread pause([&] {
+    tid = static_cast<pid_t>(syscall(SYS_gettid));
+    MonitorDaemon().MonitorDaemon::PauseOneSecond();
+    done = true;
+  });
+  EXPECT_TRUE(WaitFor([&] { return done || (tid != 0 && ThreadState(tid) == 'S'); }));
+  EXPECT_FALSE(done);
+  pthread_kill(pause.native_handle(), SIGTERM);
+  pause.join();
+  signal(SIGTERM, SIG_DFL);
+  Daemon::daemon_run = 1;
 }
 
 TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
@@ -242,11 +279,10 @@ TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
       {"package_version", 9999, nullptr, false, 0, 161, 0},
       {"package_version", 9999, nullptr, true, 0, 220, 0},
       {"protocol_version", 69, nullptr, false, 0, 220, 0},
-      {"protocol_version", 70, nullptr, false, 0, 0, 2},
-      {"protocol_version", 79, nullptr, false, 0, 0, 2},
       {"protocol_version", 80, nullptr, false, 0, 230, 0},
       {"nx_id", 0, "OTHER", false, 5, 0, 0},
       {"server_ip", 0, "192.0.2.99", false, 0, 0, 2},  // written, then followed in the same pass
+      {"server_port", 6691, nullptr, false, 0, 0, 2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.key) + " " + (c.text ? c.text : std::to_string(c.number)));
