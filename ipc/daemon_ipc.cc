@@ -102,11 +102,9 @@ const char* PermModeName(int perm_mode) {
   return kNames[perm_mode];
 }
 
-int SendCommand(const std::string& socket_path, const PObject& request, PObject* reply,
-                const std::atomic<int32_t>* run) {
+int SendCommand(const std::string& socket_path, const PObject& request, PObject* reply) {
   // The sender disconnects in its destructor, on every way out.
   IPCSender sender;
-  sender.SetRunFlag(run);
   int rc = sender.Connect(socket_path);
   if (rc != 0) {
     LOG_ERROR(kComponent, "open domain socket fail[code=%d, path=%s]", rc, socket_path.c_str());
@@ -137,8 +135,8 @@ int SendCommand(const std::string& socket_path, const PObject& request, PObject*
   return 0;
 }
 
-int SendDaemonCommand(const PObject& request, PObject* reply, const std::atomic<int32_t>* run) {
-  return SendCommand(FixedPath(kDaemonSocketPath), request, reply, run);
+int SendDaemonCommand(const PObject& request, PObject* reply) {
+  return SendCommand(FixedPath(kDaemonSocketPath), request, reply);
 }
 
 int AddSession(const SessionInfo& session, const GeneralOptions& options, bool resume,
@@ -199,10 +197,10 @@ int UnlinkConnection(uint64_t connection_id) {
   return SendIdCommand("unlink_connection", "connection_id", connection_id);
 }
 
-int GetStatus(PObject* reply, const std::atomic<int32_t>* run) {
+int GetStatus(PObject* reply) {
   PObject request;
   request["action"] = std::string("get_status");
-  return SendDaemonCommand(request, reply, run);
+  return SendDaemonCommand(request, reply);
 }
 
 int ReloadConnection(const ConnectionEntry& connection) {

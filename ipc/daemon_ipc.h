@@ -7,9 +7,8 @@
 // functions keep no state and may be called from any thread at once (status
 // thread, share-listing thread, message loop, error handler).  Failures are
 // logged once at ERROR under `default_component` and reported as -1; there
-// is no retry and no time-out beyond the Channel's own.  A sync daemon that
-// accepts and never answers thus holds the calling thread for the Channel's
-// idle time-out.
+// is no retry.  Waits end with the Channel's time-out, or when the monitor
+// stops (IPCSender::m_run_flag).
 //
 // Reply rules: a reply holding "error" fails (even beside "ack" "ok"; the
 // error is logged as its text, or as its JSON rendering when no string); a
@@ -18,7 +17,6 @@
 #ifndef VESTA_IPC_DAEMON_IPC_H_
 #define VESTA_IPC_DAEMON_IPC_H_
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -30,14 +28,10 @@ class PObject;
 extern const char kDaemonSocketPath[];
 
 // Sends `request` to the socket at `socket_path` and reads one value into
-// `reply` (which holds whatever arrived, also on failure).  With `run`
-// (owned by the caller), every wait of the exchange ends, failing, once it
-// reads 0.  0 or -1.
-int SendCommand(const std::string& socket_path, const PObject& request, PObject* reply,
-                const std::atomic<int32_t>* run = nullptr);
+// `reply` (which holds whatever arrived, also on failure).  0 or -1.
+int SendCommand(const std::string& socket_path, const PObject& request, PObject* reply);
 // SendCommand to the sync daemon's socket.
-int SendDaemonCommand(const PObject& request, PObject* reply,
-                      const std::atomic<int32_t>* run = nullptr);
+int SendDaemonCommand(const PObject& request, PObject* reply);
 
 // Registers `session` with the daemon.  Creates the session's directory
 // (mode 0755) first and fails before sending anything when it cannot be a
@@ -51,10 +45,8 @@ int ResumeSession(uint64_t session_id);
 int RemoveWatchSession(uint64_t session_id);
 int PauseConnection(uint64_t connection_id);
 int UnlinkConnection(uint64_t connection_id);
-// The whole status reply ("connection_list" ...) is left in `reply`.  A
-// `run` flag reading 0 ends the wait (see SendCommand): a status query, unlike
-// a command, may be given up when the monitor stops.
-int GetStatus(PObject* reply, const std::atomic<int32_t>* run = nullptr);
+// The whole status reply ("connection_list" ...) is left in `reply`.
+int GetStatus(PObject* reply);
 int ReloadConnection(const ConnectionEntry& connection);
 int ReloadSessionFilter(uint64_t session_id);
 int ReloadSessionConflictPolicy(uint64_t session_id, const std::string& conflict_policy,

@@ -89,9 +89,6 @@ class IPCSender {
 
   // Connects to the UNIX socket at `path`.  0 or -1.
   int Connect(const std::string& path);
-  // Every wait from now on ends, failing, once `run` (owned by the caller,
-  // outliving the sender's use of it) reads 0; nullptr removes it.
-  void SetRunFlag(const std::atomic<int32_t>* run) { channel_.SetRunFlag(run); }
   // Closes the connection; harmless when not connected.
   void Disconnect();
 

@@ -119,7 +119,7 @@ int MonitorDaemon::UpdateStatus() {
   PObject status;
   // A stop gives the query up: a sync daemon that never answers would
   // otherwise hold the stop for the Channel's idle time-out.
-  if (GetStatus(&status, &daemon_run) != 0) {
+  if (GetStatus(&status) != 0) {
     LOG_ERROR(kComponent, "failed to get daemon status");
     return -1;
   }
