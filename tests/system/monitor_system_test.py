@@ -60,18 +60,13 @@ class Sandbox:
         self.root = tempfile.mkdtemp(prefix="vesta-sys-")
         self.volume = os.path.join(self.root, "volume1")
         os.makedirs(os.path.join(self.volume, "@FernboxTandem", "log"))
-        etc = os.path.join(self.root, "var/packages/Fernbox/etc/tandem")
-        os.makedirs(etc)
-        with open(os.path.join(etc, "service.conf"), "w") as f:
-            f.write("volume=%s\n" % self.volume)
         os.makedirs(os.path.join(self.root, "tmp"))
+        self.write("var/packages/Fernbox/etc/tandem/service.conf", "volume=%s\n" % self.volume)
         self.pid_file = os.path.join(self.root, "monitor.pid")
         self.db = os.path.join(self.root, "system.sqlite")
         self.socket = os.path.join(self.root, "monitor.sock")
-        self.levels = os.path.join(self.root, "levels")
-        with open(self.levels, "w") as f:
-            f.write("monitor_daemon=7\nipc=7\nsystem_db_debug=6\nchannel_debug=7\n"
-                    "error_handler=7\n")
+        self.levels = self.write("levels", "monitor_daemon=7\nipc=7\nsystem_db_debug=6\n"
+                                 "channel_debug=7\nerror_handler=7\n")
         self.conf = os.path.join(self.root, "monitor.conf")
         self.period = period
         self.write_conf()
@@ -81,12 +76,19 @@ class Sandbox:
         self.seen = {}
         self.daemon_env = {}  # further environment of the daemon alone
 
+    def write(self, name, text, mode="w"):
+        """Writes (mode "a": appends) `text` to `name` (below ROOT when relative),
+        its folder made; its path."""
+        path = os.path.join(self.root, name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, mode) as f:
+            f.write(text)
+        return path
+
     def write_conf(self):
-        with open(self.conf, "w") as f:
-            f.write("pid_file=%s\nsystem_db_path=%s\nsocket_path=%s\nlog_level_file=%s\n"
-                    "update_status_period=%d\nlist_share_period=%d\n"
-                    % (self.pid_file, self.db, self.socket, self.levels, self.period,
-                       self.period))
+        self.write("monitor.conf", "pid_file=%s\nsystem_db_path=%s\nsocket_path=%s\n"
+                   "log_level_file=%s\nupdate_status_period=%d\nlist_share_period=%d\n"
+                   % (self.pid_file, self.db, self.socket, self.levels, self.period, self.period))
 
     def env(self):
         return dict(os.environ, VESTA_ROOT=self.root)
@@ -269,8 +271,7 @@ class MonitorTest(unittest.TestCase):
             with self.subTest(named=named):
                 pid = {"unrelated": sleeper.pid, "ended": ended.pid}.get(named)
                 if pid:
-                    with open(box.pid_file, "w") as f:
-                        f.write("%d\n" % pid)
+                    box.write(box.pid_file, "%d\n" % pid)
                 running = box.daemons()
                 if starts:
                     running = [box.start_and_wait()]

@@ -80,8 +80,7 @@ class TrustTest(unittest.TestCase):
         self.assertEqual("null", self.request_as(NOBODY, {"action": "stop"})[0])
         self.assertTrue(box.wait_gone(pid)[0])
 
-        with open(box.conf, "a") as f:
-            f.write("socket_allowed_uids = 0\n")
+        box.write(box.conf, "socket_allowed_uids = 0\n", "a")
         pid = box.start_and_wait()
         reply, child = self.request_as(NOBODY, {"action": "stop"})
         self.assertEqual("dropped", reply)
@@ -94,8 +93,7 @@ class TrustTest(unittest.TestCase):
         self.assertTrue(box.wait_gone(pid)[0])
 
         # A value meant to restrict that does not parse never serves everyone.
-        with open(box.conf, "a") as f:
-            f.write("socket_allowed_uids = root\n")
+        box.write(box.conf, "socket_allowed_uids = root\n", "a")
         self.assertIn("socket_allowed_uids 'root' is not a list of numeric uids separated by "
                       "commas: refusing to start", self.run_refused())
 

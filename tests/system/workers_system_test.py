@@ -38,8 +38,7 @@ class Workers(unittest.TestCase):
 
     def start(self, levels=""):
         """Starts the daemon with these lines added to its level file; its pid."""
-        with open(self.box.levels, "a") as f:
-            f.write(levels)
+        self.box.write(self.box.levels, levels, "a")
         self.box.daemon_env = self.daemon_env
         return self.box.start_and_wait()
 
