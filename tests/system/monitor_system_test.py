@@ -203,6 +203,17 @@ class Sandbox:
         gone = wait_for(lambda: pid not in self.daemons(), limit=STOP_LIMIT)
         return gone, time.monotonic() - t0
 
+    def certificate(self, name):
+        """A self-signed certificate for CN nas.test made by openssl: (its file,
+        its key's file, its signature as hex text, as the database stores it)."""
+        cert, key = (os.path.join(self.root, name + ext) for ext in (".crt", ".key"))
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
+                        "-out", cert, "-days", "2", "-subj", "/CN=nas.test"],
+                       capture_output=True, check=True, timeout=60)
+        text = subprocess.run(["openssl", "x509", "-noout", "-text", "-in", cert],
+                              capture_output=True, text=True, check=True).stdout
+        return cert, key, "".join(text[text.rindex("Signature Value:") + 16:].split())
+
     def mount(self, name, *options):
         """A tmpfs (mount options `options`, e.g. "size=1m") at ROOT/name,
         unmounted by cleanup(); its path."""
