@@ -129,8 +129,6 @@ TEST_F(SystemDBTest, EveryFailureHasItsOwnLine) {
       {[&] { return DB::updateSessionInfo(&s); }, -1, "ERROR updateSessionInfo" + f},
       {[&] { return DB::getSessionStatusAndErr(orphan, &a, &b, &c, &d); }, -1,
        "DEBUG cannnot get getSessionStatusAndErr " + std::to_string(orphan)},
-      {[&] { return DB::getSessionErr(999, &a); }, -1,
-       "WARNING cannnot get error code for session 999"},
       {[&] { return DB::getConnectionErr(999, &a); }, -1,
        "WARNING cannnot get error code for connection 999"},
       {[&] { return Sql("ALTER TABLE connection_table RENAME TO c_old;").size(); }, 0, ""},
