@@ -269,9 +269,21 @@ TEST_F(SystemDBTest, ConnectionRowsMatchOnNxIdAndType) {
   EXPECT_EQ(first, got.id);
 }
 
-// The options (of which the daemon uses only sync_mode) are the share hooks'
-// system test's.
-TEST_F(SystemDBTest, ServerViewsAreReplacedPerConnection) {
+TEST_F(SystemDBTest, GeneralOptionsAndServerViews) {
+  Sql("INSERT INTO system_table VALUES ('enable_desktop_notification', '1'), ('enable_startup', "
+      "'2'), ('enable_iconoverlay', '0'), ('show_tutorial', '1'), ('sync_mode', '3'), "
+      "('open_folder', '/volume1/x'), ('machine_uuid', 'm-1'), ('device_uuid', 'd-2'), "
+      "('unrelated', 'zzz');");
+  GeneralOptions o;
+  o.enable_startup = true;
+  o.enable_context_menu = true;  // no row: kept
+  ASSERT_EQ(0, DB::getGeneralOptions(&o));
+  // notification, icon overlay, filtered overlay, context menu, startup,
+  // black-white icon, tutorial, sync mode, folder, machine, device
+  EXPECT_EQ((GeneralOptions{true, false, false, true, false, false, true, 3, "/volume1/x", "m-1",
+                            "d-2"}),
+            o);
+
   // view, node, name, privilege, version, privilege disabled, encrypted, mounted, q9share
   const ServerViewEntry a{1, 11, "it's mine", 3, 9, false, true, true, false};
   const ServerViewEntry b{2, 12, "photo", 0, 0, true, false, false, true};
