@@ -44,8 +44,8 @@ class DaemonIpcTest : public ::testing::Test {
   SyncDaemonPeer peer_{dir_};
 };
 
-// The session commands as the daemon receives them are the share hooks'
-// system test's; these are the others.
+// A session's pause, resume, remove, watch, filter reload and upload event,
+// as the daemon receives them, are the share hooks' system test's.
 TEST_F(DaemonIpcTest, CommandsAsTheDaemonReceivesThem) {
   EXPECT_EQ(0, PauseConnection(5));
   EXPECT_EQ(0, UnlinkConnection(0x8000000000000001ULL));  // travels as 8 bytes
