@@ -44,32 +44,22 @@ class DaemonIpcTest : public ::testing::Test {
   SyncDaemonPeer peer_{dir_};
 };
 
-TEST_F(DaemonIpcTest, EveryCommandAsTheDaemonReceivesIt) {
-  EXPECT_EQ(0, RemoveSession(1));
-  EXPECT_EQ(0, PauseSession(2));
-  EXPECT_EQ(0, ResumeSession(3));
-  EXPECT_EQ(0, RemoveWatchSession(4));
+// A session's pause, resume, remove, watch, filter reload and upload event,
+// as the daemon receives them, are the share hooks' system test's.
+TEST_F(DaemonIpcTest, CommandsAsTheDaemonReceivesThem) {
   EXPECT_EQ(0, PauseConnection(5));
   EXPECT_EQ(0, UnlinkConnection(0x8000000000000001ULL));  // travels as 8 bytes
-  EXPECT_EQ(0, ReloadSessionFilter(7));
   EXPECT_EQ(0, ReloadSessionConflictPolicy(8, "rename", true));
-  EXPECT_EQ(0, AddEvent(9, "upload", "/a b/c", true));
-  EXPECT_EQ(0, AddWatchSession(10, false));
+  EXPECT_EQ(0, AddEvent(9, "upload", "/a b/c", false));
   PObject status;
   EXPECT_EQ(0, GetStatus(&status));
   peer_.ExpectRequests({
-      R"({"action": "remove_session", "session_id": 1})",
-      R"({"action": "pause", "session_id": 2})",
-      R"({"action": "resume", "session_id": 3})",
-      R"({"action": "remove_watch_session", "session_id": 4})",
       R"({"action": "pause", "connection_id": 5})",
       R"({"action": "unlink_connection", "connection_id": -9223372036854775807})",
-      R"({"action": "reload_session", "session_id": 7, "do_reload_filter": 1})",
       R"({"action": "reload_session", "session_id": 8, "conflict_policy": "rename",
           "rename_conflict": 1})",
       R"({"action": "add_event", "session_id": 9, "type": "upload", "path": "/a b/c",
-          "is_dir": 1})",
-      R"({"action": "add_watch_session", "session_id": 10, "merge_mode": 0})",
+          "is_dir": 0})",
       R"({"action": "get_status"})",
   });
 }
@@ -115,17 +105,14 @@ TEST_F(DaemonIpcTest, AddSession) {
           "share_name": "team", "sync_direction": 2, "ignore_local_remove": 1,
           "conflict_policy": "compare_mtime", "rename_conflict": 0,
           "attribute_check_strength": 3, "with_q9share": 1})";
-  // Both flags: the three-way merge event and no resume.
+  // Both flags: the three-way merge event and no resume (the resume alone is
+  // the share hooks' system test's).
   EXPECT_EQ(0, AddSession(HomeSession(), options, true, true));
   struct stat st;
   ASSERT_EQ(0, stat(session_dir.c_str(), &st));
   EXPECT_EQ(S_IFDIR | 0755u, st.st_mode & (S_IFMT | 0777));
   peer_.ExpectRequests({add, R"({"action": "add_event", "session_id": 12,
                                  "type": "three_way_merge", "path": "/"})"});
-  // Resume alone; neither flag: only the add.
-  EXPECT_EQ(0, AddSession(HomeSession(), options, true, false));
-  EXPECT_EQ(0, AddSession(HomeSession(), options, false, false));
-  peer_.ExpectRequests({add, R"({"action": "resume", "session_id": 12})", add});
 
   // perm_mode names, outside the table ""; a named share's path is the
   // share hooks' system test.

@@ -5,7 +5,6 @@ Usage: error_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
 import os
 import socket
-import subprocess
 import sys
 import unittest
 
@@ -83,13 +82,7 @@ class ErrorNotificationTest(unittest.TestCase):
     def setUp(self):
         box = self.box = mst.Sandbox()
         self.addCleanup(box.cleanup)
-        key, cert = (os.path.join(box.root, n) for n in ("key.pem", "cert.pem"))
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
-                        "-out", cert, "-days", "2", "-subj", "/CN=nas.test"],
-                       capture_output=True, check=True, timeout=60)
-        text = subprocess.run(["openssl", "x509", "-noout", "-text", "-in", cert],
-                              capture_output=True, text=True, check=True).stdout
-        self.signature = "".join(text[text.rindex("Signature Value:") + 16:].split())
+        cert, key, self.signature = box.certificate("server")
         box.start_peer("sync_daemon")
         self.server_port = int(box.start_peer("remote_server", "--port", "0", "--cert", cert,
                                               "--key", key))

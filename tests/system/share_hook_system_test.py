@@ -32,7 +32,6 @@ class ShareHookTest(unittest.TestCase):
         self.folder = box.volume + "/docs"
         self.filter = box.volume + "/@FernboxTandem/session/1/conf/blacklist.filter"
         os.makedirs(os.path.dirname(self.filter))
-        os.makedirs(box.root + "/etc/vesta/shares")
         self.write_share("")
         box.start_and_wait()
         # Session 2 keeps connection 1 linked when session 1 is disabled.
@@ -43,8 +42,7 @@ class ShareHookTest(unittest.TestCase):
                 "INSERT INTO system_table VALUES ('sync_mode', '2');")
 
     def write_share(self, extra):
-        with open(self.box.root + "/etc/vesta/shares/docs.conf", "w") as f:
-            f.write("path=%s\n%s" % (self.folder, extra))
+        self.box.write("etc/vesta/shares/docs.conf", "path=%s\n%s" % (self.folder, extra))
 
     def hook(self, type_, result=0, share="docs"):
         """Sends one hook; the commands the sync daemon received for it."""

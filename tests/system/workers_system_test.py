@@ -6,7 +6,6 @@ import ctypes
 import glob
 import os
 import signal
-import subprocess
 import sys
 import unittest
 
@@ -38,8 +37,7 @@ class Workers(unittest.TestCase):
 
     def start(self, levels=""):
         """Starts the daemon with these lines added to its level file; its pid."""
-        with open(self.box.levels, "a") as f:
-            f.write(levels)
+        self.box.write(self.box.levels, levels, "a")
         self.box.daemon_env = self.daemon_env
         return self.box.start_and_wait()
 
@@ -108,25 +106,17 @@ class RemoteServerTest(Workers):
     def test_a_listing_goes_only_to_the_certificate_whose_signature_is_stored(self):
         box = self.box
         self.start()
-
-        def openssl(*args):
-            return subprocess.run(["openssl"] + list(args), cwd=box.root, check=True,
-                                  capture_output=True, text=True, timeout=60).stdout
-
-        for name in ("pinned", "other"):
-            openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", name + ".key",
-                    "-out", name + ".crt", "-days", "2", "-subj", "/CN=nas.test")
-        text = openssl("x509", "-noout", "-text", "-in", "pinned.crt")
-        signature = "".join(text[text.rindex("Signature Value:") + 16:].split())
+        certs = {name: box.certificate(name) for name in ("pinned", "other")}
         box.sql(CONNECTION % ("127.0.0.1", self.server_port, 0, 0) +
-                "UPDATE connection_table SET use_ssl = 1, ssl_signature = '%s';" % signature)
+                "UPDATE connection_table SET use_ssl = 1, ssl_signature = '%s';"
+                % certs["pinned"][2])
         refused = ("ListShare: list shared folder for connection #1 failed with error code -202"
                    " (channel error while converting SSL channel)")
         # The certificate the server presents, the commands it then receives.
         for cert, commands in (("pinned", [22, 17]), ("other", [22])):
             with self.subTest(cert=cert):
-                box.script("remote_server", {"tls": {"cert": os.path.join(box.root, cert + ".crt"),
-                                                     "key": os.path.join(box.root, cert + ".key")}})
+                cert_file, key_file, _ = certs[cert]
+                box.script("remote_server", {"tls": {"cert": cert_file, "key": key_file}})
                 asked, warned = len(box.records("remote_server")), box.log_text().count(refused)
                 self.assertTrue(box.refresh_until(
                     lambda: len(box.records("remote_server")) > asked))
