@@ -53,6 +53,17 @@ class TrustTest(unittest.TestCase):
         self.assertEqual([], box.daemons())
         return r.stderr
 
+    def test_a_link_at_the_pid_file_leaves_its_target_untouched(self):
+        box = self.box
+        target = os.path.join(box.root, "target")
+        with open(target, "w") as f:
+            f.write("kept\n")
+        os.symlink(target, box.pid_file)
+        self.assertIn("failed to become daemon", self.run_refused())
+        with open(target) as f:
+            self.assertEqual("kept\n", f.read())
+        self.assertTrue(os.path.islink(box.pid_file))
+
     def test_the_socket_gets_its_mode_without_a_chmod_by_path(self):
         # strace follows every child: the detached daemon's calls, or those an
         # emulator makes on its behalf, all land in the trace.
