@@ -4,6 +4,7 @@ closed port or at the simulated remote server with an openssl certificate.
 Usage: error_system_test.py PATH_TO_VESTA_MONITOR [unittest args]"""
 
 import os
+import signal
 import socket
 import sys
 import unittest
@@ -141,7 +142,18 @@ class ErrorNotificationTest(unittest.TestCase):
                     [r["command"], r["tls"], r["request"].get("server_id", {}).get("restore_id")]
                     for r in box.records("remote_server", new=True) if "request" in r])
                 for line in log:
-                    self.assertIn(line, box.log_text()[log_from:])
+                    self.assertRegex(box.log_text()[log_from:], line)
+
+    def test_a_stop_ends_the_main_threads_wait_on_a_server_that_keeps_it_alive(self):
+        box = self.box
+        self.reset({"server": 20000})
+        box.script("remote_server", {"keep_alive": {"query_server_info": 1000},
+                                     "keep_alive_every": 1})
+        box.request({"notify": "error", "conn_id": 1, "sess_id": 1, "error_type": -10})
+        self.assertTrue(mst.wait_for(lambda: box.requests("remote_server"), limit=10))
+        pid = box.pid()
+        os.kill(pid, signal.SIGTERM)
+        self.assertTrue(box.wait_gone(pid)[0])
 
 
 if __name__ == "__main__":

@@ -41,6 +41,12 @@ def wait_for(predicate, limit=5.0, step=0.02):
     return predicate()
 
 
+def run_openssl(*args):
+    """openssl's standard output, as bytes."""
+    return subprocess.run(["openssl"] + list(args), capture_output=True, check=True,
+                          timeout=60).stdout
+
+
 def command(program, *args):
     """The command line that runs the built `program` with `args`."""
     return EMULATOR + [program] + list(args)
@@ -207,11 +213,9 @@ class Sandbox:
         """A self-signed certificate for CN nas.test made by openssl: (its file,
         its key's file, its signature as hex text, as the database stores it)."""
         cert, key = (os.path.join(self.root, name + ext) for ext in (".crt", ".key"))
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
-                        "-out", cert, "-days", "2", "-subj", "/CN=nas.test"],
-                       capture_output=True, check=True, timeout=60)
-        text = subprocess.run(["openssl", "x509", "-noout", "-text", "-in", cert],
-                              capture_output=True, text=True, check=True).stdout
+        run_openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key, "-out", cert,
+                    "-days", "2", "-subj", "/CN=nas.test")
+        text = run_openssl("x509", "-noout", "-text", "-in", cert).decode()
         return cert, key, "".join(text[text.rindex("Signature Value:") + 16:].split())
 
     def mount(self, name, *options):

@@ -107,13 +107,21 @@ class RemoteServerTest(Workers):
         box = self.box
         self.start()
         certs = {name: box.certificate(name) for name in ("pinned", "other")}
+        # The other key's certificate carrying the pinned one's signature: a
+        # 2048-bit RSA signature is the last 256 bytes of the DER form.
+        der = {n: mst.run_openssl("x509", "-in", certs[n][0], "-outform", "DER")
+               for n in ("pinned", "other")}
+        box.write("forged.der", der["other"][:-256] + der["pinned"][-256:], "wb")
+        forged = os.path.join(box.root, "forged.crt")
+        mst.run_openssl("x509", "-inform", "DER", "-in", forged[:-4] + ".der", "-out", forged)
+        certs["forged"] = (forged, certs["other"][1], None)
         box.sql(CONNECTION % ("127.0.0.1", self.server_port, 0, 0) +
                 "UPDATE connection_table SET use_ssl = 1, ssl_signature = '%s';"
                 % certs["pinned"][2])
         refused = ("ListShare: list shared folder for connection #1 failed with error code -202"
                    " (channel error while converting SSL channel)")
         # The certificate the server presents, the commands it then receives.
-        for cert, commands in (("pinned", [22, 17]), ("other", [22])):
+        for cert, commands in (("pinned", [22, 17]), ("forged", [22]), ("other", [22])):
             with self.subTest(cert=cert):
                 cert_file, key_file, _ = certs[cert]
                 box.script("remote_server", {"tls": {"cert": cert_file, "key": key_file}})
@@ -125,6 +133,34 @@ class RemoteServerTest(Workers):
                     else len(box.records("remote_server")) >= asked + 2, limit=10))
                 self.assertEqual(commands,
                                  [r["command"] for r in box.records("remote_server")[asked:]])
+
+    def test_a_reply_of_millions_of_empty_arrays_is_refused_within_the_memory_cap(self):
+        box = self.box
+        pid = self.start()
+        box.sql(CONNECTION % ("127.0.0.1", self.server_port, 0, 0))
+        box.script("remote_server", {"replies": {"query_user_info": {
+            "view_list": {"$repeat": [[], 3000000]}}}})  # 6 MB on the wire
+        box.request({"action": "refresh_session", "conn_id": 1})
+        self.assertTrue(mst.wait_for(lambda: "failed with error code -301" in box.log_text(),
+                                     limit=60), box.log_text()[-2000:])
+        self.assertEqual({"ack": "ok"}, box.request({"notify": "x"}))
+        with open("/proc/%d/status" % pid) as f:
+            peak_kib = int(next(line for line in f if line.startswith("VmHWM:")).split()[1])
+        # An emulator's or a sanitizer's own memory would count in the peak.
+        with open(mst.BINARY, "rb") as f:
+            plain = not mst.EMULATOR and b"__asan_init" not in f.read()
+        if plain:
+            self.assertLess(peak_kib, 64 * 1024)
+
+    def test_a_too_old_build_leaves_its_line_open_for_the_next_entry(self):
+        box = self.box
+        self.start()
+        box.sql(CONNECTION % ("192.0.2.10", 6690, 0, 0))
+        self.report(package_version=9000)
+        self.assertTrue(mst.wait_for(lambda: box.sql("SELECT error, status FROM connection_table;")
+                                     == "-2|2", limit=10))
+        with open(box.log, "rb") as f:
+            self.assertRegex(f.read(), rb"Server build number 9000 is too old\d{4}-\d\d-\d\dT")
 
     def test_an_upgrade_cut_short_is_carried_out(self):
         """A re-sync takes the sessions out of the sync daemon, pauses 3 s and
