@@ -11,8 +11,8 @@ and on the UNIX socket --unix PATH when given.
     {"replies": {"query_user_info": {"uid": 1026}, "*": {}},
      "keep_alive": {"query_user_info": 2}, "keep_alive_every": 1.0,
      "close_after_header": ["query_server_info"], "tls": {"cert": PEM, "key": PEM}}
-a reply may hold {"$binary": TEXT} (sent as a file) and {"$repeat": [VALUE, N]}
-(an array of N times VALUE); keep-alives go first, that many, seconds apart;
+a reply may hold {"$binary": TEXT} (sent as a file); keep-alives go first,
+that many, seconds apart;
 close_after_header: the server ends its side after the header; tls: the
 certificate (chain) and key of the TLS switch instead of --cert/--key.
 --record FILE: a JSON line per request, {"command": 25, "tls": true, "unix":
@@ -43,10 +43,6 @@ def from_json(value):
     """A scripted reply as a wire value ({"$binary": TEXT} as a file)."""
     if isinstance(value, dict) and list(value) == ["$binary"]:
         return pstream.Binary(value["$binary"].encode("utf-8"))
-    if isinstance(value, dict) and list(value) == ["$repeat"]:
-        element, n = value["$repeat"]
-        return pstream.Raw(bytes([pstream.TAG_ARRAY]) + pstream.encode(from_json(element)) * n +
-                           bytes([pstream.TAG_END]))
     if isinstance(value, dict):
         return {k: from_json(v) for k, v in value.items()}
     return [from_json(v) for v in value] if isinstance(value, list) else value
