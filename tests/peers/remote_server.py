@@ -5,18 +5,16 @@ Per request: an 8-byte header (magic 0x25521814, version 70, command, payload
 length; big-endian), then one request map.  Commands 25 query_server_info, 17
 query_user_info, 22 encrypt_channel (then TLS, not on --unix), N "cmd<N>".
 Listens on 127.0.0.1 at TCP --port (0: a free one, written to --ready FILE)
-and on the UNIX socket --unix PATH when given.
-
---script FILE, read again for every request:
-    {"replies": {"query_user_info": {"uid": 1026}, "*": {}},
+and on the UNIX socket --unix PATH when given.  --script FILE, read again for
+every request:
+    {"replies": {"query_user_info": {"uid": 1026, "blob": {"$binary": TEXT}}, "*": {}},
      "keep_alive": {"query_user_info": 2}, "keep_alive_every": 1.0,
      "close_after_header": ["query_server_info"], "tls": {"cert": PEM, "key": PEM}}
-a reply may hold {"$binary": TEXT} (sent as a file); keep-alives go first,
-that many, seconds apart;
-close_after_header: the server ends its side after the header; tls: the
-certificate (chain) and key of the TLS switch instead of --cert/--key.
---record FILE: a JSON line per request, {"command": 25, "tls": true, "unix":
-false, "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
+($binary: sent as a file; keep-alives go first, that many, seconds apart;
+close_after_header: the server ends its side after the header; tls replaces
+--cert/--key for the TLS switch).  --record FILE: a JSON line per request,
+{"command": 25, "tls": true, "unix": false, "request": {...}}, else
+{"bad_header"|"bad_request"|"tls_error": TEXT}.
 """
 
 import argparse

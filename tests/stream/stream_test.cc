@@ -175,7 +175,8 @@ TEST(PStreamTest, AnnouncedLengthsCostOnlyWhatArrivesAndTheCapCountsMemory) {
   }
 
   // What a target already holds costs nothing more: 100 bytes into a buffer
-  // take one 112-byte chunk; a file resumed into a binary takes no memory.
+  // take one 112-byte chunk, as do the first four 24-byte elements of an
+  // array; a file resumed into a binary takes no memory.
   TempDir dir;
   const std::string hundred = Hex("20 00 00 00 64") + std::string(100, 'b');
   const std::string file = Hex("30 00 00 00 00 00 00 00 01") + "f";
@@ -187,6 +188,8 @@ TEST(PStreamTest, AnnouncedLengthsCostOnlyWhatArrivesAndTheCapCountsMemory) {
   } kTargets[] = {
       {Buffer("x"), hundred, 112, 0},
       {Buffer("x"), hundred, 111, -5},
+      {Array({}), Hex("41 00 00 40"), 112, 0},
+      {Array({}), Hex("41 00 00 40"), 111, -5},
       {PObject(PObject::binary_type{0, 0, dir.File("resumed")}), file, 1, 0},
   };
   for (const auto& t : kTargets) {
