@@ -45,7 +45,7 @@ class IPCTest : public ::testing::Test {
   const std::string path_ = dir_.File("monitor.sock");
 };
 
-TEST_F(IPCTest, ListenReplacesAStaleFileAndCloseRemovesTheSocket) {
+TEST_F(IPCTest, ListenReplacesAStaleFileAndTheEndRemovesTheSocket) {
   // A path past 107 bytes is bound under its first 107, where a stale file
   // is replaced too; a client reaches it there.
   std::string long_path = dir_.path() + "/";
@@ -67,33 +67,16 @@ TEST_F(IPCTest, ListenReplacesAStaleFileAndCloseRemovesTheSocket) {
     client.join();
   }  // the destructor removes the socket
   EXPECT_EQ("--", What(path_) + What(bound));
-
-  // A second Listen fails and leaves the first socket alone; Listen again
-  // after Close works.
-  IPCServer server;
-  ASSERT_EQ(0, server.Listen(path_, 8));
-  EXPECT_EQ(-1, server.Listen(dir_.File("other.sock"), 8));
-  EXPECT_EQ("- socket 666", What(dir_.File("other.sock")) + " " + What(path_));
-  server.Close();
-  EXPECT_EQ("-", What(path_));
-  EXPECT_EQ(-1, server.Accept());
-  EXPECT_EQ(0, server.WaitForConnection());
-  server.Close();  // harmless twice
-  EXPECT_EQ(0, server.Listen(path_, 1));
 }
 
 TEST_F(IPCTest, FailuresLeaveNothingBehindAndWaitsEnd) {
   IPCServer server;
-  EXPECT_EQ(-1, server.Listen("", 4));
   EXPECT_EQ(-1, server.Listen(dir_.File("no/such/dir/sock"), 4));
   EXPECT_TRUE(log_.Logged("ERROR bind: No such file or directory (2)"));
-  EXPECT_FALSE(server.IsListening());
   EXPECT_EQ(-1, server.Accept());
 
   IPCSender sender;
   EXPECT_EQ(-1, sender.Connect(dir_.File("nobody-listens")));
-  PObject reply;
-  EXPECT_EQ(-1, sender.SendRequest(PObject(1), true, &reply));
 
   // With nobody connecting, a wait ends empty.
   ASSERT_EQ(0, server.Listen(path_, 4));
