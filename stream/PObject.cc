@@ -166,7 +166,7 @@ void PObject::Release() {
       delete Pointer<map_type>();
       break;
     case kString:
-      if (slot_[kSlotSize - 1] != 0) free(Pointer<char>());
+      free(Pointer<char>());
       break;
     case kBinary:
       delete Pointer<binary_type>();

@@ -260,7 +260,8 @@ class PObject {
   bool OwnsMemory() const {
     return type_ != kNull && type_ != kInteger && (type_ != kString || slot_[kSlotSize - 1] != 0);
   }
-  // Frees what the slot owns; the code and the slot are left as they were.
+  // Frees what the slot owns, when OwnsMemory() holds; the code and the
+  // slot are left as they were.
   void Release();
 
   Type type_;                                // what the slot holds

@@ -116,9 +116,6 @@ int PStream::Finish(int rc) {
   depth_ = 0;
   ResetProgress();
   pending_length_ = 0;
-  channel_ = nullptr;
-  out_ = nullptr;
-  in_ = nullptr;
   return rc;
 }
 

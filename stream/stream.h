@@ -239,6 +239,7 @@ class PStream {
   int ReadString(PObject* target);
   int ReadBuffer(PObject* target);
   int ReadArray(PObject* target);
+  // A map key; the caller has made its tag visible.
   int ReadKey(std::string_view* key);
   int ReadMap(PObject* target);
   int ReadBinary(PObject* target);
@@ -256,6 +257,7 @@ class PStream {
 
   static constexpr size_t kStageSize = 16;
 
+  // Set by Begin for each conversation, and stale between them.
   Channel* channel_ = nullptr;     // the conversation's channel, or:
   std::ostream* out_ = nullptr;    // the output stream, or:
   std::istream* in_ = nullptr;     // the input stream (one of the three)

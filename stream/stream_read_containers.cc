@@ -60,14 +60,12 @@ int PStream::ReadArray(PObject* target) {
 }
 
 int PStream::ReadKey(std::string_view* key) {
-  int rc = Need(1);
-  if (rc != kOk) return rc;
   const uint8_t tag = *in_pos_++;
   if (tag != kTagString) {
     LOG_ERROR(kComponent, "PStream: expect string, but get tag %u", static_cast<unsigned>(tag));
     return kErrMalformed;
   }
-  rc = Need(2);
+  int rc = Need(2);
   if (rc != kOk) return rc;
   const size_t length = Channel::GetUInt16(in_pos_);
   in_pos_ += 2;

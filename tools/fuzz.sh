@@ -70,15 +70,11 @@ flock -u 9
 seeds="$root/tests/fuzz/corpus-$target"
 [ "$target" != pstream_fuzz ] || seeds="$root/tests/fuzz/corpus"
 # New inputs go to the build folder; the committed seeds stay as they are.
-# Received files go to a scratch folder of this run, removed afterwards.  The
-# target limits the size of every file it writes, so its output goes through
-# a pipe, never straight into a log file.
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-export PSTREAM_FUZZ_DIR="$build/files-$$"
 status="$build/status-$$"
 { "$build/$target" -max_total_time="$seconds" -rss_limit_mb=1024 -malloc_limit_mb=64 \
     -timeout=10 -close_fd_mask=3 -artifact_prefix="$build/$target-" -print_final_stats=1 \
     "$build/corpus-$target" "$seeds" 2>&1; echo $? > "$status"; } | cat
 rc=$(cat "$status")
-rm -rf "$PSTREAM_FUZZ_DIR" "$status"
+rm -f "$status"
 exit "$rc"

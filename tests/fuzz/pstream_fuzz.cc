@@ -1,13 +1,8 @@
 // libFuzzer target of the wire decoder (tools/fuzz.sh): each input decoded
 // from a standard stream, where a decoded value must trip again to the same
-// value and bytes; from a Channel as the daemon decodes every request and
-// reply (files refused, under a size cap); and from a Channel that stores
-// the files it meets.
-#include <dirent.h>
-#include <signal.h>
-#include <sys/resource.h>
+// value and bytes, and from a Channel as the daemon decodes every request
+// and reply (files refused, under a size cap).
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -57,32 +52,6 @@ void DecodeFromChannel(const uint8_t* data, size_t size, PStream* stream) {
   if (channel.Open(sv[0], false) == 0) stream->Recv(&channel, &value);
 }
 
-// Received files land here and nowhere else (tools/fuzz.sh names it);
-// emptied after every input.  Files may not grow past 1 MiB, so an announced
-// length never reserves real disk space.
-const std::string& Scratch() {
-  static const std::string dir = [] {
-    const char* named = getenv("PSTREAM_FUZZ_DIR");
-    std::string path = named != nullptr ? named : "pstream-fuzz-files";
-    mkdir(path.c_str(), 0755);
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit limit{1 << 20, 1 << 20};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    return path;
-  }();
-  return dir;
-}
-
-void EmptyScratch() {
-  DIR* d = opendir(Scratch().c_str());
-  if (d == nullptr) abort();
-  while (struct dirent* e = readdir(d)) {
-    std::string name = e->d_name;
-    if (name != "." && name != "..") unlink((Scratch() + "/" + name).c_str());
-  }
-  closedir(d);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -94,11 +63,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   guarded.SetRefuseBinaries(true);
   guarded.SetSizeCap(size * 8);
   DecodeFromChannel(data, size, &guarded);
-
-  PStream storing;
-  storing.SetBinaryDir(Scratch());
-  storing.SetDefaultHashAlgo("sha256");
-  DecodeFromChannel(data, size, &storing);
-  EmptyScratch();
   return 0;
 }

@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <future>
 #include <string>
 #include <thread>
 
@@ -47,7 +45,7 @@ class IPCTest : public ::testing::Test {
   const std::string path_ = dir_.File("monitor.sock");
 };
 
-TEST_F(IPCTest, ListenReplacesAStaleFileAndCloseRemovesTheSocket) {
+TEST_F(IPCTest, ListenReplacesAStaleFileAndTheEndRemovesTheSocket) {
   // A path past 107 bytes is bound under its first 107, where a stale file
   // is replaced too; a client reaches it there.
   std::string long_path = dir_.path() + "/";
@@ -69,33 +67,16 @@ TEST_F(IPCTest, ListenReplacesAStaleFileAndCloseRemovesTheSocket) {
     client.join();
   }  // the destructor removes the socket
   EXPECT_EQ("--", What(path_) + What(bound));
-
-  // A second Listen fails and leaves the first socket alone; Listen again
-  // after Close works.
-  IPCServer server;
-  ASSERT_EQ(0, server.Listen(path_, 8));
-  EXPECT_EQ(-1, server.Listen(dir_.File("other.sock"), 8));
-  EXPECT_EQ("- socket 666", What(dir_.File("other.sock")) + " " + What(path_));
-  server.Close();
-  EXPECT_EQ("-", What(path_));
-  EXPECT_EQ(-1, server.Accept());
-  EXPECT_EQ(0, server.WaitForConnection());
-  server.Close();  // harmless twice
-  EXPECT_EQ(0, server.Listen(path_, 1));
 }
 
 TEST_F(IPCTest, FailuresLeaveNothingBehindAndWaitsEnd) {
   IPCServer server;
-  EXPECT_EQ(-1, server.Listen("", 4));
   EXPECT_EQ(-1, server.Listen(dir_.File("no/such/dir/sock"), 4));
   EXPECT_TRUE(log_.Logged("ERROR bind: No such file or directory (2)"));
-  EXPECT_FALSE(server.IsListening());
   EXPECT_EQ(-1, server.Accept());
 
   IPCSender sender;
   EXPECT_EQ(-1, sender.Connect(dir_.File("nobody-listens")));
-  PObject reply;
-  EXPECT_EQ(-1, sender.SendRequest(PObject(1), true, &reply));
 
   // With nobody connecting, a wait ends empty.
   ASSERT_EQ(0, server.Listen(path_, 4));
@@ -116,33 +97,17 @@ TEST_F(IPCTest, AReplyCarryingAFileIsRefused) {
   serve.join();
 }
 
-// A stop ends an exchange with a silent sync daemon.  Once stopping, an
-// exchange with a live peer still goes through (a stopping daemon still
-// hands work back) and one with a silent peer is given up after the grace.
-TEST_F(IPCTest, AStopEndsExchangesWithASilentPeer) {
+// Once stopping, an exchange with a live peer still goes through (a
+// stopping daemon still hands work back) and one with a silent peer is
+// given up after the grace.  (A stop during an exchange with a silent sync
+// daemon is faults_system_test.py's.)
+TEST_F(IPCTest, WhileStoppingLivePeersAreAnsweredAndSilentOnesGivenUp) {
   IPCServer server;
   ASSERT_EQ(0, server.Listen(path_, 4));
-  static std::atomic<int32_t> run{1};
-  IPCSender::m_run_flag = &run;
+  static std::atomic<int32_t> stopping{0};
+  IPCSender::m_run_flag = &stopping;
   PObject request, reply;
   request["action"] = "get_status";
-
-  std::promise<void> asked;
-  std::future<void> sent = asked.get_future();
-  std::future<int> waiting = std::async(std::launch::async, [&] {
-    IPCSender sender;
-    if (sender.Connect(path_) != 0 || sender.Send(request) != 0) return -2;
-    asked.set_value();
-    return sender.Receive(&reply);
-  });
-  sent.wait();
-  ASSERT_EQ(1, server.WaitForConnection());
-  Channel silent;  // accepted, never answered
-  ASSERT_EQ(0, silent.Open(server.Accept(), false));
-  run = 0;
-  EXPECT_EQ(std::future_status::ready, waiting.wait_for(std::chrono::seconds(30)));
-  EXPECT_EQ(-1, waiting.get());
-
   std::thread live([&] { ServeOne(&server); });
   IPCSender late;
   ASSERT_EQ(0, late.Connect(path_));

@@ -1,11 +1,10 @@
 #!/bin/sh
 # Makes the certificates of the TLS tests in directory $1 with the openssl
 # tool: a CA; server.crt (CN server.test, subjectAltName DNS server.test,
-# DNS alt.example.org, IP 127.0.0.1) signed by it; wild.crt (CN and DNS
-# *.wild.test) signed by it; cnonly.crt (CN cn-only.test, no subjectAltName)
-# signed by it; the self-signed self.crt (CN self.test); and forged.crt, a
-# certificate of another key under a CA of the same name that carries
-# server.crt's signature bytes.
+# DNS alt.example.org, IP 127.0.0.1) signed by it; cnonly.crt (CN
+# cn-only.test, no subjectAltName) signed by it; the self-signed self.crt
+# (CN self.test); and forged.crt, a certificate of another key under a CA of
+# the same name that carries server.crt's signature bytes.
 set -e
 cd "$1"
 q() { "$@" >/dev/null 2>&1; }
@@ -26,7 +25,6 @@ sign() {
 }
 
 sign server "/CN=server.test" "DNS:server.test,DNS:alt.example.org,IP:127.0.0.1"
-sign wild "/CN=*.wild.test" "DNS:*.wild.test"
 sign cnonly "/CN=cn-only.test" ""
 
 q openssl req -x509 -newkey rsa:2048 -nodes -keyout self.key -out self.crt -days 2 \

@@ -1,5 +1,5 @@
-// The remote-server client against tests/peers/remote_server.py; certificate
-// signatures by openssl.
+// The remote-server client against tests/peers/remote_server.py.  (TLS and the
+// signature it reports are error_system_test.py's, the checks tls_test.cc's.)
 #include <time.h>
 
 #include <string>
@@ -9,28 +9,21 @@
 #include "json/json.h"
 #include "log/logger.h"
 #include "net/cat/controller.h"
-#include "net/channel.h"
 #include "net/proto-error.h"
 #include "net/proto-ui.h"
+#include "tests/common/shell.h"
 #include "tests/common/sync_daemon_peer.h"
 #include "tests/common/temp_dir.h"
-#include "tests/net_io/net_io_test_util.h"
 
 namespace {
-
-const char kAgent[] =
-    R"({"platform": "Stackbay", "type": "sync",
-        "version": {"major": 3, "minor": 0, "mini": 5, "build": 12700}})";
 
 class ProtoUITest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new TempDir();
     Logger::Init(Logger::kFile, dir_->File("test.log"), "", 50, 1);
-    certs_ok_ = net_io_test::MakeCerts(dir_->path());
     server_ = new PeerProcess(*dir_, "remote_server",
-                              {"--port", "0", "--unix", dir_->File("server.sock"), "--cert",
-                               dir_->File("server.crt"), "--key", dir_->File("server.key")});
+                              {"--port", "0", "--unix", dir_->File("server.sock")});
     port_ = atoi(server_->ready().c_str());
   }
   static void TearDownTestSuite() {
@@ -40,34 +33,18 @@ class ProtoUITest : public ::testing::Test {
   }
 
   void SetUp() override {
-    ASSERT_TRUE(certs_ok_ && server_->started() && port_ > 0);
+    ASSERT_TRUE(server_->started() && port_ > 0);
     server_->SetScript("{}");
     server_->Take();
   }
 
-  // `entry` came over TLS or a UNIX socket as said, its request is `want` with the
-  // agent once a `date` within a minute of now has been set to 0.
-  static void ExpectRequest(const Json::Value& entry, Json::Value want, bool tls = false,
-                            bool unix_socket = false) {
-    EXPECT_EQ(std::make_pair(tls, unix_socket),
-              std::make_pair(entry["tls"].asBool(), entry["unix"].asBool()));
-    want["agent"] = ParseJson(kAgent);
-    Json::Value got = entry["request"];
-    if (got.isMember("@proto")) {
-      EXPECT_NEAR(got["@proto"]["date"].asInt64(), time(nullptr), 60);
-      got["@proto"]["date"] = 0;
-    }
-    EXPECT_EQ(want.toStyledString(), got.toStyledString());
-  }
-
-  static void Connect(ProtoUI* ui, bool tls = false) {
+  static void Connect(ProtoUI* ui) {
     ui->SetServer("127.0.0.1", port_);
-    ui->SetSsl(tls, false, "", "");
+    ui->SetSsl(false, false, "", "");
   }
 
   inline static TempDir* dir_ = nullptr;
   inline static PeerProcess* server_ = nullptr;
-  inline static bool certs_ok_ = false;
   inline static int port_ = 0;
 };
 
@@ -84,57 +61,18 @@ TEST_F(ProtoUITest, LoginAsTheServerReceivesIt) {
     EXPECT_EQ(0, ui.QueryUserInfo(&info, true));
     std::vector<Json::Value> got = server_->Take();
     ASSERT_EQ(1u, got.size());
-    ExpectRequest(got[0], ParseJson(R"({"action": "query_user_info", "get_view": 1,
+    EXPECT_EQ(unix_socket, got[0]["unix"].asBool());
+    // The date is within a minute of now.
+    Json::Value request = got[0]["request"];
+    EXPECT_NEAR(request["@proto"]["date"].asInt64(), time(nullptr), 60);
+    request["@proto"]["date"] = 0;
+    Json::Value want = ParseJson(R"({"action": "query_user_info", "get_view": 1,
         "server_id": {"restore_id": "R"}, "session": "S",
         "@proto": {"type": "header", "date": 0, "version": {"major": 7, "minor": 0},
-                   "body-continue": 0}})"),
-                  false, unix_socket);
-  }
-}
-
-TEST_F(ProtoUITest, TlsSignatureAndChecks) {
-  const std::string signature = net_io_test::CertSignature(dir_->File("server.crt"));
-  ProtoUI ui;
-  Connect(&ui, true);
-  server_->SetScript(R"({"replies": {"query_server_info": {"server_id": "S1", "host_name": "nas",
-             "package_version": {"major": 3, "minor": 1, "build": 12800},
-             "kos": {"major": 7, "unique": "U"}}}})");
-  std::string got_signature;
-  ASSERT_EQ(0, ui.QuerySslSignature(&got_signature));
-  EXPECT_EQ(signature, got_signature);
-  std::vector<Json::Value> got = server_->Take();
-  ASSERT_EQ(2u, got.size());
-  ExpectRequest(got[0], ParseJson(R"({"action": "encrypt_channel"})"));
-  ExpectRequest(got[1], ParseJson(R"({"action": "query_server_info", "get_all": 1,
-      "@proto": {"type": "header", "date": 0, "version": {"major": 7, "minor": 0},
-                 "body-continue": 0}})"),
-                true);
-
-  ServerInfo info;
-  ASSERT_EQ(0, ui.QueryServerInfo(&info));
-  EXPECT_EQ(std::make_tuple(12800, 7, std::string("U"), std::string("nas")),
-            std::make_tuple(info.package_build, info.kos_major, info.kos_unique, info.host_name));
-
-  Channel::SetCAPath(dir_->File("ca.crt"));
-  const struct {
-    bool verify_host;
-    const char* host;
-    std::string expected_signature;
-    const char* outcome;  // result, code, reason
-  } kCases[] = {
-      {true, "server.test", "", "0 0 "},
-      {true, "wrong.test", "", "-1 -201 channel error while converting SSL channel"},
-      {false, "", signature, "0 0 "},
-      {false, "", "00:11", "-1 -202 channel error while converting SSL channel"},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.host + c.expected_signature);
-    ProtoUI check;
-    check.SetServer("127.0.0.1", port_);
-    check.SetSsl(true, c.verify_host, c.host, c.expected_signature);
-    const int rc = check.QuerySslSignature(&got_signature);
-    EXPECT_EQ(c.outcome, std::to_string(rc) + " " + std::to_string(check.GetErrorCode()) + " " +
-                             check.GetErrorReason());
+                   "body-continue": 0},
+        "agent": {"platform": "Stackbay", "type": "sync",
+                  "version": {"major": 3, "minor": 0, "mini": 5, "build": 12700}}})");
+    EXPECT_EQ(want.toStyledString(), request.toStyledString());
   }
 }
 
@@ -228,22 +166,6 @@ TEST_F(ProtoUITest, FailuresAndOddReplies) {
                              std::to_string(server_->Take().size()) + " " + ui.GetErrorReason());
   }
   EXPECT_EQ(listing, RunCommand("ls -A / ."));
-
-  server_->SetScript(R"({"keep_alive": {"query_user_info": 2}, "replies": {"query_user_info":
-      {"uid": 1026, "is_admin_group": 1, "enable_chat_notification": 0, "view_list": [
-       {"view_id": 7, "name": "team", "privilege": "read-write", "version": 3},
-       {"view_id": 8, "node_id": 80, "privilege": "read-only", "is_encryption": 1},
-       {"view_id": 9, "privilege": "none"}]}}})");
-  Connect(&ui);
-  ui.SetSession("S");
-  ASSERT_EQ(0, ui.QueryUserInfo(&info, true));  // after two keep-alive replies
-  EXPECT_EQ(std::make_tuple(1026, true, -1, 0),
-            std::make_tuple(info.uid, info.is_admin_group, info.enable_email_notification,
-                            info.enable_chat_notification));
-  const std::vector<ViewInfo> views = {{7, 7, "team", 2, 3, false, false, false, false, "", ""},
-                                       {8, 80, "", 1, 0, false, true, false, false, "", ""},
-                                       {9, 9, "", 0, 0, false, false, false, false, "", ""}};
-  EXPECT_EQ(views, info.views);
 }
 
 }  // namespace

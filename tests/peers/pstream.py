@@ -1,22 +1,12 @@
 """Encoder and decoder of the daemon's tagged wire format, for test peers.
 
-Standard library only.  Every value starts with a one-byte tag (TAG_*
-below, each with its body); every multi-byte number is big-endian.
-
-    None                   null
-    int                    integer (signed 64-bit)
-    str / bytes            string (str is sent as UTF-8); decoded as str when
-                           the bytes are UTF-8, else bytes
-    list                   array
-    dict                   map (str or bytes keys)
-    Buffer(data)           buffer
-    Binary(data)           binary: the file content itself
-    BinaryEx(data, hash)   binary_ex: the file content and its digest text
-
-The writer behaves like the daemon's: members in bytewise key order, a key
-whose first character is '_' sent without it, an integer in 1, 2, 4 or 8
-bytes (as unsigned: below 2**8, below 2**16, upper half zero, else 8), and a
-string cut to its length modulo 65536.
+Every value is a one-byte tag (TAG_* below) and its body, numbers
+big-endian.  Python values: None, int (signed 64-bit), str / bytes (decoded
+as str when UTF-8), list, dict, Buffer, Binary (a file's content) and
+BinaryEx (a file's content and its digest text).  The writer behaves like
+the daemon's: members in bytewise key order, a leading '_' of a key dropped,
+integers in 1, 2, 4 or 8 bytes (as unsigned: below 2**8, below 2**16, upper
+half zero, else 8), strings cut to their length modulo 65536.
 """
 
 TAG_NULL = 0x00       # one byte 0x00
@@ -53,10 +43,6 @@ class Binary(_Bytes):
     """A file's byte range; on the wire only its content travels."""
 
 
-class Raw(_Bytes):
-    """Bytes already in wire form, sent as they are (large test input)."""
-
-
 class BinaryEx(_Bytes):
     """A file's byte range with the sender's digest text."""
 
@@ -90,8 +76,6 @@ def _encode(value, out):
         out += _sized(TAG_BUFFER, 4, value.data)
     elif isinstance(value, Binary):
         out += _sized(TAG_BINARY, 8, value.data)
-    elif isinstance(value, Raw):
-        out += value.data
     elif isinstance(value, BinaryEx):
         out.append(TAG_BINARY_EX)
         for member in ("binary", Binary(value.data), "send_hash", value.send_hash):

@@ -1,22 +1,14 @@
 #!/usr/bin/env python3
 """A simulated remote storage server for tests and the sandbox.
 
-Per request: an 8-byte header (magic 0x25521814, version 70, command, payload
-length; big-endian), then one request map.  Commands 25 query_server_info, 17
-query_user_info, 22 encrypt_channel (then TLS, not on --unix), N "cmd<N>".
-Listens on 127.0.0.1 at TCP --port (0: a free one, written to --ready FILE)
-and on the UNIX socket --unix PATH when given.
-
---script FILE, read again for every request:
-    {"replies": {"query_user_info": {"uid": 1026}, "*": {}},
-     "keep_alive": {"query_user_info": 2}, "keep_alive_every": 1.0,
-     "close_after_header": ["query_server_info"], "tls": {"cert": PEM, "key": PEM}}
-a reply may hold {"$binary": TEXT} (sent as a file) and {"$repeat": [VALUE, N]}
-(an array of N times VALUE); keep-alives go first, that many, seconds apart;
-close_after_header: the server ends its side after the header; tls: the
-certificate (chain) and key of the TLS switch instead of --cert/--key.
---record FILE: a JSON line per request, {"command": 25, "tls": true, "unix":
-false, "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
+Per request: an 8-byte header (magic, version 70, command, payload length),
+then one request map.  Listens on 127.0.0.1 at --port (0: a free one, written
+to --ready) and on the UNIX socket --unix when given.  --script, read again
+for every request: {"replies": {ACTION or "*": REPLY ({"$binary": TEXT} is
+sent as a file)}, "keep_alive": {ACTION: COUNT}, "keep_alive_every": SECONDS,
+"close_after_header": [ACTION], "tls": {"cert": PEM, "key": PEM} (instead of
+--cert/--key)}.  --record: a JSON line per request, {"command": N, "tls": ..,
+"unix": .., "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
 """
 
 import argparse
@@ -43,10 +35,6 @@ def from_json(value):
     """A scripted reply as a wire value ({"$binary": TEXT} as a file)."""
     if isinstance(value, dict) and list(value) == ["$binary"]:
         return pstream.Binary(value["$binary"].encode("utf-8"))
-    if isinstance(value, dict) and list(value) == ["$repeat"]:
-        element, n = value["$repeat"]
-        return pstream.Raw(bytes([pstream.TAG_ARRAY]) + pstream.encode(from_json(element)) * n +
-                           bytes([pstream.TAG_END]))
     if isinstance(value, dict):
         return {k: from_json(v) for k, v in value.items()}
     return [from_json(v) for v in value] if isinstance(value, list) else value
@@ -77,7 +65,7 @@ def serve_one(conn, args, is_unix):
             if magic != MAGIC or version != VERSION:
                 record(args.record, {"bad_header": raw.hex()})
                 return
-            action = COMMANDS.get(command, "cmd%d" % command)
+            action = COMMANDS.get(command, str(command))
             script = load_script(args.script, "remote_server")
             if action in script.get("close_after_header", []):
                 # Take in what the client still sends: no reset meets its request.

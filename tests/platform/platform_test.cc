@@ -152,19 +152,15 @@ TEST(ConnFinderTest, SystemProxyFromItsFile) {
     int result;
     const char* want;  // use_proxy use_system_proxy ip:port domain|user|password|host
   } kCases[] = {
-      {"enabled=yes\nhost=10.0.0.1\nport=3128\nusername=alice\npassword=pw\n", 0,
-       "10 10.0.0.1:3128 |||"},
       // Authentication asked for but without a password: the address only.
       {"enabled=yes\nhost=10.0.0.1\nport=3128\nauth_enabled=yes\nusername=alice\n", 0,
        "10 10.0.0.1:3128 |||"},
       {auth + "username=\"CORP\\alice\"\n", 0, "10 proxy.corp:8080 CORP|alice|pw|nas"},
-      {auth + "username=alice\n", 0, "10 proxy.corp:8080 |alice|pw|nas"},
       // The last backslash; a "/" before it.
       {auth + "username=\"A\\B\\carol\"\n", 0, "10 proxy.corp:8080 A\\B|carol|pw|nas"},
       {auth + "username=\"x/y\\z\"\n", 0, "10 proxy.corp:8080 x|y\\z|pw|nas"},
       // No proxy: the record is cleared.
       {"enabled=yes\nhost=10.0.0.1\n", -1, "00 :0 |||"},  // no port
-      {"enabled=no\nhost=10.0.0.1\nport=3128\n", -1, "00 :0 |||"},
       {"", -1, "00 :0 |||"},
       // Settings that cannot be read leave the record alone.
       {"enabled yes\n", -1, "11 stale:1 stale|stale|stale|stale"},

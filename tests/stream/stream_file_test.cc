@@ -119,7 +119,9 @@ TEST_F(PStreamFileTest, ResumedAndFreshFilesWithProgressOnBothEnds) {
   in.SetBinaryDir(dir_.path());
   in.SetDefaultHashAlgo("sha256");
   std::vector<std::pair<uint64_t, uint64_t>> received, sent;
+  size_t reports = 0;
   in.SetProgressCallback([&](uint64_t done, uint64_t total) {
+    ++reports;
     if (total != 0) received.emplace_back(done, total);
   });
   int send_rc = -100;
@@ -154,6 +156,9 @@ TEST_F(PStreamFileTest, ResumedAndFreshFilesWithProgressOnBothEnds) {
   uint64_t done = 1, total = 1;
   in.GetProgress(&done, &total);
   EXPECT_EQ(0u, done + total);
+  const size_t all_reports = reports;  // a value without files reports nothing
+  ASSERT_EQ(0, PStream().Send(&sender_, PObject(1)) + in.Recv(&receiver_, &got));
+  EXPECT_EQ(all_reports, reports);
   EXPECT_EQ(open_files, Entries("/proc/self/fd"));  // every file closed on both ends
 }
 

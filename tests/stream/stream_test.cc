@@ -173,6 +173,31 @@ TEST(PStreamTest, AnnouncedLengthsCostOnlyWhatArrivesAndTheCapCountsMemory) {
     EXPECT_EQ(c.rc, DecodeThroughChannel(c.bytes, &value, &capped)) << c.bytes.size();
     EXPECT_EQ(c.rc_uncapped, DecodeFromString(c.bytes, &value)) << c.bytes.size();
   }
+
+  // What a target already holds costs nothing more: 100 bytes into a buffer
+  // take one 112-byte chunk, as do the first four 24-byte elements of an
+  // array; a file resumed into a binary takes no memory.
+  TempDir dir;
+  const std::string hundred = Hex("20 00 00 00 64") + std::string(100, 'b');
+  const std::string file = Hex("30 00 00 00 00 00 00 00 01") + "f";
+  const struct {
+    PObject target;
+    std::string bytes;
+    uint64_t cap;
+    int rc;
+  } kTargets[] = {
+      {Buffer("x"), hundred, 112, 0},
+      {Buffer("x"), hundred, 111, -5},
+      {Array({}), Hex("41 00 00 40"), 112, 0},
+      {Array({}), Hex("41 00 00 40"), 111, -5},
+      {PObject(PObject::binary_type{0, 0, dir.File("resumed")}), file, 1, 0},
+  };
+  for (const auto& t : kTargets) {
+    PStream capped;
+    capped.SetSizeCap(t.cap);
+    value = t.target;
+    EXPECT_EQ(t.rc, DecodeThroughChannel(t.bytes, &value, &capped)) << t.cap;
+  }
 }
 
 TEST(PStreamTest, RefusedBinariesOpenNoFile) {
