@@ -43,6 +43,10 @@ class Binary(_Bytes):
     """A file's byte range; on the wire only its content travels."""
 
 
+class Raw(_Bytes):
+    """Bytes already in wire form, sent as they are (large test input)."""
+
+
 class BinaryEx(_Bytes):
     """A file's byte range with the sender's digest text."""
 
@@ -76,6 +80,8 @@ def _encode(value, out):
         out += _sized(TAG_BUFFER, 4, value.data)
     elif isinstance(value, Binary):
         out += _sized(TAG_BINARY, 8, value.data)
+    elif isinstance(value, Raw):
+        out += value.data
     elif isinstance(value, BinaryEx):
         out.append(TAG_BINARY_EX)
         for member in ("binary", Binary(value.data), "send_hash", value.send_hash):

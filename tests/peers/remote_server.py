@@ -5,10 +5,10 @@ Per request: an 8-byte header (magic, version 70, command, payload length),
 then one request map.  Listens on 127.0.0.1 at --port (0: a free one, written
 to --ready) and on the UNIX socket --unix when given.  --script, read again
 for every request: {"replies": {ACTION or "*": REPLY ({"$binary": TEXT} is
-sent as a file)}, "keep_alive": {ACTION: COUNT}, "keep_alive_every": SECONDS,
-"close_after_header": [ACTION], "tls": {"cert": PEM, "key": PEM} (instead of
---cert/--key)}.  --record: a JSON line per request, {"command": N, "tls": ..,
-"unix": .., "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
+sent as a file, {"$repeat": [VALUE, N]} as an array of N times VALUE)},
+"keep_alive": {ACTION: COUNT}, "keep_alive_every": SECONDS, "close_after_header":
+[ACTION], "tls": {"cert": PEM, "key": PEM} (instead of --cert/--key)}.  --record:
+a JSON line per request, {"command": N, "tls": .., "unix": .., "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
 """
 
 import argparse
@@ -35,6 +35,10 @@ def from_json(value):
     """A scripted reply as a wire value ({"$binary": TEXT} as a file)."""
     if isinstance(value, dict) and list(value) == ["$binary"]:
         return pstream.Binary(value["$binary"].encode("utf-8"))
+    if isinstance(value, dict) and list(value) == ["$repeat"]:
+        element, n = value["$repeat"]
+        return pstream.Raw(bytes([pstream.TAG_ARRAY]) + pstream.encode(from_json(element)) * n +
+                           bytes([pstream.TAG_END]))
     if isinstance(value, dict):
         return {k: from_json(v) for k, v in value.items()}
     return [from_json(v) for v in value] if isinstance(value, list) else value
