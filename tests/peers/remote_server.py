@@ -8,7 +8,8 @@ for every request: {"replies": {ACTION or "*": REPLY ({"$binary": TEXT} is
 sent as a file, {"$repeat": [VALUE, N]} as an array of N times VALUE)},
 "keep_alive": {ACTION: COUNT}, "keep_alive_every": SECONDS, "close_after_header":
 [ACTION], "tls": {"cert": PEM, "key": PEM} (instead of --cert/--key)}.  --record:
-a JSON line per request, {"command": N, "tls": .., "unix": .., "request": {...}}, else {"bad_header"|"bad_request"|"tls_error": TEXT}.
+a JSON line per request, {"command": N, "tls": .., "unix": .., "request": {...}},
+else {"bad_header"|"bad_request"|"tls_error": TEXT}.
 """
 
 import argparse
