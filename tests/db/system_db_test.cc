@@ -101,48 +101,6 @@ TEST_F(SystemDBTest, SchemaSeedsOpeningAndReopening) {
                                           "SELECT count(*) FROM backup_plan_table;"));
 }
 
-// Writes that SQLite refuses (one of each kind of row write) fail with their
-// own line and SQLite's code; reads of a missing row or of a table gone under
-// the open handle (found when stepped, then when prepared) fail with theirs.
-TEST_F(SystemDBTest, EveryFailureHasItsOwnLine) {
-  uint64_t conn = AddConnection("NX1");
-  uint64_t sess = AddSession(conn, "/volume1/docs/");
-  uint64_t orphan = AddSession(555, "/volume1/x/");  // its connection has no row
-  Sql("CREATE TRIGGER s BEFORE UPDATE ON session_table BEGIN SELECT RAISE(ABORT, 'frozen'); "
-      "END; CREATE TRIGGER c BEFORE UPDATE ON connection_table BEGIN SELECT "
-      "RAISE(ABORT, 'frozen'); END;");
-  const std::string f = " fail ret = 19 frozen";
-  ConnectionEntry e;
-  e.nx_id = "NX1";
-  SessionInfo s;
-  ASSERT_EQ(0, DB::getSessionInfoBySessionID(sess, &s));
-  int a, b, c, d;
-  log_.ExpectEach({
-      {[&] { return DB::setSessionStatus(sess, 0); }, -1, "ERROR setSessionStatus" + f},
-      {[&] { return DB::setLinkByConnection(conn, 0); }, -1, "ERROR setLinkByConnection" + f},
-      {[&] { return DB::updateUserInfo(conn, 1, 1, true); }, -1,
-       "ERROR update user info of #" + std::to_string(conn) + " failed (19)"},
-      {[&] { return DB::setSessionReadOnly(sess); }, -1,
-       "ERROR sqlite3_exec failed: ret = 19 [frozen]"},
-      {[&] { return DB::updateConnectionEntry(&e, e.proxy, e.tunnel); }, -1,
-       "ERROR updateConnectionEntry" + f},
-      {[&] { return DB::updateSessionInfo(&s); }, -1, "ERROR updateSessionInfo" + f},
-      {[&] { return DB::getSessionStatusAndErr(orphan, &a, &b, &c, &d); }, -1,
-       "DEBUG cannnot get getSessionStatusAndErr " + std::to_string(orphan)},
-      {[&] { return DB::getConnectionErr(999, &a); }, -1,
-       "WARNING cannnot get error code for connection 999"},
-      {[&] { return Sql("ALTER TABLE connection_table RENAME TO c_old;").size(); }, 0, ""},
-      {[&] { return DB::getConnectionEntryByConnID(1, &e); }, -1,
-       "ERROR sqlite3_step: [1] no such table: connection_table"},
-      {[&] { return DB::getConnectionEntryByConnID(1, &e); }, -1,
-       "ERROR getConnectionEntryByConnID: sqlite3_prepare_v2: no such table: connection_table (1)"},
-      {[&] { return DB::getConnectionErr(1, &a); }, -1,
-       "ERROR sqlite3_prepare_v2: no such table: connection_table (1)"},
-      {[&] { return Sql("ALTER TABLE c_old RENAME TO connection_table;").size(); }, 0, ""},
-      {[&] { return DB::getConnectionErr(conn, &a); }, 0, ""},
-  });
-}
-
 // Writes go to the rows named; the folders are stored with a trailing "/"
 // and read without; flags are stored as 1 and 0.
 TEST_F(SystemDBTest, SessionRows) {

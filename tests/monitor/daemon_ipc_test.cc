@@ -139,7 +139,7 @@ TEST_F(DaemonIpcTest, AddSession) {
   EXPECT_EQ(1u, peer_.TakeRequests().size());
 }
 
-TEST_F(DaemonIpcTest, ReloadConnectionWithAndWithoutSystemProxy) {
+TEST_F(DaemonIpcTest, ReloadConnection) {
   ConnectionEntry c = SampleConnection();  // its own proxy is never used
   c.id = 9;
   c.username = "alice";
@@ -152,19 +152,6 @@ TEST_F(DaemonIpcTest, ReloadConnectionWithAndWithoutSystemProxy) {
       "proxy_host": "", "tunnel_ip": "10.2.2.2", "tunnel_port": 65535,
       "session": "sess-token", "username": "alice", "computer_name": "pc",
       "package_version": 10234, "package_major": 7, "package_minor": 2})");
-  EXPECT_EQ(0, ReloadConnection(c));
-  EXPECT_EQ(std::vector<Json::Value>{want}, peer_.TakeRequests());
-
-  ASSERT_EQ(0, system(("mkdir -p '" + dir_.File("etc/vesta") + "'").c_str()));
-  dir_.Write("etc/vesta/proxy.conf",
-             "enabled=yes\nhost=10.0.0.1\nport=3128\nauth_enabled=yes\n"
-             "username=CORP\\alice\npassword=secret\n");
-  const Json::Value proxy = ParseJson(R"({"use_sys_proxy": 0, "proxy_ip": "10.0.0.1",
-      "proxy_port": 3128, "proxy_username": "alice", "proxy_password": "secret",
-      "proxy_domain": "CORP"})");
-  for (const std::string& key : proxy.getMemberNames()) want[key] = proxy[key];
-  std::string host = ReadFile("/proc/sys/kernel/hostname");  // the machine's name
-  want["proxy_host"] = host.substr(0, host.find('\n'));
   EXPECT_EQ(0, ReloadConnection(c));
   EXPECT_EQ(std::vector<Json::Value>{want}, peer_.TakeRequests());
 }

@@ -262,17 +262,6 @@ class MonitorTest(unittest.TestCase):
                 stops = log.find("monitor daemon stops receiving messages")
                 self.assertGreater(log.find("SystemDB has been deinitialzed", stops), stops, log)
 
-    def test_unbindable_socket_opens_nothing_and_removes_its_pid_file(self):
-        box = self.box
-        box.socket = os.path.join(box.root, "no-such-dir", "monitor.sock")
-        box.write_conf()
-        self.assertEqual(0, box.start())
-        self.assertTrue(wait_for(lambda: "failed to listen on socket '%s'" % box.socket
-                                 in box.log_text()), box.log_text())
-        self.assertTrue(wait_for(lambda: not os.path.exists(box.pid_file)))
-        self.assertFalse(os.path.exists(box.db))
-        self.assertNotIn("UpdateListShareConnections", box.log_text())
-
     def test_a_pid_file_naming_a_live_process_stops_the_start(self):
         box = self.box
         sleeper = subprocess.Popen(["sleep", "600"])
