@@ -295,6 +295,10 @@ TEST_F(WorkerTest, ServerChangesGoToHandleErrorInOrderOfPrecedence) {
     EXPECT_EQ(0, d.UpdateStatusFrom(DaemonStatus("disconnected", c.key, value)));
     EXPECT_EQ(c.error ? std::vector<int>{c.error} : std::vector<int>{}, d.errors);
     EXPECT_EQ(c.daemon_status, d.connection_status_list.front().daemon_status);
+    if (c.daemon_status == 2) {  // the new address is stored
+      EXPECT_EQ(c.text ? "192.0.2.99|0" : "|6691",
+                Sql("SELECT server_ip, server_port FROM connection_table;"));
+    }
   }
 }
 

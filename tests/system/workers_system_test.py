@@ -79,7 +79,6 @@ class WorkersTest(Workers):
         self.assertIn({"action": "resume", "session_id": 2}, box.requests("sync_daemon"))
         self.assertEqual("1026", box.sql("SELECT user_uid FROM connection_table;"))
         self.assertEqual("100|100|photo|1|0\n200|7|vault|2|1", box.sql(views))
-        self.assertEqual([], [line for line in box.log_text().splitlines() if "[ERROR]" in line])
         # Every request and its wire dump are logged, the login's value never.
         self.assertIn('"session": "***"', box.log_text())
         self.assertFalse(SESSION in box.log_text())
@@ -98,6 +97,8 @@ class WorkersTest(Workers):
             before = box.sql(sessions)
             self.assertTrue(listed(len(box.requests("remote_server")) + 2))
             self.assertEqual(before, box.sql(sessions), reply)
+        # A failed listing reads the sessions and changes none, without an error.
+        self.assertEqual([], [line for line in box.log_text().splitlines() if "[ERROR]" in line])
 
 
 class RemoteServerTest(Workers):
