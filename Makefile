@@ -76,7 +76,7 @@ bench: setup
 	cmake --build build-bench -j $(JOBS)
 	tools/run-bench.sh build-bench
 
-# Every libFuzzer target of tests/fuzz/, five minutes each, one after the
+# Every libFuzzer target of fuzz/, five minutes each, one after the
 # other (ctest runs each for a short while: the wire decoder 30 seconds,
 # the others 10 seconds).
 fuzz: setup

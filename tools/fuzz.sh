@@ -1,13 +1,13 @@
 #!/bin/sh
-# Builds one libFuzzer target of tests/fuzz/ with clang (AddressSanitizer and
+# Builds one libFuzzer target of fuzz/ with clang (AddressSanitizer and
 # UndefinedBehaviorSanitizer) and runs it for SECONDS (default 60); "all" runs
 # every target in turn.  Exit 77 when clang++ is missing, so ctest reports a
 # skip.
 #
 #   tools/fuzz.sh TARGET|all [SECONDS]     FUZZ_BUILD=dir overrides build-fuzz/
 #
-# A target is tests/fuzz/TARGET.cc; its seeds are tests/fuzz/corpus-TARGET/
-# (the wire decoder's: tests/fuzz/corpus/), the inputs it finds go to
+# A target is fuzz/TARGET.cc; its seeds are fuzz/corpus-TARGET/
+# (the wire decoder's: fuzz/corpus/), the inputs it finds go to
 # build-fuzz/corpus-TARGET/.  -max_len follows the largest seed (at least
 # 4096 bytes).
 set -eu
@@ -19,7 +19,7 @@ build=${FUZZ_BUILD:-$root/build-fuzz}
 cxx=${FUZZ_CXX:-clang++}
 
 if [ "$target" = all ]; then
-  for src in "$root"/tests/fuzz/*.cc; do
+  for src in "$root"/fuzz/*.cc; do
     "$0" "$(basename "$src" .cc)" "$seconds"
   done
   exit 0
@@ -46,9 +46,9 @@ headers=$(for d in $dirs; do ls "$root/$d"/*.h; done)
 newest_header=$(ls -t $headers | head -n 1)
 stale=""
 objects=""
-for src in $(for d in $dirs; do ls "$root/$d"/*.cc; done) "$root/tests/fuzz/$target.cc"; do
+for src in $(for d in $dirs; do ls "$root/$d"/*.cc; done) "$root/fuzz/$target.cc"; do
   obj="$build/obj/$(echo "${src#$root/}" | tr / _).o"
-  [ "$src" = "$root/tests/fuzz/$target.cc" ] || objects="$objects $obj"
+  [ "$src" = "$root/fuzz/$target.cc" ] || objects="$objects $obj"
   if [ ! -f "$obj" ] || [ "$src" -nt "$obj" ] || [ "$newest_header" -nt "$obj" ]; then
     stale="$stale $src"
   fi
@@ -61,14 +61,14 @@ if [ -n "$stale" ]; then
   rm -f "$build/libvesta.a"
 fi
 [ -f "$build/libvesta.a" ] || ar rcs "$build/libvesta.a" $objects
-main="$build/obj/tests_fuzz_$target.cc.o"
+main="$build/obj/fuzz_$target.cc.o"
 if [ ! -x "$build/$target" ] || [ "$main" -nt "$build/$target" ] || [ "$build/libvesta.a" -nt "$build/$target" ]; then
   $cxx -fsanitize=fuzzer,address,undefined "$main" "$build/libvesta.a" $libs -lpthread -o "$build/$target"
 fi
 flock -u 9
 
-seeds="$root/tests/fuzz/corpus-$target"
-[ "$target" != pstream_fuzz ] || seeds="$root/tests/fuzz/corpus"
+seeds="$root/fuzz/corpus-$target"
+[ "$target" != pstream_fuzz ] || seeds="$root/fuzz/corpus"
 # New inputs go to the build folder; the committed seeds stay as they are.
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 status="$build/status-$$"
