@@ -1,4 +1,5 @@
-// Existence and recursive removal as root, which never leaves the tree.
+// Existence and recursive removal as root, which never leaves the tree and
+// never takes a failed listing for its end.
 #include "sdk/fslib/fslib.h"
 
 #include <fcntl.h>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <thread>
 
+#include "platform/dir_reader.h"
 #include "tests/common/temp_dir.h"
 
 namespace {
@@ -34,6 +36,15 @@ TEST(FslibTest, ExistenceAndRecursiveRemoval) {
   EXPECT_EQ(-1, RemovePath(tree));
   EXPECT_EQ(0, RemovePath(keep + "/precious"));
   EXPECT_FALSE(PathExists(keep + "/precious"));
+
+  // A listing that fails part way (as on a 64-bit directory offset without
+  // 64-bit offsets) fails the removal: it is never taken for the end.
+  DirReader::read_entry = [](DIR*) -> struct dirent* {
+    errno = EOVERFLOW;
+    return nullptr;
+  };
+  EXPECT_EQ(-1, RemovePath(keep));
+  DirReader::read_entry = readdir;
 }
 
 // tree/sub is swapped for a link to `target` while the walk opens it (held
