@@ -9,16 +9,26 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
 
+#include "platform/dir_reader.h"
+#include "platform/users.h"
 #include "sdk/sdk-cpp.h"
 #include "sdk/share-service.h"
 #include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
 
 namespace {
+
+// A listing that fails as on a 64-bit directory offset without 64-bit offsets.
+struct dirent* FailingReaddir(DIR* /*dir*/) {
+  errno = EOVERFLOW;
+  return nullptr;
+}
 
 // Share files below a fresh VESTA_ROOT.
 class ShareTest : public ::testing::Test {
@@ -71,6 +81,21 @@ TEST_F(ShareTest, PathEncryptionAndMount) {
   for (const char* name : {"../shares/flag", "..", "", "absent", "relative", "flag", "broken"}) {
     EXPECT_EQ(nullptr, SDK::GetShare(name)) << name;
   }
+}
+
+// A mask named by a share for a user is that user's permission on the
+// folder, whatever its mode bits; a listing of the shares that fails (as
+// on a 64-bit directory offset without 64-bit offsets) fails the
+// calculation rather than let the mode bits grant more.
+TEST_F(ShareTest, AclMaskOfAShareThatCannotBeListed) {
+  const std::string data = dir_.path();
+  Write("a", data, "acl_mask=\"ROOT:0x74\"\n");
+  uint32_t mask = 0;
+  EXPECT_EQ(0, ZEPHACLPermCalc(data.c_str(), "root", &mask));
+  EXPECT_EQ(0x74u, mask);
+  DirReader::read_entry = FailingReaddir;
+  EXPECT_EQ(-1, ZEPHACLPermCalc(data.c_str(), "root", &mask));
+  DirReader::read_entry = readdir;
 }
 
 // The platform lock is re-entered by its holder, deaf to a foreign Unlock
