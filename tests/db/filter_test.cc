@@ -110,39 +110,6 @@ TEST_F(FilterFileTest, EveryByteValueRoundTrips) {
   EXPECT_EQ(Render(f.config()), Render(back.config()));
 }
 
-TEST_F(FilterFileTest, LoadRulesAliasesAndMaxima) {
-  const std::string body =
-      "[Common]\nblack_path_prefix_selective_sync = \"p\"\nmax_length = 143\n"
-      "[File]\nblack_ext_selective_sync = \"x\"\nblack_name_selective_sync = \"n\"\n"
-      "max_size_selective_sync = 10\nfuture_key = \"?\"\n";
-  const std::string later = dir_.Write("later", "[Version]\nmajor = 1\nminor = 2\n" + body);
-  const std::string kEmpty = Render(FilterFile().config());
-  FilterFile f;
-  ASSERT_EQ(0, f.Load(later));
-  EXPECT_EQ("1.2 143 0 10 <null> <null> <null> | | | | 1:p | | | | 1:x | 1:n | | | |",
-            Render(f.config()));
-  // The alias keys are never written.
-  ASSERT_EQ(0, f.Write(dir_.File("out")));
-  EXPECT_EQ(std::string::npos, ReadFile(dir_.File("out")).find("selective_sync"));
-
-  // Unknown keys in a file of minor 0, or of another major, and a broken
-  // file: refused, emptied.
-  for (const std::string& bad : {"[Version]\nmajor = 1\nminor = 0\n" + body,
-                                 "[Version]\nmajor = 2\nminor = 1\n" + body,
-                                 std::string("[Version]\nmajor = 1\n[Common]\nmax_length = x\n")}) {
-    ASSERT_EQ(0, f.Load(later));
-    EXPECT_EQ(-1, f.Load(dir_.Write("bad", bad))) << bad;
-    EXPECT_EQ(kEmpty, Render(f.config())) << bad;
-  }
-  EXPECT_EQ(-1, f.Load(dir_.File("absent")));
-  // Without unknown keys any version loads.
-  ASSERT_EQ(0, f.Load(dir_.Write("plain", "[Version]\nmajor = 0\nminor = 0\n[EA]\n")));
-
-  EXPECT_EQ(0, f.SetMaximum(kFilterMaxLength, 143));
-  EXPECT_EQ(0, f.SetMaximum(kFilterMaxPath, 4095));
-  EXPECT_EQ("0.0 143 4095 0", Render(f.config()).substr(0, 14));
-}
-
 TEST_F(FilterFileTest, CleanUpFilterDatabase) {
   LogCapture log(dir_, kDbLevels);
   const std::string db = dir_.File("filter.sqlite");

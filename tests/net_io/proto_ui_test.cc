@@ -9,7 +9,6 @@
 #include "json/json.h"
 #include "log/logger.h"
 #include "net/cat/controller.h"
-#include "net/proto-error.h"
 #include "net/proto-ui.h"
 #include "tests/common/shell.h"
 #include "tests/common/sync_daemon_peer.h"
@@ -99,36 +98,6 @@ TEST_F(ProtoUITest, KeepAlivesHoldAnExchangeNoLongerThanTwiceItsTimeOut) {
   EXPECT_EQ(-1, ui.QueryServerInfo(&info));
   EXPECT_EQ("-200 stream error while receiving response",
             std::to_string(ui.GetErrorCode()) + " " + ui.GetErrorReason());
-}
-
-// The server-error table by its shape: 0 is no error; the private range
-// maps to -904 with the server's code as sub-code; in every group of the
-// top four of the low 16 bits all codes but a few of its first fall back to
-// the group's code; a few rows typed from the protocol's list.  Channel and
-// stream codes that no exchange above produces.
-TEST(ProtoErrorTest, Mappings) {
-  const int kFallback[16] = {-400, -700,  -600, -500, -400, -300, -802, -401,
-                             -400, -1100, -400, -400, -400, -400, -904, -400};
-  std::vector<int> listed(16);  // per group: the codes that do not fall back
-  for (int code = 1; code <= 0xFFFF; ++code) {
-    int sub_code = -1;
-    const int mapped = MapServerError(code, &sub_code);
-    EXPECT_EQ(mapped == -904 ? code : 0, sub_code) << std::hex << code;
-    if (mapped == kFallback[code >> 12]) continue;
-    ++listed[code >> 12];
-    EXPECT_LE(code & 0xFFF, 0x14) << std::hex << code;
-  }
-  EXPECT_EQ((std::vector<int>{0, 13, 2, 6, 3, 2, 1, 13, 5, 14, 4, 0, 5, 2, 0, 0}), listed);
-  const int64_t kRows[][2] = {{0, 0},         {0x100B, -711},  {0x100C, -700},  {0x3003, -504},
-                              {0x3004, -503}, {0x7008, -1109}, {0x8005, -1200}, {0x900E, -1101},
-                              {0xD002, -204}, {0x17008, -401}, {0x1E123, -400}};
-  for (const auto& row : kRows) {
-    int sub_code = -1;
-    EXPECT_EQ(row[1], MapServerError(row[0], &sub_code)) << std::hex << row[0];
-  }
-  EXPECT_EQ((std::vector<int>{-301, -200, -100, -200}),
-            (std::vector<int>{MapChannelError(-5), MapChannelError(-4), MapStreamError(-6),
-                              MapStreamError(-7)}));
 }
 
 TEST_F(ProtoUITest, FailuresAndOddReplies) {

@@ -5,21 +5,17 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "platform/dir_reader.h"
 #include "platform/users.h"
 #include "sdk/sdk-cpp.h"
 #include "sdk/share-service.h"
-#include "tests/common/shell.h"
 #include "tests/common/temp_dir.h"
 
 namespace {
@@ -96,38 +92,6 @@ TEST_F(ShareTest, AclMaskOfAShareThatCannotBeListed) {
   DirReader::read_entry = FailingReaddir;
   EXPECT_EQ(-1, ZEPHACLPermCalc(data.c_str(), "root", &mask));
   DirReader::read_entry = readdir;
-}
-
-// The platform lock is re-entered by its holder, deaf to a foreign Unlock
-// and held until the last level is given back; a share operation of another
-// thread waits for it.
-TEST_F(ShareTest, OperationsWaitForThePlatformLock) {
-  auto s = Make("/volume1/photo", "");
-  ASSERT_TRUE(s);
-  SDK::ReentrantMutex& mutex = SDK::ReentrantMutex::GetInstance();
-  mutex.Lock("outer");
-  mutex.Lock("inner");
-  EXPECT_EQ("/volume1/photo", s->GetPath());  // a third level
-  std::thread([&] { mutex.Unlock(); }).join();
-  mutex.Unlock();
-  std::atomic<pid_t> tid{0};
-  std::atomic<bool> done{false};
-  std::thread other([&] {
-    tid = static_cast<pid_t>(syscall(SYS_gettid));
-    s->IsMounted();
-    done = true;
-  });
-  // Until it gets through or sleeps on a futex (its wait channel: not a
-  // syscall number, which under an emulator is the host's).
-  EXPECT_TRUE(WaitFor([&] {
-    return done || (tid != 0 &&
-                    ReadFile("/proc/self/task/" + std::to_string(tid) + "/wchan").find("futex") !=
-                        std::string::npos);
-  }));
-  EXPECT_FALSE(done);
-  mutex.Unlock();
-  other.join();
-  EXPECT_TRUE(done);
 }
 
 }  // namespace

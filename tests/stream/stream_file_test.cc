@@ -1,7 +1,6 @@
 // PStream's files over a UNIX socket pair: where a received file lands
-// (fresh name, resumed target), digests and progress on both ends, a hostile
-// binary_ex, and what a failed send or receive leaves behind (a full disk, a
-// peer gone mid-file: files move through the Channel and the buffered
+// (fresh name, resumed target), digests and progress on both ends, and what
+// a failed receive leaves behind (a full disk, a peer gone mid-file: files move through the Channel and the buffered
 // stream, whose own tests leave them to these).  Their bytes on the wire are
 // the cross-check's (tests/peers).  The daemon itself takes no file from a
 // peer and sends none.
@@ -160,40 +159,6 @@ TEST_F(PStreamFileTest, ResumedAndFreshFilesWithProgressOnBothEnds) {
   ASSERT_EQ(0, PStream().Send(&sender_, PObject(1)) + in.Recv(&receiver_, &got));
   EXPECT_EQ(all_reports, reports);
   EXPECT_EQ(open_files, Entries("/proc/self/fd"));  // every file closed on both ends
-}
-
-// Of a binary_ex from a peer only the last "binary" member that is a binary
-// is kept; the files of the others go.
-TEST_F(PStreamFileTest, BinaryExKeepsOnlyItsLastFile) {
-  const std::string value = Hex("43") + WireString("binary") + Hex("30 00 00 00 00 00 00 00 01") +
-                            "a" + WireString("binary") + Hex("30 00 00 00 00 00 00 00 01") + "b" +
-                            WireString("other") + Hex("30 00 00 00 00 00 00 00 01") + "c" +
-                            WireString("send_hash") + Hex("30 00 00 00 00 00 00 00 01") + "d" +
-                            WireString("binary") + WireString("e") + Hex("40");
-  ASSERT_EQ(0, sender_.Write(value.data(), value.size()) + sender_.Flush(0));
-  PStream in;
-  in.SetBinaryDir(dir_.path());
-  PObject got;
-  ASSERT_EQ(0, in.Recv(&receiver_, &got));
-  EXPECT_EQ("b", ReadFile(got.AsBinaryEx().path));
-  EXPECT_EQ("", got.AsBinaryEx().send_hash);
-  EXPECT_EQ(1, Entries(dir_.path()));
-}
-
-TEST_F(PStreamFileTest, SendFailures) {
-  LogCapture log(dir_, "");
-  PObject missing;
-  missing["f"].MutableBinaryEx().path = dir_.File("missing");
-  EXPECT_EQ(-1, PStream().Send(&sender_, missing));
-  const PObject::binary_ex_type unknown{dir_.Write("s", "abc"), 0, 3, "no-such-digest", "", ""};
-  EXPECT_EQ(-1, PStream().Send(&sender_, PObject(unknown)));
-  EXPECT_EQ("ERROR open(" + dir_.File("missing") +
-                ") error\nERROR Error stack: f.binary\n"
-                "ERROR failed to initial channel hashing 'no-such-digest'\n"
-                "ERROR Error stack: binary\n",
-            log.Take());
-  sender_.Close();
-  EXPECT_EQ(-2, PStream().Send(&sender_, PObject(1)));
 }
 
 // A binary whose bytes stop short (the peer goes), may not grow (EFBIG) or
