@@ -163,10 +163,8 @@ TEST(ServiceSettingTest, VolumePathsLockAndFailures) {
                     lock = dir.File(etc + "setting.conf.lock");
   ServiceSetting setting(config);
   std::string v;
-  EXPECT_EQ(-1, setting.GetServiceVolume(&v));  // no configuration
-
   dir.Write(etc + "service.conf", "other=1\n");
-  EXPECT_EQ(-1, setting.GetFilterDbPath(&v));
+  EXPECT_EQ(-1, setting.GetFilterDbPath(&v));  // no volume
 
   dir.Write(etc + "service.conf", "other=1\nvolume=/volume2\n");
   std::string root, filter, big, db, conf;

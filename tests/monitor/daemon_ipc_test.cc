@@ -114,12 +114,6 @@ TEST_F(DaemonIpcTest, AddSession) {
   peer_.ExpectRequests({add, R"({"action": "add_event", "session_id": 12,
                                  "type": "three_way_merge", "path": "/"})"});
 
-  // perm_mode names, outside the table ""; a named share's path is the
-  // share hooks' system test.
-  std::string names;
-  for (int mode = -1; mode < 4; ++mode) names += PermModeName(mode) + std::string("|");
-  EXPECT_EQ("|sync-all|domain-only|exec-bit-only||", names);
-
   // A rejected add has no follow-up; the last two fail before anything is sent.
   peer_.SetScript(R"({"replies": {"add_session": {"error": "no"}}})");
   SessionInfo file = HomeSession(), unknown = HomeSession();

@@ -5,7 +5,6 @@
 // stream's (buffered_io_test.cc).
 #include <unistd.h>
 
-#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
@@ -95,22 +94,6 @@ TEST(TlsTest, ChainHostOrSignatureChecks) {
   Channel ch;
   ch.SetTrustBySignature(false);
   EXPECT_EQ(-24, connect_tls(&ch, "server"));
-}
-
-TEST(ChannelTest, CancelFlagStopsConnectsAndReads) {
-  net_io_test::Listener listener;
-  std::atomic<int> cancel{1};
-  Channel ch;
-  ch.SetCancelFlag(&cancel);
-  EXPECT_EQ(-2, ch.Open("127.0.0.1", listener.port()));
-  cancel = 0;
-  EXPECT_EQ(0, ch.Open("127.0.0.1", listener.port()));
-  int accepted = listener.Accept();
-  cancel = 1;  // a set flag also stops reads at once
-  char buf[1];
-  EXPECT_EQ(-2, ch.Read(buf, 1));
-  EXPECT_EQ(-2, ch.GetIOError());
-  close(accepted);
 }
 
 }  // namespace

@@ -70,6 +70,10 @@ TEST(PStreamTest, InputOnlyAnotherWriterMakes) {
               DecodeFromString(in.bytes, &value) + DecodeThroughChannel(in.bytes, &from_channel));
     EXPECT_EQ(in.json + in.json, ToJson(value) + ToJson(from_channel));
   }
+  PObject target = Map({{"old", PObject(1)}});
+  const PObject& old = target.Lookup("old");  // a reference into the map outlives the merge
+  ASSERT_EQ(0, DecodeFromString(Hex("42") + k + Hex("01 01 01 40"), &target));
+  EXPECT_EQ(1, old.AsInteger());
   // A buffer decoded into a longer one.
   PObject buffer = Buffer("0123456789abcdef");
   ASSERT_EQ(0, DecodeFromString(Hex("20 00 00 00 09 41 42 43 44 45 46 47 48 49"), &buffer));
