@@ -239,6 +239,9 @@ class PStream {
   int ReadString(PObject* target);
   int ReadBuffer(PObject* target);
   int ReadArray(PObject* target);
+  // Makes the next tag of a map visible; *end is true, and the tag is
+  // consumed, when it closes the map.
+  int AtMapEnd(bool* end);
   // A map key; the caller has made its tag visible.
   int ReadKey(std::string_view* key);
   int ReadMap(PObject* target);

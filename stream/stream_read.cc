@@ -243,12 +243,9 @@ int PStream::ReadBinaryEx(PObject* target) {
   BinaryExParts parts;
   rc = EnterContainer('{');
   while (rc == kOk) {
-    rc = Need(1);
-    if (rc != kOk) break;
-    if (*in_pos_ == kTagEnd) {
-      ++in_pos_;
-      break;
-    }
+    bool end = false;
+    rc = AtMapEnd(&end);
+    if (rc != kOk || end) break;
     std::string_view read;
     rc = ReadKey(&read);
     if (rc == kOk) rc = Charge(StdStringCost(read.size()));

@@ -75,18 +75,23 @@ int PStream::ReadKey(std::string_view* key) {
   return kOk;
 }
 
+int PStream::AtMapEnd(bool* end) {
+  int rc = Need(1);
+  if (rc != kOk) return rc;
+  *end = *in_pos_ == kTagEnd;
+  if (*end) ++in_pos_;
+  return kOk;
+}
+
 int PStream::ReadMap(PObject* target) {
   int rc = EnterContainer('{');
   if (rc == kOk) rc = Charge(target->IsMap() ? 0 : BlockCost(sizeof(PObject::map_type)));
   if (rc != kOk) return rc;
   PObject::map_type& members = target->MutableMap();
   for (;;) {
-    rc = Need(1);
-    if (rc != kOk) break;
-    if (*in_pos_ == kTagEnd) {
-      ++in_pos_;
-      break;
-    }
+    bool end = false;
+    rc = AtMapEnd(&end);
+    if (rc != kOk || end) break;
     std::string_view key;
     rc = ReadKey(&key);
     if (rc != kOk) break;
